@@ -1,0 +1,51 @@
+// Frame utilities shared by every port: size rules, owning frame copies and
+// the capture media-subtype mapping.
+#pragma once
+#include <cstdint>
+#include <vector>
+
+#include "kivcapture.h"
+
+namespace kiv {
+
+// Bytes a frame of this format and size needs in its buffer; for compressed
+// formats the payload length (strides[0]) is the size, so -1 is returned.
+int64_t RequiredFrameBytes(int32_t format, int32_t width, int32_t height);
+
+// Strides and second plane a producer sets for a tightly packed buffer.
+void FillPackedLayout(KivVideoFrame* frame, uint8_t* buffer);
+
+bool IsUncompressed(int32_t format);
+
+// A frame that owns its planes. Copy() reuses the buffers, so a warmed-up
+// copy allocates nothing. Rows are copied top-down with positive strides
+// whatever the sign of the source strides.
+class FrameCopy {
+public:
+    // Returns true when plane 0 was copied.
+    bool Copy(const KivVideoFrame& source);
+    const KivVideoFrame& Frame() const { return frame_; }
+    KivVideoFrame& Frame() { return frame_; }
+    bool Empty() const { return frame_.planes[0] == nullptr; }
+    void Clear();
+
+private:
+    KivVideoFrame frame_{};
+    std::vector<uint8_t> planes_[2];
+};
+
+// Windows GUID layout, so the mapping is testable without Windows headers.
+struct Guid {
+    uint32_t data1;
+    uint16_t data2;
+    uint16_t data3;
+    uint8_t data4[8];
+};
+
+// Maps a capture media subtype to a pixel format; 0 when unknown.
+int32_t PixelFormatFromSubtype(const Guid& subtype);
+
+// Steady clock in 100 ns units, the time base of frame timestamps.
+int64_t SteadyNow100ns();
+
+}  // namespace kiv

@@ -1,0 +1,64 @@
+#include "test_support.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "../../src/ports/kiv_frame.h"
+
+namespace kivtest {
+
+LibraryScope::LibraryScope() { EXPECT_EQ(KIV_Init(), KIV_OK); }
+LibraryScope::~LibraryScope() { KIV_Shutdown(); }
+
+OwnedFrame::OwnedFrame(int32_t format, int32_t width, int32_t height, uint8_t fill) {
+    frame.format = format;
+    frame.width = width;
+    frame.height = height;
+    const int64_t need = kiv::RequiredFrameBytes(format, width, height);
+    bytes.assign(static_cast<size_t>(need > 0 ? need : 1), fill);
+    kiv::FillPackedLayout(&frame, bytes.data());
+}
+
+std::basic_string<KivWChar> Wide(const std::string& text) {
+    std::basic_string<KivWChar> out;
+    size_t i = 0;
+    while (i < text.size()) {
+        unsigned char c = static_cast<unsigned char>(text[i]);
+        uint32_t cp = c;
+        int extra = 0;
+        if (c >= 0xF0) { cp = c & 0x07; extra = 3; }
+        else if (c >= 0xE0) { cp = c & 0x0F; extra = 2; }
+        else if (c >= 0xC0) { cp = c & 0x1F; extra = 1; }
+        ++i;
+        for (int k = 0; k < extra && i < text.size(); ++k, ++i) cp = (cp << 6) | (static_cast<unsigned char>(text[i]) & 0x3F);
+        if (cp >= 0x10000) {
+            cp -= 0x10000;
+            out.push_back(static_cast<KivWChar>(0xD800 + (cp >> 10)));
+            out.push_back(static_cast<KivWChar>(0xDC00 + (cp & 0x3FF)));
+        } else {
+            out.push_back(static_cast<KivWChar>(cp));
+        }
+    }
+    return out;
+}
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream in(std::filesystem::u8path(path), std::ios::binary);
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+std::string TempDir(const std::string& name) {
+    std::filesystem::path dir = std::filesystem::temp_directory_path() / ("kivtest_" + name);
+    std::error_code ec;
+    std::filesystem::remove_all(dir, ec);
+    std::filesystem::create_directories(dir, ec);
+    return dir.u8string();
+}
+
+}  // namespace kivtest
