@@ -1,0 +1,223 @@
+#include "kiv_cube_lut.h"
+
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+#include "kiv_wide_path.h"
+
+namespace kiv {
+
+namespace {
+
+constexpr size_t kLineBuffer = 1024;
+
+bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f'; }
+
+const char* SkipBlanks(const char* p) {
+    while (IsBlank(*p)) ++p;
+    return p;
+}
+
+// One "%f" conversion of the formatted scan, locale-independent: leading
+// white space, an optional sign, then a decimal (with exponent), inf or nan.
+bool ScanFloat(const char*& p, float* value) {
+    const char* s = SkipBlanks(p);
+    bool negative = false;
+    if (*s == '+' || *s == '-') {
+        negative = *s == '-';
+        ++s;
+        if (*s == '+' || *s == '-') return false;
+    }
+    const char* end = s + std::strlen(s);
+    float v = 0.0f;
+    auto result = std::from_chars(s, end, v, std::chars_format::general);
+    if (result.ec == std::errc::result_out_of_range) {
+        // Out-of-range numbers scan as infinity or zero, as the C library does.
+        double d = 0.0;
+        auto wide = std::from_chars(s, end, d, std::chars_format::general);
+        if (wide.ec != std::errc() && wide.ec != std::errc::result_out_of_range) return false;
+        v = static_cast<float>(d);
+        result.ptr = wide.ptr;
+    } else if (result.ec != std::errc()) {
+        return false;
+    }
+    *value = negative ? -v : v;
+    p = result.ptr;
+    return true;
+}
+
+// One "%d" conversion; values beyond 32 bits saturate.
+bool ScanInt(const char*& p, int64_t* value) {
+    const char* s = SkipBlanks(p);
+    bool negative = false;
+    if (*s == '+' || *s == '-') {
+        negative = *s == '-';
+        ++s;
+    }
+    if (*s < '0' || *s > '9') return false;
+    int64_t v = 0;
+    while (*s >= '0' && *s <= '9') {
+        if (v < (int64_t{1} << 40)) v = v * 10 + (*s - '0');
+        ++s;
+    }
+    *value = negative ? -v : v;
+    p = s;
+    return true;
+}
+
+// "KEYWORD %f %f %f" with all three converted; keyword may be empty.
+bool ScanTriple(const char* line, const char* keyword, float out[3]) {
+    const size_t n = std::strlen(keyword);
+    if (std::strncmp(line, keyword, n) != 0) return false;
+    const char* p = line + n;
+    float v[3];
+    for (float& x : v) {
+        if (!ScanFloat(p, &x)) return false;
+    }
+    out[0] = v[0];
+    out[1] = v[1];
+    out[2] = v[2];
+    return true;
+}
+
+struct GatheredCube {
+    int64_t size = 0;
+    float domainMin[3] = {0.0f, 0.0f, 0.0f};
+    float domainMax[3] = {1.0f, 1.0f, 1.0f};
+    std::vector<float> values;
+};
+
+// Cuts the comment and surrounding blanks; returns the start of what is left.
+char* CleanLine(char* line) {
+    if (char* hash = std::strchr(line, '#')) *hash = '\0';
+    size_t len = std::strlen(line);
+    while (len > 0 && (line[len - 1] == '\r' || line[len - 1] == '\n' || line[len - 1] == ' ' || line[len - 1] == '\t')) {
+        line[--len] = '\0';
+    }
+    while (*line == ' ' || *line == '\t') ++line;
+    return line;
+}
+
+// Reads every line; false only for a size line out of range.
+bool Gather(const char* text, bool skipTitle, GatheredCube* cube) {
+    char buffer[kLineBuffer];
+    const char* p = text;
+    while (*p) {
+        // Keep at most 1023 characters; the tail of a longer line is dropped.
+        size_t len = 0;
+        while (p[len] && p[len] != '\n' && len < kLineBuffer - 1) ++len;
+        std::memcpy(buffer, p, len);
+        buffer[len] = '\0';
+        p += len;
+        while (*p && *p != '\n') ++p;
+        if (*p == '\n') ++p;
+
+        const char* line = CleanLine(buffer);
+        if (*line == '\0') continue;
+
+        if (std::strncmp(line, "LUT_3D_SIZE", 11) == 0) {
+            const char* q = line + 11;
+            int64_t size = 0;
+            if (ScanInt(q, &size)) {
+                if (size < 2 || size > 128) return false;
+                cube->size = size;
+                continue;
+            }
+        }
+        if (ScanTriple(line, "DOMAIN_MIN", cube->domainMin)) continue;
+        if (ScanTriple(line, "DOMAIN_MAX", cube->domainMax)) continue;
+        if (skipTitle && std::strncmp(line, "TITLE", 5) == 0) continue;
+        float rgb[3];
+        if (ScanTriple(line, "", rgb)) cube->values.insert(cube->values.end(), rgb, rgb + 3);
+    }
+    return true;
+}
+
+// Steps shared after gathering: the edge length, from the size line or the
+// entry count, and enough entries for it. Returns 0 on failure.
+int64_t ResolveDim(const GatheredCube& cube) {
+    const int64_t entries = static_cast<int64_t>(cube.values.size() / 3);
+    if (cube.size == 0) {
+        const int64_t n = static_cast<int64_t>(std::pow(static_cast<double>(entries), 1.0 / 3.0) + 0.5);
+        if (n < 2 || n * n * n != entries) return 0;
+        return n;
+    }
+    if (entries < cube.size * cube.size * cube.size) return 0;
+    return cube.size;
+}
+
+float Clamp01(float v) {
+    if (!(v >= 0.0f)) return 0.0f;  // also not-a-number
+    return v > 1.0f ? 1.0f : v;
+}
+
+}  // namespace
+
+bool ReadWholeFile(const KivWChar* path, std::vector<char>* out) {
+    if (!path || path[0] == 0 || !out) return false;
+    std::FILE* f = OpenWideFile(path, "rb");
+    if (!f) return false;
+    long size = -1;
+    if (std::fseek(f, 0, SEEK_END) == 0) size = std::ftell(f);
+    if (size < 0) {
+        std::fclose(f);
+        return false;
+    }
+    std::fseek(f, 0, SEEK_SET);
+    out->assign(static_cast<size_t>(size) + 1, '\0');
+    const size_t got = size > 0 ? std::fread(out->data(), 1, static_cast<size_t>(size), f) : 0;
+    std::fclose(f);
+    out->resize(got + 1);
+    (*out)[got] = '\0';
+    return true;
+}
+
+bool ParseCubeForColorEngine(const char* text, Kiv3DLutData* out) {
+    if (!text || !out) return false;
+    GatheredCube cube;
+    if (!Gather(text, false, &cube)) return false;
+    const int64_t n = ResolveDim(cube);
+    if (n == 0) return false;
+    for (int c = 0; c < 3; ++c) {
+        if (cube.domainMax[c] == cube.domainMin[c]) return false;
+    }
+    const size_t count = static_cast<size_t>(n * n * n * 3);
+    out->dim = static_cast<int32_t>(n);
+    std::memcpy(out->domainMin, cube.domainMin, sizeof(out->domainMin));
+    std::memcpy(out->domainMax, cube.domainMax, sizeof(out->domainMax));
+    out->values.resize(count);
+    out->bytes.resize(count);
+    for (size_t i = 0; i < count; ++i) {
+        const float v = Clamp01(cube.values[i]);
+        out->values[i] = v;
+        out->bytes[i] = static_cast<uint8_t>(v * 255.0f + 0.5f);
+    }
+    return true;
+}
+
+bool ParseCubeForRender(const char* text, KivRenderLutData* out) {
+    if (!text || !out) return false;
+    GatheredCube cube;
+    if (!Gather(text, true, &cube)) return false;
+    const int64_t n = ResolveDim(cube);
+    if (n == 0) return false;
+    for (int c = 0; c < 3; ++c) {
+        if (cube.domainMax[c] <= cube.domainMin[c]) return false;
+    }
+    const size_t entries = static_cast<size_t>(n * n * n);
+    out->dim = static_cast<int32_t>(n);
+    std::memcpy(out->domainMin, cube.domainMin, sizeof(out->domainMin));
+    std::memcpy(out->domainMax, cube.domainMax, sizeof(out->domainMax));
+    out->texels.resize(entries * 4);
+    for (size_t i = 0; i < entries; ++i) {
+        for (int c = 0; c < 3; ++c) {
+            out->texels[i * 4 + c] = static_cast<uint16_t>(Clamp01(cube.values[i * 3 + c]) * 65535.0f + 0.5f);
+        }
+        out->texels[i * 4 + 3] = 65535;
+    }
+    return true;
+}
+
+}  // namespace kiv

@@ -1,0 +1,40 @@
+// Cube 3D lookup-table files: reading them whole and turning their text into
+// the tables the colour engine and the render port use.
+#pragma once
+#include <cstdint>
+#include <vector>
+
+#include "kivcapture.h"
+
+// The colour engine's table. Entry r + N * (g + N * b) holds the output for
+// lattice point (r, g, b); values are clamped to [0, 1].
+struct Kiv3DLutData {
+    int32_t dim = 0;
+    float domainMin[3] = {0.0f, 0.0f, 0.0f};
+    float domainMax[3] = {1.0f, 1.0f, 1.0f};
+    std::vector<float> values;    // N^3 * 3, red, green, blue per entry
+    std::vector<uint8_t> bytes;   // the same as value * 255 + 0.5, truncated
+};
+
+// The render port's table: 16-bit RGBA texels with an opaque alpha, ready to
+// upload as a 3D texture.
+struct KivRenderLutData {
+    int32_t dim = 0;
+    float domainMin[3] = {0.0f, 0.0f, 0.0f};
+    float domainMax[3] = {1.0f, 1.0f, 1.0f};
+    std::vector<uint16_t> texels;  // N^3 * 4
+};
+
+namespace kiv {
+
+// Reads the whole file and appends a zero byte. False for a null or empty
+// path or a file that cannot be opened or sized.
+bool ReadWholeFile(const KivWChar* path, std::vector<char>* out);
+
+// Both parsers take zero-terminated text and leave *out untouched on failure.
+// The colour engine accepts an inverted domain; the render port needs every
+// maximum above its minimum and also skips TITLE lines explicitly.
+bool ParseCubeForColorEngine(const char* text, Kiv3DLutData* out);
+bool ParseCubeForRender(const char* text, KivRenderLutData* out);
+
+}  // namespace kiv
