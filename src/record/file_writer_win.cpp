@@ -1,0 +1,42 @@
+#include <windows.h>
+
+#include "file_writer.h"
+
+namespace kiv {
+
+bool RawFile::Create(const KivWChar* path) {
+    Close();
+    HANDLE file = ::CreateFileW(reinterpret_cast<const wchar_t*>(path), GENERIC_WRITE, FILE_SHARE_READ, nullptr,
+                                CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr);
+    if (file == INVALID_HANDLE_VALUE) return false;
+    handle_ = file;
+    return true;
+}
+
+bool RawFile::WriteAll(const uint8_t* data, size_t size) {
+    if (!handle_) return false;
+    while (size > 0) {
+        const DWORD chunk = size > 0x40000000u ? 0x40000000u : DWORD(size);
+        DWORD written = 0;
+        if (!::WriteFile(static_cast<HANDLE>(handle_), data, chunk, &written, nullptr) || written == 0) return false;
+        data += written;
+        size -= written;
+    }
+    return true;
+}
+
+bool RawFile::SeekTo(uint64_t offset) {
+    if (!handle_) return false;
+    LARGE_INTEGER to;
+    to.QuadPart = LONGLONG(offset);
+    return ::SetFilePointerEx(static_cast<HANDLE>(handle_), to, nullptr, FILE_BEGIN) != FALSE;
+}
+
+bool RawFile::Close() {
+    if (!handle_) return true;
+    const BOOL ok = ::CloseHandle(static_cast<HANDLE>(handle_));
+    handle_ = nullptr;
+    return ok != FALSE;
+}
+
+}  // namespace kiv
