@@ -73,14 +73,15 @@ bool FrameCopy::Copy(const KivVideoFrame& source) {
     const int32_t w = source.width, h = source.height;
     switch (source.format) {
         case KIV_PIXEL_FORMAT_NV12: {
-            // NV12 strides below 1 mean a tightly packed plane of width W.
-            const int32_t luma = source.strides[0] < 1 ? w : source.strides[0];
+            // A zero NV12 stride means a tightly packed plane of width W; the
+            // chroma plane has (H + 1) / 2 rows, so odd heights keep their last row.
+            const int32_t luma = source.strides[0] == 0 ? w : source.strides[0];
             CopyRows(source.planes[0], luma, h, planes_[0]);
-            frame_.strides[0] = luma;
+            frame_.strides[0] = std::abs(luma);
             if (source.planes[1]) {
-                const int32_t chroma = source.strides[1] < 1 ? w : source.strides[1];
+                const int32_t chroma = source.strides[1] == 0 ? w : source.strides[1];
                 CopyRows(source.planes[1], chroma, (h + 1) / 2, planes_[1]);
-                frame_.strides[1] = chroma;
+                frame_.strides[1] = std::abs(chroma);
                 frame_.planes[1] = planes_[1].data();
             }
             break;

@@ -9,6 +9,7 @@ KivPortBase::~KivPortBase() {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         downstream_.clear();
+        wideDownstream_.reset();
     }
     videoCallback_.store(nullptr, std::memory_order_relaxed);
     videoCallbackUser_.store(nullptr, std::memory_order_relaxed);
@@ -23,7 +24,7 @@ int32_t KivPortBase::OnAudioFrame(const KivAudioFrame*) { return KIV_OK; }
 
 int32_t KivPortBase::SetVideoFrameCallback(KivVideoFrameCallback fn, void* userData) {
     videoCallbackUser_.store(userData, std::memory_order_relaxed);
-    videoCallback_.store(fn, std::memory_order_release);
+    videoCallback_.store(fn, std::memory_order_release);  // publishes the user pointer with it
     return KIV_OK;
 }
 
@@ -37,13 +38,17 @@ int32_t KivPortBase::AddDownstream(KivPortBase* dst) {
     if (!dst) return KIV_ERROR_INVALID_ARG;
     std::lock_guard<std::mutex> lock(mutex_);
     if (IsClosing()) return KIV_ERROR_FAILED;
-    if (std::find(downstream_.begin(), downstream_.end(), dst) == downstream_.end()) downstream_.push_back(dst);
+    if (std::find(downstream_.begin(), downstream_.end(), dst) == downstream_.end()) {
+        downstream_.push_back(dst);
+        RebuildWideSnapshotLocked();
+    }
     return KIV_OK;
 }
 
 void KivPortBase::RemoveDownstream(KivPortBase* dst) {
     std::lock_guard<std::mutex> lock(mutex_);
     downstream_.erase(std::remove(downstream_.begin(), downstream_.end(), dst), downstream_.end());
+    RebuildWideSnapshotLocked();
 }
 
 size_t KivPortBase::DownstreamCount() {
@@ -51,45 +56,48 @@ size_t KivPortBase::DownstreamCount() {
     return downstream_.size();
 }
 
-size_t KivPortBase::SnapshotDownstream(KivPortBase** local, std::vector<KivPortBase*>& overflow,
-                                       KivPortBase*** out) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    const size_t n = downstream_.size();
-    if (n <= kInlineSnapshot) {
-        std::copy(downstream_.begin(), downstream_.end(), local);
-        *out = local;
+void KivPortBase::RebuildWideSnapshotLocked() {
+    if (downstream_.size() > kInlineSnapshot) {
+        wideDownstream_ = std::make_shared<const std::vector<KivPortBase*>>(downstream_);
     } else {
-        overflow = downstream_;  // rare: wide fan-outs pay one allocation
-        *out = overflow.data();
+        wideDownstream_.reset();
     }
-    return n;
+}
+
+void KivPortBase::TakeSnapshot(Snapshot& out) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    out.count = downstream_.size();
+    if (out.count <= kInlineSnapshot) {
+        std::copy(downstream_.begin(), downstream_.end(), out.inlineTargets);
+        out.targets = out.inlineTargets;
+    } else {
+        out.wide = wideDownstream_;  // shares the list; emits in flight keep it alive
+        out.targets = out.wide->data();
+    }
 }
 
 void KivPortBase::EmitVideo(const KivVideoFrame* frame) {
     if (IsClosing()) return;
     if (KivVideoFrameCallback fn = videoCallback_.load(std::memory_order_acquire)) {
         fn(frame, videoCallbackUser_.load(std::memory_order_relaxed));
-        if (IsClosing()) return;
     }
-    KivPortBase* local[kInlineSnapshot];
-    std::vector<KivPortBase*> overflow;
-    KivPortBase** targets = nullptr;
-    const size_t n = SnapshotDownstream(local, overflow, &targets);
-    for (size_t i = 0; i < n; ++i) {
-        if (targets[i]) targets[i]->OnVideoFrame(frame);
+    if (IsClosing()) return;  // the callback may have started tearing the port down
+    Snapshot snapshot;
+    TakeSnapshot(snapshot);
+    for (size_t i = 0; i < snapshot.count; ++i) {
+        if (KivPortBase* target = snapshot.targets[i]) target->OnVideoFrame(frame);
     }
 }
 
+// Same road as video, without the second closing check after the callback.
 void KivPortBase::EmitAudio(const KivAudioFrame* frame) {
     if (IsClosing()) return;
     if (KivAudioFrameCallback fn = audioCallback_.load(std::memory_order_acquire)) {
         fn(frame, audioCallbackUser_.load(std::memory_order_relaxed));
     }
-    KivPortBase* local[kInlineSnapshot];
-    std::vector<KivPortBase*> overflow;
-    KivPortBase** targets = nullptr;
-    const size_t n = SnapshotDownstream(local, overflow, &targets);
-    for (size_t i = 0; i < n; ++i) {
-        if (targets[i]) targets[i]->OnAudioFrame(frame);
+    Snapshot snapshot;
+    TakeSnapshot(snapshot);
+    for (size_t i = 0; i < snapshot.count; ++i) {
+        if (KivPortBase* target = snapshot.targets[i]) target->OnAudioFrame(frame);
     }
 }

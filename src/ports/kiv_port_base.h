@@ -2,7 +2,9 @@
 // emit operations through which producers deliver frames.
 #pragma once
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -30,7 +32,8 @@ public:
     void RemoveDownstream(KivPortBase* dst);
 
     // Deliver to the callback first, then to each downstream port in
-    // connection order. The lock is held only while the list is copied.
+    // connection order. The lock is held only while the list is copied, so a
+    // downstream port or callback may connect, disconnect or emit meanwhile.
     void EmitVideo(const KivVideoFrame* frame);
     void EmitAudio(const KivAudioFrame* frame);
 
@@ -40,17 +43,28 @@ public:
 
 protected:
     const int32_t type_;
-    std::mutex mutex_;  // guards downstream_ only
+    std::mutex mutex_;  // guards downstream_ and wideDownstream_ only
 
 private:
-    // Copies the downstream list into `local` (or `overflow` when it holds
-    // more than fits on the stack) and returns the number of entries.
+    // Fan-outs up to this width are copied onto the emitting thread's stack.
     static constexpr size_t kInlineSnapshot = 16;
-    size_t SnapshotDownstream(KivPortBase** local, std::vector<KivPortBase*>& overflow, KivPortBase*** out);
+
+    // The downstream list as one emit sees it.
+    struct Snapshot {
+        KivPortBase* inlineTargets[kInlineSnapshot];
+        std::shared_ptr<const std::vector<KivPortBase*>> wide;
+        KivPortBase* const* targets = nullptr;
+        size_t count = 0;
+    };
+    void TakeSnapshot(Snapshot& out);
+    void RebuildWideSnapshotLocked();
 
     std::vector<KivPortBase*> downstream_;
-    // Callbacks are set by the application before frames flow; relaxed atomics
-    // keep the unsynchronised stores well-defined.
+    // Immutable copy of a list wider than kInlineSnapshot, rebuilt whenever
+    // the list changes, so that emitting never allocates.
+    std::shared_ptr<const std::vector<KivPortBase*>> wideDownstream_;
+    // Callbacks are set by the application before frames flow; the atomics
+    // only keep those unsynchronised stores well-defined.
     std::atomic<KivVideoFrameCallback> videoCallback_{nullptr};
     std::atomic<void*> videoCallbackUser_{nullptr};
     std::atomic<KivAudioFrameCallback> audioCallback_{nullptr};
