@@ -1,0 +1,260 @@
+// Rectangle outlines pixel by pixel, and the geometry and blending of text
+// and picture items through a scripted rasteriser.
+#include <gtest/gtest.h>
+
+#include "osd_test_util.h"
+#include "processing/osd_draw.h"
+#include "test_support.h"
+
+using kiv::OsdCanvas;
+using kiv::OsdItem;
+using kivtest::OwnedFrame;
+using osdtest::FakeRasterizer;
+
+namespace {
+
+struct Rgb32Canvas {
+    OwnedFrame in;
+    OsdCanvas canvas;
+    KivVideoFrame out{};
+    Rgb32Canvas(int w, int h) : in(KIV_PIXEL_FORMAT_RGB32, w, h, 0) {
+        EXPECT_EQ(canvas.Build(in.frame), KIV_OK);
+        out = canvas.Frame(in.frame);
+    }
+    // Red channel of pixel (x, y).
+    int Red(int x, int y) const { return out.planes[0][y * out.strides[0] + x * 4 + 2]; }
+    int Blue(int x, int y) const { return out.planes[0][y * out.strides[0] + x * 4]; }
+    int CountRed() const {
+        int n = 0;
+        for (int y = 0; y < out.height; ++y)
+            for (int x = 0; x < out.width; ++x) n += Red(x, y) != 0;
+        return n;
+    }
+};
+
+OsdItem Rect(int x, int y, int w, int h, int size, uint32_t color = 0xFFFF0000u, float opacity = 1.0f) {
+    KivVideoOsdItem record = osdtest::Item(x, y, w, h);
+    record.size = size;
+    record.color = color;
+    record.opacity = opacity;
+    return kiv::OsdItemFromRecord(record, kiv::kOsdRect);
+}
+
+TEST(OsdRect, NegativeWidthIsMirroredAndClipped) {
+    Rgb32Canvas c(32, 32);
+    kiv::OsdDrawRect(c.canvas, Rect(10, 10, -20, 5, 1));
+    // Columns -10..10 clip to 0..10; rows 10..15.
+    for (int x = 0; x <= 10; ++x) {
+        EXPECT_EQ(c.Red(x, 10), 255) << x;
+        EXPECT_EQ(c.Red(x, 15), 255) << x;
+    }
+    EXPECT_EQ(c.Red(11, 10), 0);
+    for (int y = 10; y <= 15; ++y) {
+        EXPECT_EQ(c.Red(0, y), 255);
+        EXPECT_EQ(c.Red(10, y), 255);
+    }
+    EXPECT_EQ(c.Red(5, 12), 0);  // an outline, never filled
+    EXPECT_EQ(c.Red(0, 9), 0);
+    EXPECT_EQ(c.Red(0, 16), 0);
+    EXPECT_EQ(c.CountRed(), 11 * 2 + 4 * 2);
+}
+
+TEST(OsdRect, NegativeHeightAndCanvasEdges) {
+    Rgb32Canvas c(16, 12);
+    kiv::OsdDrawRect(c.canvas, Rect(-5, 20, 100, -100, 1));
+    // Everything clips to the canvas: the outline runs along its border.
+    for (int x = 0; x < 16; ++x) {
+        EXPECT_EQ(c.Red(x, 0), 255);
+        EXPECT_EQ(c.Red(x, 11), 255);
+    }
+    for (int y = 0; y < 12; ++y) {
+        EXPECT_EQ(c.Red(0, y), 255);
+        EXPECT_EQ(c.Red(15, y), 255);
+    }
+    EXPECT_EQ(c.CountRed(), 16 * 2 + 10 * 2);
+}
+
+TEST(OsdRect, DegenerateRectanglesDrawNothing) {
+    Rgb32Canvas c(16, 16);
+    kiv::OsdDrawRect(c.canvas, Rect(4, 4, 0, 8, 2));      // no width
+    kiv::OsdDrawRect(c.canvas, Rect(4, 4, 8, 0, 2));      // no height
+    kiv::OsdDrawRect(c.canvas, Rect(-50, 2, 10, 8, 2));   // wholly left of the canvas
+    kiv::OsdDrawRect(c.canvas, Rect(2, 40, 10, 8, 2));    // wholly below
+    OsdItem hidden = Rect(2, 2, 8, 8, 2);
+    hidden.visible = false;
+    kiv::OsdDrawRect(c.canvas, hidden);
+    EXPECT_EQ(c.CountRed(), 0);
+}
+
+TEST(OsdRect, CornersBlendTwiceAtHalfOpacity) {
+    Rgb32Canvas c(16, 16);
+    kiv::OsdDrawRect(c.canvas, Rect(2, 2, 6, 6, 1, 0xFFFF0000u, 0.5f));
+    EXPECT_EQ(c.Red(5, 2), 128);  // 255 x 0.5 + 0.5
+    EXPECT_EQ(c.Red(2, 5), 128);
+    EXPECT_EQ(c.Red(2, 2), 192);  // 128 x 0.5 + 127.5 + 0.5
+    EXPECT_EQ(c.Red(8, 8), 192);
+    EXPECT_EQ(c.Red(8, 2), 192);
+}
+
+TEST(OsdRect, ThickRingsCrossAndBlendAgain) {
+    Rgb32Canvas c(16, 16);
+    // A 3x3 box (corners 0..2) with 3 rings at half opacity: the centre is
+    // reached by ring 1's row and column only, i.e. twice.
+    kiv::OsdDrawRect(c.canvas, Rect(0, 0, 2, 2, 3, 0xFFFF0000u, 0.5f));
+    EXPECT_EQ(c.Red(1, 1), 192);
+    // Pixel (1, 0): row 0 of ring 0, column 1 of ring 1 and ring 2's bottom
+    // row (2 - 2 = 0): three times.
+    EXPECT_EQ(c.Red(1, 0), 224);
+    // Corner (0, 0): row 0 and column 0 of rings 0 and 2: four times,
+    // 0 -> 128 -> 192 -> 224 -> 240.
+    EXPECT_EQ(c.Red(0, 0), 240);
+}
+
+TEST(OsdRect, ThicknessIsCappedAt32) {
+    Rgb32Canvas c(100, 100);
+    kiv::OsdDrawRect(c.canvas, Rect(0, 0, 99, 99, 40));
+    EXPECT_EQ(c.Red(50, 31), 255);
+    EXPECT_EQ(c.Red(50, 32), 0);
+    EXPECT_EQ(c.Red(68, 50), 255);  // ring 31 of the right side
+    EXPECT_EQ(c.Red(67, 50), 0);
+}
+
+TEST(OsdRect, ZeroColourOnAStoredItemDrawsGreen) {
+    Rgb32Canvas c(8, 8);
+    OsdItem item = Rect(0, 0, 7, 7, 1);
+    item.color = 0;
+    kiv::OsdDrawRect(c.canvas, item);
+    EXPECT_EQ(c.out.planes[0][1], 255);
+    EXPECT_EQ(c.Red(0, 0), 0);
+}
+
+TEST(OsdRect, PlainRgbColourIsOpaque) {
+    Rgb32Canvas c(8, 8);
+    kiv::OsdDrawRect(c.canvas, Rect(0, 0, 7, 7, 1, 0x00FF0000u));
+    EXPECT_EQ(c.Red(3, 0), 255);
+}
+
+struct FakeSetup {
+    std::shared_ptr<FakeRasterizer::Calls> calls = std::make_shared<FakeRasterizer::Calls>();
+    FakeRasterizer raster{calls};
+};
+
+OsdItem Text(int x, int y, int w, int h, int size) {
+    KivVideoOsdItem record = osdtest::Item(x, y, w, h);
+    record.size = size;
+    osdtest::SetText(record.text, "hello");
+    return kiv::OsdItemFromRecord(record, kiv::kOsdText);
+}
+
+TEST(OsdText, AutomaticBoxFollowsPositionAndSize) {
+    FakeSetup f;
+    Rgb32Canvas c(640, 480);
+    kiv::OsdDrawText(c.canvas, &f.raster, Text(100, 10, 0, 0, 0));
+    ASSERT_EQ(f.calls->text, 1);
+    EXPECT_EQ(f.calls->lastText.box.width, 540);
+    EXPECT_EQ(f.calls->lastText.box.height, 72);
+    EXPECT_EQ(f.calls->lastText.fontPixels, 36);
+    EXPECT_EQ(f.calls->lastText.textArgb, 0xFFFFFFFFu);
+    EXPECT_EQ(f.calls->lastText.boxArgb, 0x80000000u);
+    EXPECT_TRUE(f.calls->lastText.fillBox);
+    // The default colours are for the rasteriser; the fake paints opaque red.
+    EXPECT_EQ(c.Red(100, 10), 255);
+    EXPECT_EQ(c.Red(639, 81), 255);
+    EXPECT_EQ(c.Red(99, 10), 0);
+    EXPECT_EQ(c.Red(100, 82), 0);
+    EXPECT_EQ(c.CountRed(), 540 * 72);
+}
+
+TEST(OsdText, HugeSizeClampsTheFontButNotTheBox) {
+    FakeSetup f;
+    Rgb32Canvas c(64, 64);
+    kiv::OsdDrawText(c.canvas, &f.raster, Text(0, -10, 20, 0, 1000));
+    ASSERT_EQ(f.calls->text, 1);
+    EXPECT_EQ(f.calls->lastText.fontPixels, 512);
+    EXPECT_EQ(f.calls->lastText.box.height, 2000);
+    EXPECT_EQ(f.calls->lastRegion.y, 0);
+    EXPECT_EQ(f.calls->lastRegion.height, 64);
+    EXPECT_EQ(f.calls->lastRegion.width, 20);
+}
+
+TEST(OsdText, SkipsWhatCannotBeDrawn) {
+    FakeSetup f;
+    Rgb32Canvas c(64, 64);
+    OsdItem empty = Text(0, 0, 10, 10, 10);
+    empty.text.clear();
+    kiv::OsdDrawText(c.canvas, &f.raster, empty);
+    kiv::OsdDrawText(c.canvas, &f.raster, Text(70, 0, 0, 10, 10));    // automatic width below 1
+    kiv::OsdDrawText(c.canvas, &f.raster, Text(-30, 0, 20, 10, 10));  // box left of the canvas
+    kiv::OsdDrawText(c.canvas, nullptr, Text(0, 0, 10, 10, 10));      // no rasteriser
+    EXPECT_EQ(f.calls->text, 0);
+    EXPECT_EQ(c.CountRed(), 0);
+}
+
+TEST(OsdText, TransparentAndPlainColoursReachTheRasteriser) {
+    FakeSetup f;
+    Rgb32Canvas c(64, 64);
+    OsdItem item = Text(0, 0, 10, 10, 10);
+    item.transparent = true;
+    item.color = 0x00123456;
+    item.backColor = 0x40ABCDEF;
+    kiv::OsdDrawText(c.canvas, &f.raster, item);
+    EXPECT_FALSE(f.calls->lastText.fillBox);
+    EXPECT_EQ(f.calls->lastText.textArgb, 0xFF123456u);
+    EXPECT_EQ(f.calls->lastText.boxArgb, 0x40ABCDEFu);
+}
+
+OsdItem Picture(int x, int y, int w, int h) {
+    KivVideoOsdItem record = osdtest::Item(x, y, w, h);
+    osdtest::SetText(record.imagePath, "logo.png");
+    return kiv::OsdItemFromRecord(record, kiv::kOsdPicture);
+}
+
+TEST(OsdPicture, OwnSizeWhenItemSizeIsAutomatic) {
+    FakeSetup f;
+    Rgb32Canvas c(64, 64);
+    kiv::OsdDrawPicture(c.canvas, &f.raster, Picture(60, 4, 0, 0));
+    ASSERT_EQ(f.calls->picture, 1);
+    EXPECT_EQ(f.calls->lastDest.width, 16);
+    EXPECT_EQ(f.calls->lastDest.height, 8);
+    EXPECT_EQ(f.calls->lastRegion.width, 4);  // clipped at the right edge
+    EXPECT_EQ(c.CountRed(), 4 * 8);
+}
+
+TEST(OsdPicture, ColourKeyHidesMatchingPixelsWhateverTheirAlpha) {
+    auto calls = std::make_shared<FakeRasterizer::Calls>();
+    FakeRasterizer green(calls, 0xFF00FF00u);
+    Rgb32Canvas c(32, 32);
+    OsdItem item = Picture(0, 0, 10, 10);
+    item.transparent = true;
+    item.backColor = 0xFF00FF00u;
+    kiv::OsdDrawPicture(c.canvas, &green, item);
+    item.backColor = 0x0000FF00u;  // the key compares red, green and blue only
+    kiv::OsdDrawPicture(c.canvas, &green, item);
+    EXPECT_EQ(calls->picture, 2);
+    EXPECT_EQ(c.out.planes[0][1], 0);
+    item.transparent = false;
+    kiv::OsdDrawPicture(c.canvas, &green, item);
+    EXPECT_EQ(c.out.planes[0][1], 255);
+}
+
+TEST(OsdPicture, MissingFileDrawsNothing) {
+    FakeSetup f;
+    f.raster.missingFile = true;
+    Rgb32Canvas c(32, 32);
+    kiv::OsdDrawPicture(c.canvas, &f.raster, Picture(0, 0, 10, 10));
+    EXPECT_EQ(f.calls->picture, 0);
+    EXPECT_EQ(c.CountRed(), 0);
+}
+
+TEST(OsdDrawItem, KindSelectsTheDrawing) {
+    FakeSetup f;
+    Rgb32Canvas c(32, 32);
+    OsdItem item = Text(0, 0, 4, 4, 4);
+    item.kind = 99;  // unknown kinds draw as text
+    kiv::OsdDrawItem(c.canvas, &f.raster, item);
+    EXPECT_EQ(f.calls->text, 1);
+    kiv::OsdDrawItem(c.canvas, &f.raster, Picture(0, 0, 4, 4));
+    EXPECT_EQ(f.calls->picture, 1);
+}
+
+}  // namespace

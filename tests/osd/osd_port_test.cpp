@@ -1,0 +1,389 @@
+// The overlay port driven through the exported functions as an application
+// would: item commands, the two kinds of outputs and KIV_Disconnect.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "osd_test_util.h"
+#include "ports/kiv_video_mux.h"
+#include "processing/kiv_video_osd.h"
+#include "test_support.h"
+
+using kiv::OsdItem;
+using kivtest::LibraryScope;
+using kivtest::OwnedFrame;
+using kivtest::Wide;
+using osdtest::FrameSink;
+using osdtest::Item;
+
+namespace {
+
+KivVideoOsd* Port(void* osd) { return static_cast<KivVideoOsd*>(static_cast<KivPortBase*>(osd)); }
+
+std::vector<int32_t> Ids(void* osd) {
+    std::vector<int32_t> ids;
+    for (const OsdItem& item : Port(osd)->Items()) ids.push_back(item.id);
+    return ids;
+}
+
+std::vector<int32_t> Kinds(void* osd) {
+    std::vector<int32_t> kinds;
+    for (const OsdItem& item : Port(osd)->Items()) kinds.push_back(item.kind);
+    return kinds;
+}
+
+KivVideoOsdItem WithId(int32_t id) {
+    KivVideoOsdItem item = Item(0, 0, 10, 10);
+    item.id = id;
+    osdtest::SetText(item.text, "t");
+    osdtest::SetText(item.imagePath, "p.bmp");
+    return item;
+}
+
+class OsdPortTest : public ::testing::Test {
+protected:
+    LibraryScope library;
+    void* osd = KIV_CreateVideoOsd();
+    void TearDown() override { EXPECT_EQ(KIV_DestroyPort(osd), KIV_OK); }
+};
+
+TEST(OsdCreate, NeedsAnInitialisedLibrary) {
+    EXPECT_EQ(KIV_CreateVideoOsd(), nullptr);
+    LibraryScope library;
+    void* osd = KIV_CreateVideoOsd();
+    ASSERT_NE(osd, nullptr);
+    EXPECT_EQ(static_cast<KivPortBase*>(osd)->Type(), KIV_PORT_VIDEO_OSD);
+    EXPECT_EQ(KIV_DestroyPort(osd), KIV_OK);
+}
+
+TEST_F(OsdPortTest, BadInputIsRejectedAndChangesNothing) {
+    KivVideoOsdItem item = WithId(5);
+    ASSERT_EQ(KIV_AddVideoOsdText(osd, &item), KIV_OK);
+    void* mux = KIV_CreateVideoMux();
+    const auto text = Wide("new");
+    for (void* wrong : {static_cast<void*>(nullptr), mux}) {
+        EXPECT_EQ(KIV_SetVideoOsdText(wrong, &item), KIV_ERROR_INVALID_ARG);
+        EXPECT_EQ(KIV_SetVideoOsdImage(wrong, &item), KIV_ERROR_INVALID_ARG);
+        EXPECT_EQ(KIV_AddVideoOsdText(wrong, &item), KIV_ERROR_INVALID_ARG);
+        EXPECT_EQ(KIV_AddVideoOsdImage(wrong, &item), KIV_ERROR_INVALID_ARG);
+        EXPECT_EQ(KIV_AddVideoOsdRect(wrong, &item), KIV_ERROR_INVALID_ARG);
+        EXPECT_EQ(KIV_UpdateVideoOsdText(wrong, 5, text.c_str()), KIV_ERROR_INVALID_ARG);
+        EXPECT_EQ(KIV_RemoveVideoOsdItem(wrong, 5), KIV_ERROR_INVALID_ARG);
+        EXPECT_EQ(KIV_ClearVideoOsd(wrong), KIV_ERROR_INVALID_ARG);
+        EXPECT_EQ(KIV_ConnectVideoOsdOutput(wrong, 1, osd), KIV_ERROR_INVALID_ARG);
+    }
+    EXPECT_EQ(KIV_SetVideoOsdText(osd, nullptr), KIV_ERROR_INVALID_ARG);
+    EXPECT_EQ(KIV_SetVideoOsdImage(osd, nullptr), KIV_ERROR_INVALID_ARG);
+    EXPECT_EQ(KIV_AddVideoOsdText(osd, nullptr), KIV_ERROR_INVALID_ARG);
+    EXPECT_EQ(KIV_AddVideoOsdImage(osd, nullptr), KIV_ERROR_INVALID_ARG);
+    EXPECT_EQ(KIV_AddVideoOsdRect(osd, nullptr), KIV_ERROR_INVALID_ARG);
+    EXPECT_EQ(KIV_UpdateVideoOsdText(osd, 5, nullptr), KIV_ERROR_INVALID_ARG);
+    EXPECT_EQ(KIV_UpdateVideoOsdText(osd, 0, text.c_str()), KIV_ERROR_INVALID_ARG);
+    EXPECT_EQ(KIV_ConnectVideoOsdOutput(osd, 1, nullptr), KIV_ERROR_INVALID_ARG);
+    EXPECT_EQ(KIV_ConnectVideoOsdOutput(osd, 0, nullptr), KIV_ERROR_INVALID_ARG);
+    EXPECT_EQ(KIV_ConnectVideoOsdOutput(osd, 2, mux), KIV_ERROR_INVALID_ARG);
+    EXPECT_EQ(KIV_ConnectVideoOsdOutput(osd, -1, mux), KIV_ERROR_INVALID_ARG);
+    EXPECT_EQ(static_cast<KivPortBase*>(osd)->DownstreamCount(), 0u);
+
+    const std::vector<OsdItem> items = Port(osd)->Items();
+    ASSERT_EQ(items.size(), 1u);
+    EXPECT_EQ(items[0].id, 5);
+    EXPECT_EQ(items[0].text, Wide("t"));
+    KIV_DestroyPort(mux);
+}
+
+TEST_F(OsdPortTest, AllocatedIdsCountFromOneAndShareTheSpace) {
+    KivVideoOsdItem item = WithId(0);
+    ASSERT_EQ(KIV_AddVideoOsdText(osd, &item), KIV_OK);
+    ASSERT_EQ(KIV_AddVideoOsdRect(osd, &item), KIV_OK);
+    item.id = 2;  // the application picks an id the counter already gave out
+    ASSERT_EQ(KIV_AddVideoOsdImage(osd, &item), KIV_OK);
+    item.id = -7;
+    ASSERT_EQ(KIV_AddVideoOsdText(osd, &item), KIV_OK);
+    EXPECT_EQ(Ids(osd), (std::vector<int32_t>{1, 2, 2, 3}));
+    // Remove takes every item carrying the id, of any kind, keeping the order.
+    EXPECT_EQ(KIV_RemoveVideoOsdItem(osd, 2), KIV_OK);
+    EXPECT_EQ(Ids(osd), (std::vector<int32_t>{1, 3}));
+    EXPECT_EQ(KIV_RemoveVideoOsdItem(osd, 2), KIV_ERROR_INVALID_ARG);
+    EXPECT_EQ(KIV_RemoveVideoOsdItem(osd, 0), KIV_ERROR_INVALID_ARG);
+    EXPECT_EQ(Ids(osd), (std::vector<int32_t>{1, 3}));
+}
+
+TEST_F(OsdPortTest, SetReplacesOnlyItsOwnKind) {
+    for (int32_t id : {1, 2, 3}) {
+        KivVideoOsdItem text = WithId(id);
+        ASSERT_EQ(KIV_AddVideoOsdText(osd, &text), KIV_OK);
+        KivVideoOsdItem other = WithId(10 + id);
+        ASSERT_EQ(id == 2 ? KIV_AddVideoOsdRect(osd, &other) : KIV_AddVideoOsdImage(osd, &other), KIV_OK);
+    }
+    KivVideoOsdItem replacement = WithId(20);
+    ASSERT_EQ(KIV_SetVideoOsdText(osd, &replacement), KIV_OK);
+    EXPECT_EQ(Ids(osd), (std::vector<int32_t>{11, 12, 13, 20}));
+    EXPECT_EQ(Kinds(osd), (std::vector<int32_t>{2, 3, 2, 1}));
+    replacement.id = 21;
+    ASSERT_EQ(KIV_SetVideoOsdImage(osd, &replacement), KIV_OK);
+    EXPECT_EQ(Ids(osd), (std::vector<int32_t>{12, 20, 21}));
+    EXPECT_EQ(Kinds(osd), (std::vector<int32_t>{3, 1, 2}));
+}
+
+TEST_F(OsdPortTest, UpdateChangesTheFirstTextItemOnly) {
+    KivVideoOsdItem a = WithId(4);
+    ASSERT_EQ(KIV_AddVideoOsdImage(osd, &a), KIV_OK);  // a picture with the same id comes first
+    ASSERT_EQ(KIV_AddVideoOsdText(osd, &a), KIV_OK);
+    ASSERT_EQ(KIV_AddVideoOsdText(osd, &a), KIV_OK);
+    KivVideoOsdItem picture = WithId(9);
+    ASSERT_EQ(KIV_AddVideoOsdImage(osd, &picture), KIV_OK);
+
+    const auto text = Wide("\xE4\xBD\xA0\xE5\xA5\xBD updated");
+    EXPECT_EQ(KIV_UpdateVideoOsdText(osd, 4, text.c_str()), KIV_OK);
+    EXPECT_EQ(KIV_UpdateVideoOsdText(osd, 9, text.c_str()), KIV_ERROR_INVALID_ARG);
+    EXPECT_EQ(KIV_UpdateVideoOsdText(osd, 77, text.c_str()), KIV_ERROR_INVALID_ARG);
+    const std::vector<OsdItem> items = Port(osd)->Items();
+    ASSERT_EQ(items.size(), 4u);
+    EXPECT_EQ(items[0].text, Wide("t"));
+    EXPECT_EQ(items[1].text, text);
+    EXPECT_EQ(items[2].text, Wide("t"));
+    EXPECT_EQ(items[1].x, a.x);
+    EXPECT_EQ(items[1].width, a.width);
+}
+
+TEST_F(OsdPortTest, ClearEmptiesTheList) {
+    KivVideoOsdItem a = WithId(0);
+    ASSERT_EQ(KIV_AddVideoOsdRect(osd, &a), KIV_OK);
+    EXPECT_EQ(KIV_ClearVideoOsd(osd), KIV_OK);
+    EXPECT_TRUE(Port(osd)->Items().empty());
+    EXPECT_EQ(KIV_ClearVideoOsd(osd), KIV_OK);
+}
+
+TEST_F(OsdPortTest, RecordDefaultsAreApplied) {
+    KivVideoOsdItem r;
+    std::memset(&r, 0, sizeof r);
+    r.opacity = -1.0f;
+    r.size = -4;
+    r.visible = 7;
+    r.transparent = -1;
+    for (KivWChar& c : r.text) c = 'x';  // no terminator: the whole field is taken
+    ASSERT_EQ(KIV_AddVideoOsdText(osd, &r), KIV_OK);
+    r.opacity = 3.0f;
+    r.color = 0x00FF0000u;
+    r.backColor = 0x12345678u;
+    osdtest::SetText(r.fontName, "Tahoma");
+    ASSERT_EQ(KIV_AddVideoOsdRect(osd, &r), KIV_OK);
+    r.opacity = 0.25f;
+    ASSERT_EQ(KIV_AddVideoOsdImage(osd, &r), KIV_OK);
+
+    const std::vector<OsdItem> items = Port(osd)->Items();
+    ASSERT_EQ(items.size(), 3u);
+    EXPECT_EQ(items[0].opacity, 0.0f);
+    EXPECT_EQ(items[0].color, 0xFFFFFFFFu);
+    EXPECT_EQ(items[0].backColor, 0x80000000u);
+    EXPECT_EQ(items[0].size, 36);
+    EXPECT_TRUE(items[0].visible);
+    EXPECT_TRUE(items[0].transparent);
+    EXPECT_EQ(items[0].text.size(), 512u);
+    EXPECT_EQ(items[0].fontName, Wide("Microsoft YaHei UI"));
+    EXPECT_EQ(items[1].opacity, 1.0f);
+    EXPECT_EQ(items[1].color, 0x00FF0000u);  // kept as given; drawn opaque
+    EXPECT_EQ(items[1].backColor, 0x12345678u);
+    EXPECT_EQ(items[1].size, 3);
+    EXPECT_EQ(items[1].fontName, Wide("Tahoma"));
+    EXPECT_EQ(items[2].opacity, 0.25f);
+    EXPECT_EQ(items[2].size, 36);
+}
+
+// A graph of frame source -> overlay, with an ordinary output and an overlay
+// output, each a video mux whose callback keeps the frames.
+class OsdGraphTest : public OsdPortTest {
+protected:
+    void* source = KIV_CreateVideoFrameSource();
+    void* plainMux = KIV_CreateVideoMux();
+    void* overlayMux = KIV_CreateVideoMux();
+    FrameSink plain, overlay, own;
+
+    void SetUp() override {
+        ASSERT_EQ(KIV_Connect(source, osd), KIV_OK);
+        ASSERT_EQ(KIV_ConnectVideoOsdOutput(osd, 0, plainMux), KIV_OK);
+        ASSERT_EQ(KIV_ConnectVideoOsdOutput(osd, 1, overlayMux), KIV_OK);
+        ASSERT_EQ(KIV_ConnectVideoOsdOutput(osd, 1, overlayMux), KIV_OK);  // no duplicate
+        KIV_SetVideoFrameCallback(plainMux, FrameSink::OnFrame, &plain);
+        KIV_SetVideoFrameCallback(overlayMux, FrameSink::OnFrame, &overlay);
+        KIV_SetVideoFrameCallback(osd, FrameSink::OnFrame, &own);
+    }
+    void TearDown() override {
+        KIV_Disconnect(source, osd);
+        KIV_DestroyPort(source);
+        OsdPortTest::TearDown();
+        KIV_DestroyPort(plainMux);
+        KIV_DestroyPort(overlayMux);
+    }
+    void AddRect(int x, int y, int w, int h, uint32_t color, int32_t layer = 0, int32_t size = 1) {
+        KivVideoOsdItem r = Item(x, y, w, h);
+        r.color = color;
+        r.layer = layer;
+        r.size = size;
+        ASSERT_EQ(KIV_AddVideoOsdRect(osd, &r), KIV_OK);
+    }
+};
+
+TEST_F(OsdGraphTest, OrdinaryOutputsGetThePlainFrameOverlayOutputsTheDrawnOne) {
+    AddRect(2, 2, 5, 5, 0xFFFFFFFFu);
+    OwnedFrame in(KIV_PIXEL_FORMAT_RGB32, 16, 8, 40);
+    in.frame.timestamp = 555;
+    in.frame.frameIndex = 3;
+    ASSERT_EQ(KIV_PushVideoFrame(source, &in.frame), KIV_OK);
+
+    ASSERT_EQ(plain.Count(), 1u);
+    ASSERT_EQ(own.Count(), 1u);
+    ASSERT_EQ(overlay.Count(), 1u);
+    EXPECT_EQ(plain.frames[0].plane0, in.bytes);
+    EXPECT_EQ(own.frames[0].plane0, in.bytes);
+    const FrameSink::Copy& drawn = overlay.frames[0];
+    EXPECT_EQ(drawn.frame.format, KIV_PIXEL_FORMAT_RGB32);
+    EXPECT_EQ(drawn.frame.timestamp, 555);
+    EXPECT_EQ(drawn.frame.frameIndex, 3u);
+    EXPECT_NE(drawn.frame.planes[0], in.frame.planes[0]);
+    for (int y = 0; y < 8; ++y) {
+        for (int x = 0; x < 16; ++x) {
+            const bool onOutline = (x >= 2 && x <= 7 && (y == 2 || y == 7)) || (y >= 2 && y <= 7 && (x == 2 || x == 7));
+            EXPECT_EQ(drawn.plane0[(y * 16 + x) * 4], onOutline ? 255 : 40) << x << "," << y;
+        }
+    }
+}
+
+TEST_F(OsdGraphTest, Nv12StaysNv12) {
+    AddRect(0, 0, 3, 3, 0xFFFFFFFFu);
+    OwnedFrame in(KIV_PIXEL_FORMAT_NV12, 8, 4, 90);
+    ASSERT_EQ(KIV_PushVideoFrame(source, &in.frame), KIV_OK);
+    ASSERT_EQ(overlay.Count(), 1u);
+    const FrameSink::Copy& drawn = overlay.frames[0];
+    EXPECT_EQ(drawn.frame.format, KIV_PIXEL_FORMAT_NV12);
+    EXPECT_EQ(drawn.plane0[0], 235);
+    EXPECT_EQ(drawn.plane0[1 * 8 + 1], 90);
+    EXPECT_EQ(drawn.plane0[3 * 8 + 3], 235);
+    EXPECT_EQ(drawn.plane1[0], 128);
+    EXPECT_EQ(drawn.plane1[6], 90);  // pair at x 6..7 untouched
+}
+
+TEST_F(OsdGraphTest, LayersDecideWhatEndsOnTop) {
+    AddRect(0, 0, 4, 4, 0xFF0000FFu, 5);  // blue, drawn last
+    AddRect(0, 0, 4, 4, 0xFFFF0000u, 1);  // red
+    AddRect(0, 0, 4, 4, 0xFF00FF00u, 5);  // green: same layer as blue, after it in the list
+    OwnedFrame in(KIV_PIXEL_FORMAT_RGB24, 8, 8, 0);
+    ASSERT_EQ(KIV_PushVideoFrame(source, &in.frame), KIV_OK);
+    ASSERT_EQ(overlay.Count(), 1u);
+    const uint8_t* px = overlay.frames[0].plane0.data();
+    EXPECT_EQ(px[0], 0);
+    EXPECT_EQ(px[1], 255);
+    EXPECT_EQ(px[2], 0);
+    EXPECT_EQ(px[3], 255);
+    EXPECT_EQ(overlay.frames[0].plane0[(5 * 8 + 5) * 4 + 3], 255);  // RGB24 becomes opaque RGB32
+}
+
+TEST_F(OsdGraphTest, InvisibleItemsPassTheVeryFrameThroughInAnyFormat) {
+    KivVideoOsdItem hidden = Item(0, 0, 4, 4);
+    hidden.visible = 0;
+    ASSERT_EQ(KIV_AddVideoOsdRect(osd, &hidden), KIV_OK);
+    std::vector<uint8_t> payload(100, 7);
+    KivVideoFrame mjpg{};
+    mjpg.planes[0] = payload.data();
+    mjpg.strides[0] = 100;
+    mjpg.width = 64;
+    mjpg.height = 48;
+    mjpg.format = KIV_PIXEL_FORMAT_MJPG;
+    ASSERT_EQ(KIV_PushVideoFrame(source, &mjpg), KIV_OK);
+    ASSERT_EQ(overlay.Count(), 1u);
+    EXPECT_EQ(overlay.lastPointer, &mjpg);
+    EXPECT_EQ(overlay.frames[0].frame.planes[0], payload.data());
+}
+
+TEST_F(OsdGraphTest, CompressedFramesWithVisibleItemsAreNotSent) {
+    AddRect(0, 0, 4, 4, 0xFFFFFFFFu);
+    std::vector<uint8_t> payload(100, 7);
+    KivVideoFrame h264{};
+    h264.planes[0] = payload.data();
+    h264.strides[0] = 100;
+    h264.width = 64;
+    h264.height = 48;
+    h264.format = KIV_PIXEL_FORMAT_H264;
+    EXPECT_EQ(Port(osd)->OnVideoFrame(&h264), KIV_ERROR_UNSUPPORTED);
+    EXPECT_EQ(overlay.Count(), 0u);
+    EXPECT_EQ(plain.Count(), 1u);  // the ordinary output still gets it
+    EXPECT_EQ(Port(osd)->FramesInProgress(), 0);
+}
+
+TEST_F(OsdGraphTest, OsdFeedsOnlyAllowedTypesThroughConnect) {
+    void* mux = KIV_CreateVideoMux();
+    EXPECT_EQ(KIV_Connect(osd, mux), KIV_ERROR_UNSUPPORTED);
+    EXPECT_EQ(KIV_ConnectVideoOsdOutput(osd, 0, mux), KIV_OK);
+    KIV_Disconnect(osd, mux);
+    KIV_DestroyPort(mux);
+}
+
+TEST_F(OsdGraphTest, DisconnectRemovesAnOverlayOutput) {
+    AddRect(0, 0, 4, 4, 0xFFFFFFFFu);
+    OwnedFrame in(KIV_PIXEL_FORMAT_YUY2, 8, 8, 128);
+    ASSERT_EQ(KIV_PushVideoFrame(source, &in.frame), KIV_OK);
+    EXPECT_EQ(KIV_Disconnect(osd, overlayMux), KIV_OK);
+    EXPECT_EQ(KIV_Disconnect(osd, overlayMux), KIV_OK);  // not connected any more: still 0
+    ASSERT_EQ(KIV_PushVideoFrame(source, &in.frame), KIV_OK);
+    EXPECT_EQ(overlay.Count(), 1u);
+    EXPECT_EQ(plain.Count(), 2u);
+    EXPECT_EQ(overlay.frames[0].frame.format, KIV_PIXEL_FORMAT_YUY2);
+    EXPECT_EQ(overlay.frames[0].frame.strides[0], 16);
+}
+
+// Blocks the overlay output's callback until released from another thread.
+struct Gate {
+    std::atomic<bool> entered{false};
+    std::atomic<bool> release{false};
+    std::atomic<bool> finished{false};
+    static void KIV_CALL OnFrame(const KivVideoFrame*, void* user) {
+        auto* gate = static_cast<Gate*>(user);
+        gate->entered = true;
+        while (!gate->release) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        gate->finished = true;
+    }
+};
+
+TEST_F(OsdGraphTest, DisconnectWaitsForAFrameInFlight) {
+    AddRect(0, 0, 4, 4, 0xFFFFFFFFu);
+    Gate gate;
+    KIV_SetVideoFrameCallback(overlayMux, Gate::OnFrame, &gate);
+    OwnedFrame in(KIV_PIXEL_FORMAT_RGB32, 8, 8, 0);
+    std::thread producer([&] { KIV_PushVideoFrame(source, &in.frame); });
+    while (!gate.entered) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::thread releaser([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        gate.release = true;
+    });
+    EXPECT_EQ(KIV_Disconnect(osd, overlayMux), KIV_OK);
+    EXPECT_TRUE(gate.finished);
+    producer.join();
+    releaser.join();
+}
+
+// Counts rasteriser calls on a port made with a scripted rasteriser.
+TEST(OsdFramePath, NothingIsDrawnWithoutOverlayOutputs) {
+    auto calls = std::make_shared<osdtest::FakeRasterizer::Calls>();
+    KivVideoOsd port(std::make_unique<osdtest::FakeRasterizer>(calls));
+    KivVideoOsdItem text = WithId(0);
+    ASSERT_EQ(port.AddItem(&text, kiv::kOsdText), KIV_OK);
+    OwnedFrame in(KIV_PIXEL_FORMAT_RGB32, 32, 32, 0);
+    EXPECT_EQ(port.OnVideoFrame(&in.frame), KIV_OK);
+    EXPECT_EQ(calls->text, 0);
+
+    KivVideoMux sink;
+    FrameSink seen;
+    sink.SetVideoFrameCallback(FrameSink::OnFrame, &seen);
+    ASSERT_EQ(port.AddOverlayOutput(&sink), KIV_OK);
+    EXPECT_EQ(port.OnVideoFrame(&in.frame), KIV_OK);
+    EXPECT_EQ(calls->text, 1);
+    ASSERT_EQ(seen.Count(), 1u);
+    EXPECT_EQ(seen.frames[0].plane0[2], 255);  // the fake paints opaque red
+    EXPECT_EQ(port.OnVideoFrame(nullptr), KIV_ERROR_INVALID_ARG);
+    EXPECT_EQ(port.FramesInProgress(), 0);
+}
+
+}  // namespace

@@ -1,0 +1,72 @@
+// Item commands and output changes racing a producer thread. Run under the
+// thread sanitizer this checks that drawing works on snapshots only.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "osd_test_util.h"
+#include "processing/kiv_video_osd.h"
+#include "test_support.h"
+
+namespace {
+
+struct Counter {
+    std::atomic<int> frames{0};
+    static void KIV_CALL OnFrame(const KivVideoFrame* frame, void* user) {
+        // Touch the pixels so a canvas overwritten under our feet would show.
+        volatile uint8_t sink = frame->planes[0][0];
+        (void)sink;
+        static_cast<Counter*>(user)->frames++;
+    }
+};
+
+TEST(OsdStress, CommandsRaceFrames) {
+    kivtest::LibraryScope library;
+    void* source = KIV_CreateVideoFrameSource();
+    void* osd = KIV_CreateVideoOsd();
+    void* out = KIV_CreateVideoMux();
+    Counter counter;
+    KIV_SetVideoFrameCallback(out, Counter::OnFrame, &counter);
+    ASSERT_EQ(KIV_Connect(source, osd), KIV_OK);
+    ASSERT_EQ(KIV_ConnectVideoOsdOutput(osd, 1, out), KIV_OK);
+
+    std::atomic<bool> stop{false};
+    std::thread producer([&] {
+        kivtest::OwnedFrame frame(KIV_PIXEL_FORMAT_NV12, 64, 48, 60);
+        while (!stop) KIV_PushVideoFrame(source, &frame.frame);
+    });
+    std::thread outputs([&] {
+        while (!stop) {
+            KIV_Disconnect(osd, out);
+            KIV_ConnectVideoOsdOutput(osd, 1, out);
+        }
+    });
+
+    KivVideoOsdItem item = osdtest::Item(4, 4, 20, 10);
+    osdtest::SetText(item.text, "x");
+    const auto text = kivtest::Wide("y");
+    for (int i = 0; i < 2000; ++i) {
+        item.id = 1 + i % 5;
+        item.layer = i % 3;
+        item.visible = i % 4 != 0;
+        KIV_AddVideoOsdRect(osd, &item);
+        KIV_SetVideoOsdText(osd, &item);
+        KIV_UpdateVideoOsdText(osd, item.id, text.c_str());
+        if (i % 7 == 0) KIV_RemoveVideoOsdItem(osd, item.id);
+        if (i % 50 == 0) KIV_ClearVideoOsd(osd);
+    }
+    stop = true;
+    producer.join();
+    outputs.join();
+
+    KIV_Disconnect(source, osd);
+    KIV_Disconnect(osd, out);
+    EXPECT_EQ(static_cast<KivVideoOsd*>(static_cast<KivPortBase*>(osd))->FramesInProgress(), 0);
+    EXPECT_GT(counter.frames.load(), 0);
+    EXPECT_EQ(KIV_DestroyPort(source), KIV_OK);
+    EXPECT_EQ(KIV_DestroyPort(osd), KIV_OK);
+    EXPECT_EQ(KIV_DestroyPort(out), KIV_OK);
+}
+
+}  // namespace

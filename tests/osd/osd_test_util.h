@@ -1,0 +1,128 @@
+// Shared helpers of the overlay tests: a scripted rasteriser, an item record
+// builder and a sink that keeps copies of the frames it receives.
+#pragma once
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "kivcapture.h"
+#include "processing/osd_rasterizer.h"
+
+namespace osdtest {
+
+// Draws nothing itself: it records what it was asked and hands back a
+// prepared solid BGRA colour for the requested region.
+class FakeRasterizer : public kiv::OsdRasterizer {
+public:
+    struct Calls {
+        int text = 0;
+        int picture = 0;
+        kiv::OsdTextJob lastText{};
+        kiv::OsdRect lastRegion{};
+        kiv::OsdRect lastDest{};
+    };
+    // The log outlives the rasteriser, which the port owns.
+    explicit FakeRasterizer(std::shared_ptr<Calls> calls, uint32_t bgra = 0xFFFF0000u)
+        : calls_(std::move(calls)), bgra_(bgra) {}
+
+    // Pictures the fake "loads": any non-empty path gives this size.
+    int32_t pictureWidth = 16;
+    int32_t pictureHeight = 8;
+    // When set, LoadPicture fails as for a missing file.
+    bool missingFile = false;
+
+    bool DrawText(const kiv::OsdTextJob& job, int32_t, int32_t, const kiv::OsdRect& region,
+                  kiv::OsdBgraView* out) override {
+        calls_->text++;
+        calls_->lastText = job;
+        calls_->lastRegion = region;
+        return Fill(region, out);
+    }
+    std::unique_ptr<kiv::OsdPicture> LoadPicture(const kiv::OsdString&) override {
+        if (missingFile) return nullptr;
+        return std::make_unique<Picture>(pictureWidth, pictureHeight);
+    }
+    bool DrawPicture(const kiv::OsdPicture&, int32_t, int32_t, const kiv::OsdRect& dest, const kiv::OsdRect& region,
+                     kiv::OsdBgraView* out) override {
+        calls_->picture++;
+        calls_->lastDest = dest;
+        calls_->lastRegion = region;
+        return Fill(region, out);
+    }
+
+private:
+    struct Picture : kiv::OsdPicture {
+        Picture(int32_t w, int32_t h) : w_(w), h_(h) {}
+        int32_t Width() const override { return w_; }
+        int32_t Height() const override { return h_; }
+        int32_t w_, h_;
+    };
+    bool Fill(const kiv::OsdRect& region, kiv::OsdBgraView* out) {
+        pixels_.resize(static_cast<size_t>(region.width) * static_cast<size_t>(region.height));
+        for (uint32_t& p : pixels_) p = bgra_;  // read as 0xAARRGGBB: little-endian bytes B, G, R, A
+        out->pixels = reinterpret_cast<const uint8_t*>(pixels_.data());
+        out->stride = region.width * 4;
+        return true;
+    }
+    std::shared_ptr<Calls> calls_;
+    uint32_t bgra_;
+    std::vector<uint32_t> pixels_;
+};
+
+inline KivVideoOsdItem Item(int32_t x, int32_t y, int32_t width, int32_t height) {
+    KivVideoOsdItem item;
+    std::memset(&item, 0, sizeof item);
+    item.visible = 1;
+    item.x = x;
+    item.y = y;
+    item.width = width;
+    item.height = height;
+    item.opacity = 1.0f;
+    return item;
+}
+
+template <size_t N>
+void SetText(KivWChar (&field)[N], const char* ascii) {
+    size_t i = 0;
+    for (; ascii[i] && i + 1 < N; ++i) field[i] = static_cast<KivWChar>(ascii[i]);
+    field[i] = 0;
+}
+
+// Keeps a copy of every frame given to its callback; attach it to a video mux
+// so the overlay's outputs are observed as an application would.
+struct FrameSink {
+    struct Copy {
+        KivVideoFrame frame{};
+        std::vector<uint8_t> plane0, plane1;
+    };
+    std::mutex mutex;
+    std::vector<Copy> frames;
+    const KivVideoFrame* lastPointer = nullptr;
+
+    static void KIV_CALL OnFrame(const KivVideoFrame* frame, void* user) {
+        auto* self = static_cast<FrameSink*>(user);
+        Copy copy;
+        copy.frame = *frame;
+        const int32_t h = frame->height;
+        if (frame->format == KIV_PIXEL_FORMAT_MJPG || frame->format == KIV_PIXEL_FORMAT_H264) {
+            copy.plane0.assign(frame->planes[0], frame->planes[0] + frame->strides[0]);
+        } else {
+            copy.plane0.assign(frame->planes[0], frame->planes[0] + static_cast<size_t>(frame->strides[0]) * h);
+            if (frame->format == KIV_PIXEL_FORMAT_NV12 && frame->planes[1]) {
+                copy.plane1.assign(frame->planes[1],
+                                   frame->planes[1] + static_cast<size_t>(frame->strides[1]) * ((h + 1) / 2));
+            }
+        }
+        std::lock_guard<std::mutex> lock(self->mutex);
+        self->lastPointer = frame;
+        self->frames.push_back(std::move(copy));
+    }
+    size_t Count() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return frames.size();
+    }
+};
+
+}  // namespace osdtest
