@@ -1,0 +1,191 @@
+// Text and pictures drawn by GDI+ through the exported functions: each item
+// must change its own box of the frame and nothing outside it.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "osd_test_util.h"
+#include "test_support.h"
+
+using kivtest::OwnedFrame;
+using osdtest::FrameSink;
+
+namespace {
+
+constexpr int kWidth = 160, kHeight = 96;
+
+struct Box {
+    int x, y, w, h;
+    bool Contains(int px, int py) const { return px >= x && px < x + w && py >= y && py < y + h; }
+};
+
+// A bottom-up 24-bit BMP: red with a pure green block in its top-left 2x2.
+void WriteBmp(const std::string& path, int w, int h) {
+    const int rowBytes = (w * 3 + 3) & ~3;
+    const uint32_t pixelBytes = static_cast<uint32_t>(rowBytes * h);
+    std::vector<uint8_t> file(54 + pixelBytes, 0);
+    auto put32 = [&](size_t at, uint32_t v) {
+        for (int i = 0; i < 4; ++i) file[at + i] = static_cast<uint8_t>(v >> (8 * i));
+    };
+    file[0] = 'B';
+    file[1] = 'M';
+    put32(2, static_cast<uint32_t>(file.size()));
+    put32(10, 54);
+    put32(14, 40);
+    put32(18, static_cast<uint32_t>(w));
+    put32(22, static_cast<uint32_t>(h));
+    file[26] = 1;
+    file[28] = 24;
+    put32(34, pixelBytes);
+    for (int row = 0; row < h; ++row) {
+        const int y = h - 1 - row;  // file rows run bottom-up
+        for (int x = 0; x < w; ++x) {
+            uint8_t* p = &file[54 + row * rowBytes + x * 3];
+            const bool green = x < 2 && y < 2;
+            p[0] = 0;
+            p[1] = green ? 255 : 0;
+            p[2] = green ? 0 : 255;
+        }
+    }
+    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(file.data()),
+                                                static_cast<std::streamsize>(file.size()));
+}
+
+class OsdGdiplusTest : public ::testing::Test {
+protected:
+    kivtest::LibraryScope library;
+    void* source = KIV_CreateVideoFrameSource();
+    void* osd = KIV_CreateVideoOsd();
+    void* out = KIV_CreateVideoMux();
+    FrameSink sink;
+    OwnedFrame in{KIV_PIXEL_FORMAT_RGB32, kWidth, kHeight, 0};
+
+    void SetUp() override {
+        ASSERT_EQ(KIV_Connect(source, osd), KIV_OK);
+        ASSERT_EQ(KIV_ConnectVideoOsdOutput(osd, 1, out), KIV_OK);
+        KIV_SetVideoFrameCallback(out, FrameSink::OnFrame, &sink);
+    }
+    void TearDown() override {
+        KIV_Disconnect(source, osd);
+        KIV_DestroyPort(source);
+        KIV_DestroyPort(osd);
+        KIV_DestroyPort(out);
+    }
+    // Pushes the black frame and returns the composited copy.
+    const std::vector<uint8_t>& Composite() {
+        EXPECT_EQ(KIV_PushVideoFrame(source, &in.frame), KIV_OK);
+        EXPECT_EQ(sink.Count(), 1u);
+        return sink.frames.back().plane0;
+    }
+    static const uint8_t* Pixel(const std::vector<uint8_t>& bgra, int x, int y) {
+        return &bgra[(static_cast<size_t>(y) * kWidth + x) * 4];
+    }
+    // Counts changed pixels inside and outside the box.
+    static void CountChanges(const std::vector<uint8_t>& bgra, const Box& box, int* inside, int* outside) {
+        *inside = *outside = 0;
+        for (int y = 0; y < kHeight; ++y) {
+            for (int x = 0; x < kWidth; ++x) {
+                const uint8_t* p = Pixel(bgra, x, y);
+                if (p[0] || p[1] || p[2]) ++(box.Contains(x, y) ? *inside : *outside);
+            }
+        }
+    }
+};
+
+TEST_F(OsdGdiplusTest, TextChangesOnlyItsBox) {
+    const Box box{20, 16, 100, 40};
+    KivVideoOsdItem item = osdtest::Item(box.x, box.y, box.w, box.h);
+    item.size = 28;
+    item.transparent = 1;
+    item.color = 0xFFFFFFFFu;
+    osdtest::SetText(item.text, "HELLO WORLD WRAPS");
+    osdtest::SetText(item.fontName, "Tahoma");
+    ASSERT_EQ(KIV_SetVideoOsdText(osd, &item), KIV_OK);
+    int inside = 0, outside = 0;
+    CountChanges(Composite(), box, &inside, &outside);
+    EXPECT_GT(inside, 100);           // glyphs were drawn
+    EXPECT_LT(inside, box.w * box.h);  // but not a filled block
+    EXPECT_EQ(outside, 0);             // wrapped text spilling below the box is clipped
+}
+
+TEST_F(OsdGdiplusTest, TextBoxBackgroundFillsTheBoxWithAnUnknownFont) {
+    const Box box{30, 50, 60, 30};
+    KivVideoOsdItem item = osdtest::Item(box.x, box.y, box.w, box.h);
+    item.size = 20;
+    item.color = 0xFFFFFFFFu;
+    item.backColor = 0xFF0000FFu;  // opaque blue box
+    osdtest::SetText(item.text, "Hi");
+    osdtest::SetText(item.fontName, "No Such Font Family 123");
+    ASSERT_EQ(KIV_AddVideoOsdText(osd, &item), KIV_OK);
+    const std::vector<uint8_t>& bgra = Composite();
+    int inside = 0, outside = 0;
+    CountChanges(bgra, box, &inside, &outside);
+    EXPECT_EQ(inside, box.w * box.h);
+    EXPECT_EQ(outside, 0);
+    const uint8_t* corner = Pixel(bgra, box.x + box.w - 1, box.y + box.h - 1);
+    EXPECT_EQ(corner[0], 255);
+    EXPECT_EQ(corner[1], 0);
+    EXPECT_EQ(corner[2], 0);
+}
+
+TEST_F(OsdGdiplusTest, PictureAtItsOwnSizeWithColourKey) {
+    const std::string path = kivtest::TempDir("osd_gdiplus") + "/logo.bmp";
+    WriteBmp(path, 8, 4);
+    const auto widePath = kivtest::Wide(path);
+    KivVideoOsdItem item = osdtest::Item(10, 12, 0, 0);
+    std::copy(widePath.begin(), widePath.end(), item.imagePath);
+    item.transparent = 1;
+    item.backColor = 0xFF00FF00u;
+    ASSERT_EQ(KIV_SetVideoOsdImage(osd, &item), KIV_OK);
+    const std::vector<uint8_t>& bgra = Composite();
+    int inside = 0, outside = 0;
+    CountChanges(bgra, Box{10, 12, 8, 4}, &inside, &outside);
+    EXPECT_EQ(outside, 0);
+    EXPECT_EQ(inside, 8 * 4 - 4);  // the green corner is keyed out
+    EXPECT_EQ(Pixel(bgra, 10, 12)[1], 0);
+    const uint8_t* red = Pixel(bgra, 17, 15);
+    EXPECT_EQ(red[2], 255);
+    EXPECT_EQ(red[1], 0);
+}
+
+TEST_F(OsdGdiplusTest, PictureScaledIntoTheItemBox) {
+    const std::string path = kivtest::TempDir("osd_gdiplus_scaled") + "/logo.bmp";
+    WriteBmp(path, 8, 4);
+    const auto widePath = kivtest::Wide(path);
+    KivVideoOsdItem item = osdtest::Item(100, 40, 32, 16);
+    std::copy(widePath.begin(), widePath.end(), item.imagePath);
+    ASSERT_EQ(KIV_AddVideoOsdImage(osd, &item), KIV_OK);
+    const std::vector<uint8_t>& bgra = Composite();
+    int inside = 0, outside = 0;
+    CountChanges(bgra, Box{100, 40, 32, 16}, &inside, &outside);
+    EXPECT_EQ(outside, 0);
+    EXPECT_GT(inside, 32 * 16 * 3 / 4);
+    EXPECT_GT(Pixel(bgra, 120, 50)[2], 200);  // red well inside the scaled picture
+}
+
+TEST_F(OsdGdiplusTest, MissingPictureDrawsNothing) {
+    KivVideoOsdItem item = osdtest::Item(0, 0, 0, 0);
+    osdtest::SetText(item.imagePath, "C:\\no\\such\\picture.png");
+    ASSERT_EQ(KIV_AddVideoOsdImage(osd, &item), KIV_OK);
+    int inside = 0, outside = 0;
+    CountChanges(Composite(), Box{0, 0, 0, 0}, &inside, &outside);
+    EXPECT_EQ(outside, 0);
+}
+
+TEST_F(OsdGdiplusTest, GdiplusStaysUpWhileAnyOverlayLives) {
+    void* second = KIV_CreateVideoOsd();
+    ASSERT_EQ(KIV_DestroyPort(second), KIV_OK);
+    const Box box{0, 0, 40, 20};
+    KivVideoOsdItem item = osdtest::Item(box.x, box.y, box.w, box.h);
+    item.backColor = 0xFFFF0000u;
+    osdtest::SetText(item.text, "x");
+    ASSERT_EQ(KIV_AddVideoOsdText(osd, &item), KIV_OK);
+    int inside = 0, outside = 0;
+    CountChanges(Composite(), box, &inside, &outside);
+    EXPECT_EQ(inside, box.w * box.h);
+}
+
+}  // namespace
