@@ -12,20 +12,21 @@ uint32_t ReadU32BE(const uint8_t* p) {
     return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | uint32_t(p[3]);
 }
 
-bool StartsWithStartCode(const uint8_t* data, size_t size) {
-    if (size >= 3 && data[0] == 0 && data[1] == 0 && data[2] == 1) return true;
+bool StartsWithFourByteStartCode(const uint8_t* data, size_t size) {
     return size >= 4 && data[0] == 0 && data[1] == 0 && data[2] == 0 && data[3] == 1;
 }
 
 // True when the buffer is exactly a chain of non-empty units, each preceded
-// by its 4-byte big-endian length.
-bool IsExactAvcc(const uint8_t* data, size_t size) {
+// by its 4-byte big-endian length. With `plausibleHeaders`, every unit must
+// also start with a NAL header that has the forbidden bit clear and a type.
+bool IsExactAvcc(const uint8_t* data, size_t size, bool plausibleHeaders) {
     if (size < 5) return false;
     size_t pos = 0;
     while (size - pos >= 4) {
         const uint32_t length = ReadU32BE(data + pos);
         pos += 4;
         if (length == 0 || length > size - pos) return false;
+        if (plausibleHeaders && ((data[pos] & 0x80) != 0 || (data[pos] & 0x1F) == 0)) return false;
         pos += length;
     }
     return pos == size;
@@ -301,10 +302,13 @@ void H264StreamAnalyzer::AddUnit(const uint8_t* nal, size_t size, H264FrameInfo*
 
 bool H264StreamAnalyzer::ReadAnnexB(const uint8_t* data, size_t size, H264FrameInfo* info) {
     if (size < 4 || FindAnnexBStart(data, size, 0) >= size) return false;
-    // Lengths of 256 to 511 bytes begin with 00 00 01, so a buffer that does
-    // not open with a start code but is exactly a chain of length-prefixed
-    // units is left to the AVCC reading.
-    if (!StartsWithStartCode(data, size) && IsExactAvcc(data, size)) return false;
+    // A length of 256 to 511 bytes reads 00 00 01 xx, which looks like a
+    // start code. A buffer that is exactly a chain of length-prefixed units
+    // with sound NAL headers is therefore left to the AVCC reading, unless it
+    // opens with a 4-byte start code (a length of 1 is no real unit). Read
+    // the other way, real Annex B data fails the header test: the byte after
+    // a slice's NAL header has its top bit set.
+    if (!StartsWithFourByteStartCode(data, size) && IsExactAvcc(data, size, true)) return false;
     AnnexBReader reader(data, size);
     const uint8_t* nal = nullptr;
     size_t nalSize = 0;
@@ -313,7 +317,7 @@ bool H264StreamAnalyzer::ReadAnnexB(const uint8_t* data, size_t size, H264FrameI
 }
 
 bool H264StreamAnalyzer::ReadAvcc(const uint8_t* data, size_t size, H264FrameInfo* info) {
-    if (!IsExactAvcc(data, size)) return false;
+    if (!IsExactAvcc(data, size, false)) return false;
     size_t pos = 0;
     while (pos < size) {
         const uint32_t length = ReadU32BE(data + pos);

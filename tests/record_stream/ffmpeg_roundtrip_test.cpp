@@ -1,0 +1,216 @@
+// Real H.264 streams from libx264 (through the ffmpeg tools) are analysed
+// access unit by access unit, written with our MP4 writer, and the files are
+// checked by ffprobe and by decoding them with ffmpeg: every decoded frame
+// must match the frames decoded from the original elementary stream.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <sstream>
+
+#include "aac_config.h"
+#include "h264_stream.h"
+#include "mp4_writer.h"
+#include "stream_test_util.h"
+#include "test_support.h"
+
+using namespace streamtest;
+
+namespace {
+
+struct StreamCase {
+    const char* name;
+    const char* profile;  // x264 profile
+    int bframes;
+    int width;
+    int height;
+    bool lengthPrefixed;  // feed the frames as AVCC instead of Annex B
+    int expectedProfileIdc;
+    const char* ffprobeProfile;
+};
+
+std::string Dir() {
+    static const std::string dir = kivtest::TempDir("record_stream_ffmpeg");
+    return dir;
+}
+
+std::map<std::string, std::string> Probe(const std::string& args) {
+    std::string out;
+    Run("ffprobe -v error " + args + " -of default=nw=1 2>&1", &out);
+    std::map<std::string, std::string> values;
+    std::istringstream lines(out);
+    std::string line;
+    while (std::getline(lines, line)) {
+        const size_t eq = line.find('=');
+        if (eq != std::string::npos && !values.count(line.substr(0, eq))) values[line.substr(0, eq)] = line.substr(eq + 1);
+    }
+    return values;
+}
+
+// Checksums of the decoded frames of one stream, in output order.
+std::vector<std::string> DecodedFrameHashes(const std::string& path, const std::string& map) {
+    std::string out;
+    const int status = Run("ffmpeg -v error -i '" + path + "' -map " + map + " -fps_mode passthrough -f framemd5 - 2>&1", &out);
+    std::vector<std::string> hashes;
+    if (status != 0) return {"ffmpeg failed: " + out};
+    std::istringstream lines(out);
+    std::string line;
+    while (std::getline(lines, line)) {
+        if (line.empty() || line[0] == '#') continue;
+        hashes.push_back(line.substr(line.rfind(',') + 1));
+    }
+    return hashes;
+}
+
+std::string MakeVideo(const StreamCase& c) {
+    const std::string path = Dir() + "/" + c.name + ".h264";
+    std::ostringstream cmd;
+    cmd << "ffmpeg -v error -y -f lavfi -i testsrc=size=" << c.width << "x" << c.height
+        << ":rate=25 -frames:v 50 -pix_fmt yuv420p -c:v libx264 -preset veryfast -profile:v " << c.profile
+        << " -bf " << c.bframes << " -f h264 '" << path << "' 2>&1";
+    std::string out;
+    EXPECT_EQ(Run(cmd.str(), &out), 0) << out;
+    return path;
+}
+
+class FfmpegRoundTrip : public ::testing::TestWithParam<StreamCase> {
+protected:
+    void SetUp() override {
+#ifdef _WIN32
+        GTEST_SKIP() << "the ffmpeg tools are checked in the native build";
+#else
+        if (!HaveFfmpegTools()) GTEST_SKIP() << "ffmpeg/ffprobe not installed";
+#endif
+    }
+};
+
+// Feeds the access units through the analyser into the writer the way the
+// pass-through path does: the file opens at the first frame that brings both
+// parameter sets; 25 frames a second.
+int WriteMp4(const std::vector<Bytes>& units, bool lengthPrefixed, const std::string& path, int32_t width,
+             int32_t height, kiv::H264SpsInfo* spsInfo, const std::vector<AdtsFrame>* audio = nullptr) {
+    kiv::H264StreamAnalyzer analyzer;
+    kiv::Mp4Writer writer;
+    int written = 0;
+    size_t audioNext = 0;
+    for (size_t i = 0; i < units.size(); ++i) {
+        const Bytes input = lengthPrefixed ? LengthPrefixed(NalUnits(units[i])) : units[i];
+        const kiv::H264FrameInfo info = analyzer.Analyze(input.data(), input.size());
+        EXPECT_EQ(info.source, lengthPrefixed ? kiv::kH264SourceAvcc : kiv::kH264SourceAnnexB) << "frame " << i;
+        EXPECT_EQ(analyzer.Sample(), AnnexB(NalUnits(units[i]))) << "frame " << i;
+        if (!writer.IsOpen()) {
+            if (!analyzer.HasParameterSets()) continue;
+            kiv::ParseH264Sps(analyzer.Sps().data(), analyzer.Sps().size(), spsInfo);
+            EXPECT_EQ(writer.Open(WidePath(path).c_str(), width, height, analyzer.Sps(), analyzer.Pps(), *spsInfo),
+                      kiv::Mp4OpenResult::kOk);
+            if (audio && !audio->empty()) {
+                uint8_t asc[2];
+                static const int rates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050, 16000};
+                kiv::AacAudioSpecificConfig(rates[(*audio)[0].sampleRateIndex], (*audio)[0].channels, asc);
+                EXPECT_TRUE(writer.EnableAudio(rates[(*audio)[0].sampleRateIndex], (*audio)[0].channels, asc, 128000));
+            }
+        }
+        const int64_t t = int64_t(i) * 400000;
+        EXPECT_TRUE(writer.WriteVideoSample(analyzer.Sample().data(), analyzer.Sample().size(), t, 400000, info.key));
+        ++written;
+        // Audio interleaved as it would arrive: everything due before the
+        // next video frame.
+        while (audio && audioNext < audio->size() && int64_t(audioNext) * 1024 * 10000000 / 48000 < t + 400000) {
+            const Bytes& au = (*audio)[audioNext].payload;
+            EXPECT_TRUE(writer.WriteAudioSample(au.data(), au.size(), int64_t(audioNext) * 1024 * 10000000 / 48000));
+            ++audioNext;
+        }
+    }
+    EXPECT_TRUE(writer.Finalize());
+    return written;
+}
+
+}  // namespace
+
+TEST_P(FfmpegRoundTrip, DecodesToTheSameFrames) {
+    const StreamCase c = GetParam();
+    const std::string input = MakeVideo(c);
+    const std::vector<Bytes> units = SplitAccessUnits(ReadAll(input));
+    ASSERT_EQ(units.size(), 50u);
+
+    const std::string output = Dir() + "/" + c.name + ".mp4";
+    kiv::H264SpsInfo sps;
+    ASSERT_EQ(WriteMp4(units, c.lengthPrefixed, output, c.width, c.height, &sps), 50);
+
+    // Our SPS reading agrees with ffprobe's.
+    std::map<std::string, std::string> in = Probe("-show_entries stream=profile,level,width,height '" + input + "'");
+    EXPECT_TRUE(sps.parsed);
+    EXPECT_EQ(sps.profile, c.expectedProfileIdc);
+    EXPECT_EQ(in["profile"], c.ffprobeProfile);
+    EXPECT_EQ(std::to_string(sps.level), in["level"]);
+    EXPECT_TRUE(sps.sizeParsed);
+    EXPECT_EQ(std::to_string(sps.width), in["width"]);
+    EXPECT_EQ(std::to_string(sps.height), in["height"]);
+
+    std::map<std::string, std::string> out = Probe(
+        "-count_frames -select_streams v:0 -show_entries "
+        "stream=codec_name,width,height,nb_read_frames,nb_frames,r_frame_rate,avg_frame_rate,duration '" +
+        output + "'");
+    EXPECT_EQ(out["codec_name"], "h264");
+    EXPECT_EQ(out["width"], std::to_string(c.width));
+    EXPECT_EQ(out["height"], std::to_string(c.height));
+    EXPECT_EQ(out["nb_frames"], "50");
+    EXPECT_EQ(out["nb_read_frames"], "50");
+    EXPECT_EQ(out["r_frame_rate"], "25/1");
+    EXPECT_EQ(out["avg_frame_rate"], "25/1");
+    EXPECT_EQ(out["duration"], "2.000000");
+
+    const std::vector<std::string> expected = DecodedFrameHashes(input, "0:v");
+    ASSERT_EQ(expected.size(), 50u);
+    EXPECT_EQ(DecodedFrameHashes(output, "0:v"), expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Libx264, FfmpegRoundTrip,
+    ::testing::Values(StreamCase{"baseline_annexb", "baseline", 0, 320, 240, false, 66, "Constrained Baseline"},
+                      StreamCase{"baseline_avcc", "baseline", 0, 320, 240, true, 66, "Constrained Baseline"},
+                      StreamCase{"main_annexb", "main", 0, 320, 240, false, 77, "Main"},
+                      StreamCase{"main_bframes_avcc", "main", 2, 320, 240, true, 77, "Main"},
+                      StreamCase{"high_bframes_annexb", "high", 2, 320, 240, false, 100, "High"},
+                      StreamCase{"high_bframes_avcc", "high", 3, 320, 240, true, 100, "High"},
+                      StreamCase{"high_cropped_annexb", "high", 0, 320, 180, false, 100, "High"}),
+    [](const ::testing::TestParamInfo<StreamCase>& info) { return std::string(info.param.name); });
+
+TEST(FfmpegRoundTripAudio, AacTrackBesideTheVideoProbesAndDecodes) {
+#ifdef _WIN32
+    GTEST_SKIP() << "the ffmpeg tools are checked in the native build";
+#else
+    if (!HaveFfmpegTools()) GTEST_SKIP() << "ffmpeg/ffprobe not installed";
+#endif
+    const StreamCase c{"with_audio", "main", 0, 320, 240, false, 77, "Main"};
+    const std::vector<Bytes> units = SplitAccessUnits(ReadAll(MakeVideo(c)));
+    const std::string adts = Dir() + "/tone.aac";
+    std::string log;
+    ASSERT_EQ(streamtest::Run("ffmpeg -v error -y -f lavfi -i sine=frequency=440:sample_rate=48000:duration=2 -ac 2 -c:a aac "
+                  "-b:a 128k -f adts '" + adts + "' 2>&1", &log), 0) << log;
+    const std::vector<AdtsFrame> audio = ParseAdts(ReadAll(adts));
+    ASSERT_GE(audio.size(), 90u);
+    ASSERT_EQ(audio[0].sampleRateIndex, 3);
+    ASSERT_EQ(audio[0].channels, 2);
+
+    const std::string output = Dir() + "/with_audio.mp4";
+    kiv::H264SpsInfo sps;
+    ASSERT_EQ(WriteMp4(units, false, output, 320, 240, &sps, &audio), 50);
+
+    std::map<std::string, std::string> a = Probe(
+        "-select_streams a:0 -show_entries stream=codec_type,codec_name,profile,sample_rate,channels '" + output + "'");
+    EXPECT_EQ(a["codec_type"], "audio");
+    EXPECT_EQ(a["codec_name"], "aac");
+    EXPECT_EQ(a["profile"], "LC");
+    EXPECT_EQ(a["sample_rate"], "48000");
+    EXPECT_EQ(a["channels"], "2");
+    std::map<std::string, std::string> v = Probe("-count_frames -select_streams v:0 -show_entries stream=nb_read_frames '" + output + "'");
+    EXPECT_EQ(v["nb_read_frames"], "50");
+
+    // The audio frames written decode exactly like the same frames read from ADTS.
+    std::vector<std::string> expected = DecodedFrameHashes(adts, "0:a");
+    std::vector<std::string> actual = DecodedFrameHashes(output, "0:a");
+    ASSERT_GE(expected.size(), actual.size());
+    ASSERT_GE(actual.size(), 90u);
+    expected.resize(actual.size());
+    EXPECT_EQ(actual, expected);
+}

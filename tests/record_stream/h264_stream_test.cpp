@@ -1,0 +1,349 @@
+// Framing detection, parameter-set capture and SPS reading on hand-built
+// streams; real encoder output is checked in the round-trip tests.
+#include <gtest/gtest.h>
+
+#include "h264_stream.h"
+#include "stream_test_util.h"
+
+using namespace streamtest;
+
+namespace {
+
+struct SpsFields {
+    uint32_t profile = 77;
+    uint32_t constraints = 0x40;
+    uint32_t level = 31;
+    uint32_t chroma = 1;
+    uint32_t lumaMinus8 = 0;
+    uint32_t chromaMinus8 = 0;
+    bool scalingLists = false;
+    uint32_t pocType = 0;
+    uint32_t widthMbsMinus1 = 19;
+    uint32_t heightUnitsMinus1 = 14;
+    bool frameMbsOnly = true;
+    uint32_t crop[4] = {0, 0, 0, 0};  // left, right, top, bottom
+};
+
+bool HasChromaInfo(uint32_t profile) {
+    for (uint32_t p : {44u, 83u, 86u, 100u, 110u, 118u, 122u, 128u, 134u, 138u, 139u, 244u}) {
+        if (p == profile) return true;
+    }
+    return false;
+}
+
+Bytes SpsRbsp(const SpsFields& f) {
+    BitWriter w;
+    w.Bits(f.profile, 8);
+    w.Bits(f.constraints, 8);
+    w.Bits(f.level, 8);
+    w.Ue(0);  // seq_parameter_set_id
+    if (HasChromaInfo(f.profile)) {
+        w.Ue(f.chroma);
+        if (f.chroma == 3) w.Bit(0);
+        w.Ue(f.lumaMinus8);
+        w.Ue(f.chromaMinus8);
+        w.Bit(0);
+        w.Bit(f.scalingLists);
+        if (f.scalingLists) {
+            for (int i = 0; i < (f.chroma != 3 ? 8 : 12); ++i) {
+                const bool present = i % 3 == 0;
+                w.Bit(present);
+                if (present) {
+                    for (int j = 0; j < (i < 6 ? 16 : 64); ++j) w.Se(j % 5 - 2);
+                }
+            }
+        }
+    }
+    w.Ue(0);  // log2_max_frame_num_minus4
+    w.Ue(f.pocType);
+    if (f.pocType == 0) {
+        w.Ue(2);
+    } else if (f.pocType == 1) {
+        w.Bit(0);
+        w.Se(-3);
+        w.Se(4);
+        w.Ue(2);
+        w.Se(1);
+        w.Se(-1);
+    }
+    w.Ue(1);  // max_num_ref_frames
+    w.Bit(0);
+    w.Ue(f.widthMbsMinus1);
+    w.Ue(f.heightUnitsMinus1);
+    w.Bit(f.frameMbsOnly);
+    if (!f.frameMbsOnly) w.Bit(0);
+    w.Bit(1);
+    const bool cropping = f.crop[0] || f.crop[1] || f.crop[2] || f.crop[3];
+    w.Bit(cropping);
+    if (cropping) {
+        for (uint32_t c : f.crop) w.Ue(c);
+    }
+    w.Bit(0);  // no VUI
+    return w.Finish();
+}
+
+Bytes SpsNal(const SpsFields& f) { return Nal(0x67, SpsRbsp(f)); }
+
+kiv::H264SpsInfo Parse(const Bytes& nal) {
+    kiv::H264SpsInfo info;
+    kiv::ParseH264Sps(nal.data(), nal.size(), &info);
+    return info;
+}
+
+const Bytes kPps = {0x68, 0xEE, 0x3C, 0x80};
+const Bytes kIdr = {0x65, 0x88, 0x84, 0x00, 0x33, 0x21};
+const Bytes kSlice = {0x41, 0x9A, 0x02, 0x04};
+
+}  // namespace
+
+TEST(H264Framing, AnnexBWithMixedStartCodes) {
+    const Bytes sps = SpsNal(SpsFields());
+    Bytes frame = AnnexB({sps, kPps});
+    frame.insert(frame.end(), {0, 0, 1});
+    frame.insert(frame.end(), kIdr.begin(), kIdr.end());
+
+    kiv::H264StreamAnalyzer analyzer;
+    const kiv::H264FrameInfo info = analyzer.Analyze(frame.data(), frame.size());
+    EXPECT_EQ(info.source, kiv::kH264SourceAnnexB);
+    EXPECT_STREQ(kiv::H264SourceName(info.source), "AnnexB");
+    EXPECT_EQ(info.nalCount, 3);
+    EXPECT_EQ(info.firstNalType, 7);
+    EXPECT_TRUE(info.key);
+    EXPECT_EQ(analyzer.Sps(), sps);
+    EXPECT_EQ(analyzer.Pps(), kPps);
+    EXPECT_TRUE(analyzer.HasParameterSets());
+    EXPECT_EQ(analyzer.Sample(), AnnexB({sps, kPps, kIdr}));  // every unit behind 00 00 00 01
+}
+
+TEST(H264Framing, TrailingZerosAndLeadingJunkAreNotPartOfUnits) {
+    Bytes frame = {0x12, 0x34};  // bytes before the first start code are ignored
+    const Bytes body = AnnexB({kSlice, kSlice});
+    frame.insert(frame.end(), body.begin(), body.end());
+    frame.insert(frame.end(), {0, 0, 0});
+
+    kiv::H264StreamAnalyzer analyzer;
+    const kiv::H264FrameInfo info = analyzer.Analyze(frame.data(), frame.size());
+    EXPECT_EQ(info.source, kiv::kH264SourceAnnexB);
+    EXPECT_EQ(info.nalCount, 2);
+    EXPECT_FALSE(info.key);
+    EXPECT_EQ(analyzer.Sample(), AnnexB({kSlice, kSlice}));
+    EXPECT_FALSE(analyzer.HasParameterSets());
+}
+
+TEST(H264Framing, LengthPrefixedAndSingleNal) {
+    kiv::H264StreamAnalyzer analyzer;
+    const Bytes avcc = {0, 0, 0, 5, 0x65, 0x11, 0x22, 0x33, 0x44};
+    kiv::H264FrameInfo info = analyzer.Analyze(avcc.data(), avcc.size());
+    EXPECT_EQ(info.source, kiv::kH264SourceAvcc);
+    EXPECT_EQ(info.nalCount, 1);
+    EXPECT_EQ(info.firstNalType, 5);
+    EXPECT_TRUE(info.key);
+    EXPECT_EQ(analyzer.Sample(), AnnexB({{0x65, 0x11, 0x22, 0x33, 0x44}}));
+
+    // A length running one byte past the end is not AVCC: the whole buffer
+    // becomes one unit whose first byte is 00.
+    const Bytes bad = {0, 0, 0, 6, 0x65, 0x11, 0x22, 0x33, 0x44};
+    info = analyzer.Analyze(bad.data(), bad.size());
+    EXPECT_EQ(info.source, kiv::kH264SourceSingleNal);
+    EXPECT_STREQ(kiv::H264SourceName(info.source), "SingleNAL");
+    EXPECT_EQ(info.nalCount, 1);
+    EXPECT_EQ(info.firstNalType, 0);
+    EXPECT_FALSE(info.key);
+    EXPECT_EQ(analyzer.Sample(), AnnexB({bad}));
+
+    const Bytes bare = kIdr;
+    info = analyzer.Analyze(bare.data(), bare.size());
+    EXPECT_EQ(info.source, kiv::kH264SourceSingleNal);
+    EXPECT_TRUE(info.key);
+}
+
+TEST(H264Framing, LengthPrefixedUnitsOf256To511BytesAreNotMistakenForStartCodes) {
+    // A 300-byte unit's length reads 00 00 01 2C: it must stay AVCC.
+    Bytes slice(300, 0x5A);
+    slice[0] = 0x41;
+    Bytes sps = SpsNal(SpsFields());
+    const Bytes frame = LengthPrefixed({sps, kPps, slice});
+    kiv::H264StreamAnalyzer analyzer;
+    const kiv::H264FrameInfo info = analyzer.Analyze(frame.data(), frame.size());
+    EXPECT_EQ(info.source, kiv::kH264SourceAvcc);
+    EXPECT_EQ(info.nalCount, 3);
+    EXPECT_EQ(analyzer.Sample(), AnnexB({sps, kPps, slice}));
+    EXPECT_EQ(analyzer.Sps(), sps);
+}
+
+TEST(H264Framing, AnnexBWithThreeByteStartCodeStaysAnnexB) {
+    // 00 00 01 41 also reads as a length of 321: with exactly 321 bytes after
+    // it the buffer is a valid length chain, but the "unit" would start with
+    // the slice header byte 9A, whose forbidden bit is set.
+    Bytes frame = {0, 0, 1, 0x41, 0x9A};
+    frame.resize(4 + 0x141, 0x55);
+    kiv::H264StreamAnalyzer analyzer;
+    const kiv::H264FrameInfo info = analyzer.Analyze(frame.data(), frame.size());
+    EXPECT_EQ(info.source, kiv::kH264SourceAnnexB);
+    EXPECT_EQ(info.firstNalType, 1);
+    EXPECT_EQ(analyzer.Sample().size(), frame.size() + 1);
+}
+
+TEST(H264Framing, EmptyInputAndParameterSetReplacement) {
+    kiv::H264StreamAnalyzer analyzer;
+    const Bytes first = AnnexB({SpsNal(SpsFields()), kPps, kIdr});
+    analyzer.Analyze(first.data(), first.size());
+    kiv::H264FrameInfo info = analyzer.Analyze(nullptr, 10);
+    EXPECT_EQ(info.source, kiv::kH264SourceUnknown);
+    EXPECT_EQ(info.firstNalType, -1);
+    EXPECT_TRUE(analyzer.Sample().empty());
+    EXPECT_TRUE(analyzer.HasParameterSets());  // kept across frames
+
+    SpsFields high;
+    high.profile = 100;
+    const Bytes newSps = SpsNal(high);
+    const Bytes newPps = {0x68, 0xCE, 0x01};
+    const Bytes second = AnnexB({newSps, newPps, kSlice});
+    info = analyzer.Analyze(second.data(), second.size());
+    EXPECT_FALSE(info.key);  // parameter sets alone do not make a key frame
+    EXPECT_EQ(analyzer.Sps(), newSps);
+    EXPECT_EQ(analyzer.Pps(), newPps);
+
+    analyzer.Reset();
+    EXPECT_FALSE(analyzer.HasParameterSets());
+}
+
+TEST(H264Framing, LengthPrefixedConversion) {
+    const Bytes sps = SpsNal(SpsFields());
+    Bytes annexB = AnnexB({sps, kPps});
+    annexB.insert(annexB.end(), {0, 0, 1});
+    annexB.insert(annexB.end(), kIdr.begin(), kIdr.end());
+    std::vector<uint8_t> out = {9, 9, 9};
+    EXPECT_EQ(kiv::AnnexBToLengthPrefixed(annexB.data(), annexB.size(), &out), 3u);
+    EXPECT_EQ(out, LengthPrefixed({sps, kPps, kIdr}));
+
+    const Bytes noStartCode = {0x65, 1, 2, 3};
+    EXPECT_EQ(kiv::AnnexBToLengthPrefixed(noStartCode.data(), noStartCode.size(), &out), 0u);
+    EXPECT_TRUE(out.empty());
+}
+
+TEST(H264Sps, MainProfileStopsAfterTheLevelFields) {
+    SpsFields f;
+    const kiv::H264SpsInfo info = Parse(SpsNal(f));
+    EXPECT_TRUE(info.parsed);
+    EXPECT_EQ(info.profile, 77);
+    EXPECT_EQ(info.constraintFlags, 0x40);
+    EXPECT_EQ(info.level, 31);
+    EXPECT_EQ(info.chromaFormat, 1);
+    EXPECT_EQ(info.lumaBitDepth, 8);
+    EXPECT_EQ(info.chromaBitDepth, 8);
+    EXPECT_TRUE(info.sizeParsed);
+    EXPECT_EQ(info.width, 320);
+    EXPECT_EQ(info.height, 240);
+
+    // Only profile, level and the id are needed: four bytes parse.
+    const Bytes shortSps = {0x67, 77, 0x40, 31, 0x80};
+    const kiv::H264SpsInfo partial = Parse(shortSps);
+    EXPECT_TRUE(partial.parsed);
+    EXPECT_FALSE(partial.sizeParsed);
+    EXPECT_EQ(partial.width, 0);
+}
+
+TEST(H264Sps, HighProfilesWithScalingListsCroppingAndDepths) {
+    SpsFields hd;
+    hd.profile = 100;
+    hd.level = 40;
+    hd.scalingLists = true;
+    hd.widthMbsMinus1 = 119;
+    hd.heightUnitsMinus1 = 67;
+    hd.crop[3] = 4;  // 4 units of 2 lines: 1088 -> 1080
+    kiv::H264SpsInfo info = Parse(SpsNal(hd));
+    EXPECT_TRUE(info.parsed);
+    EXPECT_EQ(info.profile, 100);
+    EXPECT_EQ(info.level, 40);
+    ASSERT_TRUE(info.sizeParsed);
+    EXPECT_EQ(info.width, 1920);
+    EXPECT_EQ(info.height, 1080);
+
+    SpsFields hi444;
+    hi444.profile = 244;
+    hi444.chroma = 3;
+    hi444.lumaMinus8 = 2;
+    hi444.chromaMinus8 = 4;
+    hi444.scalingLists = true;
+    hi444.pocType = 1;
+    hi444.crop[0] = 3;  // 4:4:4 crops in single pixels
+    info = Parse(SpsNal(hi444));
+    EXPECT_TRUE(info.parsed);
+    EXPECT_EQ(info.chromaFormat, 3);
+    EXPECT_EQ(info.lumaBitDepth, 10);
+    EXPECT_EQ(info.chromaBitDepth, 12);
+    EXPECT_TRUE(info.sizeParsed);
+    EXPECT_EQ(info.width, 317);
+
+    SpsFields interlaced;
+    interlaced.frameMbsOnly = false;
+    interlaced.heightUnitsMinus1 = 17;  // 18 map units of 32 lines
+    interlaced.crop[3] = 2;              // 2 units of 4 lines
+    info = Parse(SpsNal(interlaced));
+    EXPECT_EQ(info.height, 576 - 8);
+
+    // 144 is deliberately not in the list of profiles with chroma fields.
+    SpsFields old444;
+    old444.profile = 144;
+    info = Parse(SpsNal(old444));
+    EXPECT_EQ(info.chromaFormat, 1);
+    EXPECT_EQ(info.width, 320);
+}
+
+TEST(H264Sps, EmulationPreventionBytesAreRemoved) {
+    // profile 100, constraints 0, level 0: the encoder escapes the two zero
+    // bytes; the reader must see 1 (id 0), 010 (chroma 1), 011 (luma +2), 1.
+    const Bytes sps = {0x67, 100, 0x00, 0x00, 0x03, 0xA7, 0x80};
+    const kiv::H264SpsInfo info = Parse(sps);
+    EXPECT_TRUE(info.parsed);
+    EXPECT_EQ(info.level, 0);
+    EXPECT_EQ(info.chromaFormat, 1);
+    EXPECT_EQ(info.lumaBitDepth, 10);
+    EXPECT_EQ(info.chromaBitDepth, 8);
+}
+
+TEST(H264Sps, MalformedInputIsRejected) {
+    kiv::H264SpsInfo info;
+    const Bytes tiny = {0x67, 100, 0};
+    EXPECT_FALSE(kiv::ParseH264Sps(tiny.data(), tiny.size(), &info));
+    EXPECT_FALSE(kiv::ParseH264Sps(nullptr, 100, &info));
+    // Escapes leave too few bytes.
+    const Bytes escaped = {0x67, 0, 0, 3};
+    EXPECT_FALSE(kiv::ParseH264Sps(escaped.data(), escaped.size(), &info));
+
+    // High profile cut off inside the bit depths.
+    Bytes full = SpsNal([] { SpsFields f; f.profile = 100; f.lumaMinus8 = 40; return f; }());
+    EXPECT_FALSE(kiv::ParseH264Sps(full.data(), full.size(), &info)) << "bit depth 48 is absurd";
+    EXPECT_EQ(info.chromaFormat, 1);
+    EXPECT_EQ(info.lumaBitDepth, 8);
+
+    // 40 leading zero bits cannot start an Exp-Golomb code of a real stream.
+    const Bytes zeros = {0x67, 100, 0, 31, 0, 0, 3, 0, 0, 3, 0, 0, 3, 0, 0x01};
+    EXPECT_FALSE(kiv::ParseH264Sps(zeros.data(), zeros.size(), &info));
+
+    // A picture size beyond any level keeps the header fields, not the size.
+    SpsFields huge;
+    huge.widthMbsMinus1 = 100000;
+    info = Parse(SpsNal(huge));
+    EXPECT_TRUE(info.parsed);
+    EXPECT_FALSE(info.sizeParsed);
+    EXPECT_EQ(info.width, 0);
+
+    SpsFields overCropped;
+    overCropped.crop[0] = 100;
+    overCropped.crop[1] = 100;
+    info = Parse(SpsNal(overCropped));
+    EXPECT_FALSE(info.sizeParsed);
+
+    // Every prefix of a valid SPS is read without going past its end.
+    SpsFields hd;
+    hd.profile = 100;
+    hd.scalingLists = true;
+    const Bytes sps = SpsNal(hd);
+    for (size_t n = 0; n <= sps.size(); ++n) {
+        Bytes prefix(sps.begin(), sps.begin() + long(n));
+        prefix.shrink_to_fit();
+        kiv::ParseH264Sps(prefix.data(), prefix.size(), &info);
+    }
+}

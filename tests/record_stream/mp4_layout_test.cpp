@@ -1,0 +1,368 @@
+// Byte-level checks of the MP4 files the writer produces, read back with an
+// independent box walker.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "aac_config.h"
+#include "alloc_counter.h"
+#include "file_writer.h"
+#include "mp4_writer.h"
+#include "stream_test_util.h"
+#include "test_support.h"
+
+using namespace streamtest;
+
+namespace {
+
+// A Main-profile 320x240 SPS (profile 77, level 31) and a PPS.
+const Bytes kSps = {0x67, 0x4D, 0x40, 0x1F, 0xE8, 0x80, 0xA0, 0xF6, 0x84};
+const Bytes kHighSps = {0x67, 0x64, 0x00, 0x28, 0xAC, 0xD9};
+const Bytes kPps = {0x68, 0xEE, 0x3C, 0x80};
+const Bytes kIdr = {0x65, 0x88, 0x84, 0x00, 0x33};
+const Bytes kSlice = {0x41, 0x9A, 0x02};
+
+std::string TempFile(const std::string& name) { return kivtest::TempDir("record_stream_mp4") + "/" + name; }
+
+kiv::H264SpsInfo MainInfo() {
+    kiv::H264SpsInfo info;
+    info.profile = 77;
+    info.level = 31;
+    info.parsed = true;
+    return info;
+}
+
+struct TrackTables {
+    std::vector<std::pair<uint32_t, uint32_t>> stts;
+    std::vector<uint32_t> stss;
+    std::vector<uint32_t> sizes;
+    std::vector<uint64_t> offsets;
+    bool hasStss = false;
+    bool hasStco = false;
+};
+
+TrackTables ReadTables(const Bytes& file, int track) {
+    TrackTables t;
+    Box trak;
+    EXPECT_TRUE(FindBox(file, "moov/trak", &trak, track));
+    Box stbl;
+    Bytes sub(file.begin() + long(trak.offset), file.begin() + long(trak.offset + trak.size));
+    EXPECT_TRUE(FindBox(sub, "trak/mdia/minf/stbl", &stbl));
+    for (const Box& b : Boxes(sub, stbl.payload, stbl.offset + stbl.size)) {
+        const uint64_t p = b.payload + 4;  // after version and flags
+        if (b.type == "stts") {
+            for (uint32_t i = 0; i < U32(sub, p); ++i) t.stts.emplace_back(U32(sub, p + 4 + 8 * i), U32(sub, p + 8 + 8 * i));
+        } else if (b.type == "stss") {
+            t.hasStss = true;
+            for (uint32_t i = 0; i < U32(sub, p); ++i) t.stss.push_back(U32(sub, p + 4 + 4 * i));
+        } else if (b.type == "stsz") {
+            EXPECT_EQ(U32(sub, p), 0u);
+            for (uint32_t i = 0; i < U32(sub, p + 4); ++i) t.sizes.push_back(U32(sub, p + 8 + 4 * i));
+        } else if (b.type == "co64") {
+            for (uint32_t i = 0; i < U32(sub, p); ++i) t.offsets.push_back(U64(sub, p + 4 + 8 * i));
+        } else if (b.type == "stco") {
+            t.hasStco = true;
+        } else if (b.type == "stsc") {
+            EXPECT_EQ(U32(sub, p), 1u);
+            EXPECT_EQ(U32(sub, p + 4), 1u);
+            EXPECT_EQ(U32(sub, p + 8), 1u);
+            EXPECT_EQ(U32(sub, p + 12), 1u);
+        }
+    }
+    return t;
+}
+
+}  // namespace
+
+TEST(Mp4Layout, FtypThen64BitMdatThenMoovWithCo64) {
+    const std::string path = TempFile("layout.mp4");
+    const std::vector<Bytes> frames = {AnnexB({kSps, kPps, kIdr}), AnnexB({kSlice}), AnnexB({kSlice, kSlice})};
+    {
+        kiv::Mp4Writer writer;
+        ASSERT_EQ(writer.Open(WidePath(path).c_str(), 320, 240, kSps, kPps, MainInfo()), kiv::Mp4OpenResult::kOk);
+        for (size_t i = 0; i < frames.size(); ++i) {
+            ASSERT_TRUE(writer.WriteVideoSample(frames[i].data(), frames[i].size(), int64_t(i) * 400000, 400000, i == 0));
+        }
+        EXPECT_TRUE(writer.Finalize());
+        EXPECT_FALSE(writer.Finalize()) << "a second close has nothing to do";
+        EXPECT_EQ(writer.FinalFileBytes(), ReadAll(path).size());
+    }
+    const Bytes file = ReadAll(path);
+    const std::vector<Box> top = Boxes(file, 0, file.size());
+    ASSERT_EQ(top.size(), 3u);
+    EXPECT_EQ(top[0].type, "ftyp");
+    EXPECT_EQ(top[1].type, "mdat");
+    EXPECT_EQ(top[2].type, "moov");
+    EXPECT_EQ(top[2].offset + top[2].size, file.size()) << "moov ends the file";
+
+    const Bytes ftyp = {0, 0, 0, 36, 'f', 't', 'y', 'p', 'i', 's', 'o', 'm', 0, 0, 2, 0, 'i', 's',
+                        'o', 'm', 'i', 's', 'o', '2', 'a', 'v', 'c', '1', 'm', 'p', '4', '1', 'm', 'p', '4', '2'};
+    EXPECT_EQ(Bytes(file.begin(), file.begin() + 36), ftyp);
+    EXPECT_EQ(U32(file, 36), 1u) << "mdat uses the 64-bit size form";
+    EXPECT_EQ(U64(file, 44), top[2].offset - 36);
+
+    Box mvhd;
+    ASSERT_TRUE(FindBox(file, "moov/mvhd", &mvhd));
+    EXPECT_EQ(file[mvhd.payload], 1) << "version 1";
+    EXPECT_EQ(U32(file, mvhd.payload + 20), 10000000u);
+    EXPECT_EQ(U64(file, mvhd.payload + 24), 1200000u);
+
+    const TrackTables t = ReadTables(file, 0);
+    EXPECT_FALSE(t.hasStco);
+    ASSERT_EQ(t.offsets.size(), 3u);
+    for (size_t i = 0; i < frames.size(); ++i) {
+        const Bytes expected = LengthPrefixed(NalUnits(frames[i]));
+        ASSERT_EQ(t.sizes[i], expected.size());
+        EXPECT_EQ(Bytes(file.begin() + long(t.offsets[i]), file.begin() + long(t.offsets[i] + t.sizes[i])), expected);
+    }
+    EXPECT_EQ(t.offsets[0], 52u) << "the first sample follows the mdat header";
+    EXPECT_TRUE(t.hasStss);
+    EXPECT_EQ(t.stss, std::vector<uint32_t>{1});
+    EXPECT_EQ(t.stts, (std::vector<std::pair<uint32_t, uint32_t>>{{3, 400000}}));
+
+    Box avcC;
+    ASSERT_TRUE(FindBox(file, "moov/trak/mdia/minf/stbl/stsd", &avcC));
+    // stsd payload: version/flags, count, then the avc1 entry; avcC closes it.
+    const uint64_t avc1 = avcC.payload + 8;
+    EXPECT_EQ(std::string(file.begin() + long(avc1 + 4), file.begin() + long(avc1 + 8)), "avc1");
+    EXPECT_EQ(U32(file, avc1 + 8 + 24) >> 16, 320u);
+    const uint64_t avcCBox = avc1 + 8 + 78;
+    EXPECT_EQ(std::string(file.begin() + long(avcCBox + 4), file.begin() + long(avcCBox + 8)), "avcC");
+    const Bytes record(file.begin() + long(avcCBox + 8), file.begin() + long(avcCBox + U32(file, avcCBox)));
+    Bytes expected = {1, 0x4D, 0x40, 0x1F, 0xFF, 0xE1, 0, uint8_t(kSps.size())};
+    expected.insert(expected.end(), kSps.begin(), kSps.end());
+    expected.insert(expected.end(), {1, 0, uint8_t(kPps.size())});
+    expected.insert(expected.end(), kPps.begin(), kPps.end());
+    EXPECT_EQ(record, expected) << "Main profile: no extension bytes";
+}
+
+TEST(Mp4Layout, SampleDurationsFollowTheRecordedTimes) {
+    const std::string path = TempFile("durations.mp4");
+    kiv::Mp4Writer writer;
+    ASSERT_EQ(writer.Open(WidePath(path).c_str(), 320, 240, kSps, kPps, MainInfo()), kiv::Mp4OpenResult::kOk);
+    const Bytes frame = AnnexB({kIdr});
+    int64_t t = 0;
+    for (int i = 0; i < 6; ++i) {
+        ASSERT_TRUE(writer.WriteVideoSample(frame.data(), frame.size(), t, 333333, i % 3 == 0));
+        t += i % 2 ? 333334 : 333333;
+    }
+    // A gap (frames lost upstream) then two regular frames.
+    t += 1000000;
+    ASSERT_TRUE(writer.WriteVideoSample(frame.data(), frame.size(), t, 333333, false));
+    ASSERT_TRUE(writer.WriteVideoSample(frame.data(), frame.size(), t + 333333, 333333, false));
+    ASSERT_TRUE(writer.Finalize());
+
+    const TrackTables tables = ReadTables(ReadAll(path), 0);
+    const std::vector<std::pair<uint32_t, uint32_t>> expected = {
+        {1, 333333}, {1, 333334}, {1, 333333}, {1, 333334}, {1, 333333}, {1, 333334 + 1000000}, {2, 333333}};
+    EXPECT_EQ(tables.stts, expected);
+    EXPECT_EQ(tables.stss, (std::vector<uint32_t>{1, 4}));
+}
+
+TEST(Mp4Layout, AudioTrackCarriesTheAudioSpecificConfig) {
+    const std::string path = TempFile("audio.mp4");
+    kiv::Mp4Writer writer;
+    ASSERT_EQ(writer.Open(WidePath(path).c_str(), 320, 240, kSps, kPps, MainInfo()), kiv::Mp4OpenResult::kOk);
+    uint8_t asc[2];
+    kiv::AacAudioSpecificConfig(44100, 2, asc);
+    const Bytes au = {0x21, 0x10, 0x04, 0x60, 0x8C, 0x1C};
+    EXPECT_FALSE(writer.WriteAudioSample(au.data(), au.size(), 0)) << "no audio track yet";
+    ASSERT_TRUE(writer.EnableAudio(44100, 2, asc, 128000));
+    EXPECT_TRUE(writer.EnableAudio(44100, 2, asc, 128000));
+    EXPECT_FALSE(writer.EnableAudio(48000, 2, asc, 128000)) << "one audio format per file";
+    const Bytes frame = AnnexB({kIdr});
+    ASSERT_TRUE(writer.WriteVideoSample(frame.data(), frame.size(), 0, 400000, true));
+    for (int i = 0; i < 4; ++i) ASSERT_TRUE(writer.WriteAudioSample(au.data(), au.size(), i * 232199, 0));
+    ASSERT_TRUE(writer.WriteAudioSample(au.data(), au.size(), 4 * 232199, 232199));
+    ASSERT_TRUE(writer.Finalize());
+
+    const Bytes file = ReadAll(path);
+    Box mdhd;
+    ASSERT_TRUE(FindBox(file, "moov/trak/mdia/mdhd", &mdhd, 0));
+    Box audioTrak;
+    ASSERT_TRUE(FindBox(file, "moov/trak", &audioTrak, 1));
+    const Bytes trak(file.begin() + long(audioTrak.offset), file.begin() + long(audioTrak.offset + audioTrak.size));
+    Box hdlr, audioMdhd, esds, smhd;
+    ASSERT_TRUE(FindBox(trak, "trak/mdia/hdlr", &hdlr));
+    EXPECT_EQ(std::string(trak.begin() + long(hdlr.payload + 8), trak.begin() + long(hdlr.payload + 12)), "soun");
+    ASSERT_TRUE(FindBox(trak, "trak/mdia/mdhd", &audioMdhd));
+    EXPECT_EQ(U32(trak, audioMdhd.payload + 20), 44100u);
+    EXPECT_EQ(U64(trak, audioMdhd.payload + 24), 5u * 1024);
+    EXPECT_TRUE(FindBox(trak, "trak/mdia/minf/smhd", &smhd));
+    Box stsd;
+    ASSERT_TRUE(FindBox(trak, "trak/mdia/minf/stbl/stsd", &stsd));
+    const uint64_t mp4a = stsd.payload + 8;
+    EXPECT_EQ(std::string(trak.begin() + long(mp4a + 4), trak.begin() + long(mp4a + 8)), "mp4a");
+    EXPECT_EQ(U32(trak, mp4a + 8 + 16) >> 16, 2u) << "channels";
+    EXPECT_EQ(U32(trak, mp4a + 8 + 24), 44100u << 16);
+    const uint64_t esdsAt = mp4a + 8 + 28;
+    EXPECT_EQ(std::string(trak.begin() + long(esdsAt + 4), trak.begin() + long(esdsAt + 8)), "esds");
+    // The decoder specific info (tag 5, length 2) holds 12 10.
+    const Bytes esdsBytes(trak.begin() + long(esdsAt), trak.begin() + long(esdsAt + U32(trak, esdsAt)));
+    const Bytes dsi = {5, 2, 0x12, 0x10, 6, 1, 2};
+    EXPECT_NE(std::search(esdsBytes.begin(), esdsBytes.end(), dsi.begin(), dsi.end()), esdsBytes.end());
+
+    const TrackTables t = ReadTables(file, 1);
+    EXPECT_FALSE(t.hasStss);
+    EXPECT_EQ(t.stts, (std::vector<std::pair<uint32_t, uint32_t>>{{5, 1024}}));
+    ASSERT_EQ(t.offsets.size(), 5u);
+    EXPECT_EQ(Bytes(file.begin() + long(t.offsets[4]), file.begin() + long(t.offsets[4] + au.size())), au);
+}
+
+TEST(Mp4Layout, AvcCExtensionOnlyForHighProfiles) {
+    kiv::H264SpsInfo info;
+    info.parsed = true;
+    info.chromaFormat = 1;
+    info.lumaBitDepth = 10;
+    info.chromaBitDepth = 8;
+    std::vector<uint8_t> record;
+    ASSERT_TRUE(kiv::BuildAvcC(kHighSps.data(), kHighSps.size(), kPps.data(), kPps.size(), info, &record));
+    ASSERT_EQ(record.size(), 6 + 2 + kHighSps.size() + 3 + kPps.size() + 4);
+    EXPECT_EQ(Bytes(record.end() - 4, record.end()), (Bytes{0xFD, 0xFA, 0xF8, 0x00}));
+
+    info.parsed = false;  // an unreadable SPS is described as 4:2:0, 8 bits
+    ASSERT_TRUE(kiv::BuildAvcC(kHighSps.data(), kHighSps.size(), kPps.data(), kPps.size(), info, &record));
+    EXPECT_EQ(Bytes(record.end() - 4, record.end()), (Bytes{0xFD, 0xF8, 0xF8, 0x00}));
+
+    ASSERT_TRUE(kiv::BuildAvcC(kSps.data(), kSps.size(), kPps.data(), kPps.size(), info, &record));
+    EXPECT_EQ(record.size(), 6 + 2 + kSps.size() + 3 + kPps.size());
+
+    const Bytes shortSps = {0x67, 0x64, 0x00};
+    EXPECT_FALSE(kiv::BuildAvcC(shortSps.data(), shortSps.size(), kPps.data(), kPps.size(), info, &record));
+    EXPECT_FALSE(kiv::BuildAvcC(kSps.data(), kSps.size(), kPps.data(), 0, info, &record));
+}
+
+TEST(Mp4Layout, OpenRefusesBadParametersWithoutCreatingAFile) {
+    const std::string path = TempFile("refused.mp4");
+    std::remove(path.c_str());
+    const auto wide = WidePath(path);
+    kiv::Mp4Writer writer;
+    const Bytes none;
+    const Bytes shortSps = {0x67, 0x4D, 0x40};
+    EXPECT_EQ(writer.Open(wide.c_str(), 0, 240, kSps, kPps, MainInfo()), kiv::Mp4OpenResult::kBadSize);
+    EXPECT_EQ(writer.Open(wide.c_str(), 320, 0, kSps, kPps, MainInfo()), kiv::Mp4OpenResult::kBadSize);
+    EXPECT_EQ(writer.Open(wide.c_str(), 320, 240, none, kPps, MainInfo()), kiv::Mp4OpenResult::kMissingParameters);
+    EXPECT_EQ(writer.Open(wide.c_str(), 320, 240, kSps, none, MainInfo()), kiv::Mp4OpenResult::kMissingParameters);
+    EXPECT_EQ(writer.Open(wide.c_str(), 320, 240, shortSps, kPps, MainInfo()), kiv::Mp4OpenResult::kBadAvcC);
+    const KivWChar empty[1] = {0};
+    EXPECT_EQ(writer.Open(empty, 320, 240, kSps, kPps, MainInfo()), kiv::Mp4OpenResult::kBadPath);
+    EXPECT_EQ(writer.Open(nullptr, 320, 240, kSps, kPps, MainInfo()), kiv::Mp4OpenResult::kBadPath);
+    EXPECT_TRUE(ReadAll(path).empty());
+    const std::string missingDir = TempFile("no/such/dir/x.mp4");
+    EXPECT_EQ(writer.Open(WidePath(missingDir).c_str(), 320, 240, kSps, kPps, MainInfo()),
+              kiv::Mp4OpenResult::kFileFailed);
+    EXPECT_FALSE(writer.IsOpen());
+    const Bytes frame = AnnexB({kIdr});
+    EXPECT_FALSE(writer.WriteVideoSample(frame.data(), frame.size(), 0, 1, true));
+    EXPECT_FALSE(writer.Finalize());
+}
+
+TEST(Mp4Layout, ClosingWithoutVideoLeavesTheMdatSizeZero) {
+    const std::string path = TempFile("empty.mp4");
+    kiv::Mp4Writer writer;
+    ASSERT_EQ(writer.Open(WidePath(path).c_str(), 320, 240, kSps, kPps, MainInfo()), kiv::Mp4OpenResult::kOk);
+    const Bytes notAnnexB = {0x65, 1, 2};
+    EXPECT_FALSE(writer.WriteVideoSample(notAnnexB.data(), notAnnexB.size(), 0, 1, true)) << "no NAL unit";
+    EXPECT_TRUE(writer.Finalize());
+    const Bytes file = ReadAll(path);
+    ASSERT_EQ(file.size(), 52u);
+    EXPECT_EQ(U32(file, 36), 1u);
+    EXPECT_EQ(U64(file, 44), 0u);
+}
+
+TEST(Mp4Layout, ReopeningAndDestroyingFinaliseTheOpenFile) {
+    const std::string first = TempFile("segment1.mp4");
+    const std::string second = TempFile("segment2.mp4");
+    const Bytes frame = AnnexB({kSps, kPps, kIdr});
+    {
+        kiv::Mp4Writer writer;
+        ASSERT_EQ(writer.Open(WidePath(first).c_str(), 320, 240, kSps, kPps, MainInfo()), kiv::Mp4OpenResult::kOk);
+        ASSERT_TRUE(writer.WriteVideoSample(frame.data(), frame.size(), 0, 333333, true));
+        ASSERT_EQ(writer.Open(WidePath(second).c_str(), 320, 240, kSps, kPps, MainInfo()), kiv::Mp4OpenResult::kOk);
+        EXPECT_EQ(writer.VideoSampleCount(), 0u);
+        ASSERT_TRUE(writer.WriteVideoSample(frame.data(), frame.size(), 5000000, 333333, true));
+        ASSERT_TRUE(writer.WriteVideoSample(frame.data(), frame.size(), 5333333, 333333, true));
+    }  // the destructor closes the second file
+    for (const std::string& path : {first, second}) {
+        const Bytes file = ReadAll(path);
+        const std::vector<Box> top = Boxes(file, 0, file.size());
+        ASSERT_EQ(top.size(), 3u) << path;
+        EXPECT_EQ(top[2].type, "moov");
+    }
+    EXPECT_EQ(ReadTables(ReadAll(second), 0).sizes.size(), 2u);
+}
+
+TEST(FileWriterTest, SmallBufferPatchAndLargeBlocks) {
+    const std::string path = TempFile("buffered.bin");
+    Bytes expected;
+    {
+        kiv::FileWriter writer(16);
+        ASSERT_TRUE(writer.Open(WidePath(path).c_str()));
+        for (uint32_t i = 0; i < 40; ++i) {
+            ASSERT_TRUE(writer.WriteU32BE(i * 0x01020304u));
+            expected.insert(expected.end(), {uint8_t((i * 0x01020304u) >> 24), uint8_t((i * 0x01020304u) >> 16),
+                                             uint8_t((i * 0x01020304u) >> 8), uint8_t(i * 0x01020304u)});
+        }
+        Bytes block(100);
+        for (size_t i = 0; i < block.size(); ++i) block[i] = uint8_t(i * 7);
+        ASSERT_TRUE(writer.Write(block.data(), block.size()));
+        expected.insert(expected.end(), block.begin(), block.end());
+        ASSERT_TRUE(writer.WriteU16BE(0xBEEF));
+        expected.insert(expected.end(), {0xBE, 0xEF});
+        const uint8_t patch[3] = {0xAA, 0xBB, 0xCC};
+        ASSERT_TRUE(writer.Patch(2, patch, 3));
+        std::copy(patch, patch + 3, expected.begin() + 2);
+        EXPECT_FALSE(writer.Patch(expected.size() - 1, patch, 3)) << "patches stay inside the file";
+        ASSERT_TRUE(writer.WriteU64BE(0x0102030405060708ull));
+        expected.insert(expected.end(), {1, 2, 3, 4, 5, 6, 7, 8});
+        EXPECT_EQ(writer.Position(), expected.size());
+        EXPECT_TRUE(writer.Close());
+        EXPECT_FALSE(writer.Close());
+    }
+    EXPECT_EQ(ReadAll(path), expected);
+}
+
+TEST(FileWriterTest, Utf16PathsIncludingSurrogatePairs) {
+    const std::vector<KivWChar> name = {'a', 0x00E9, 0x4E2D, 0xD83D, 0xDE00, 0xD800, 'z', 0};
+    const std::vector<char> utf8 = kiv::Utf16PathToUtf8(name.data());
+    const std::string text(utf8.data());
+    EXPECT_EQ(text, "a\xC3\xA9\xE4\xB8\xAD\xF0\x9F\x98\x80\xEF\xBF\xBDz");
+#ifndef _WIN32
+    const std::string dir = kivtest::TempDir("record_stream_utf");
+    std::basic_string<KivWChar> wide = WidePath(dir + "/");
+    wide += {0x00E9, 0x4E2D, '.', 'b', 'i', 'n'};
+    kiv::FileWriter writer;
+    ASSERT_TRUE(writer.Open(wide.c_str()));
+    ASSERT_TRUE(writer.WriteU8(42));
+    ASSERT_TRUE(writer.Close());
+    EXPECT_EQ(ReadAll(dir + "/\xC3\xA9\xE4\xB8\xAD.bin"), Bytes{42});
+#endif
+}
+
+TEST(PassThroughPath, WarmFramesAllocateNothing) {
+    const std::string path = TempFile("warm.mp4");
+    Bytes big(60000, 0x5A);
+    big[0] = 0x41;
+    const Bytes keyFrame = AnnexB({kSps, kPps, kIdr, big});
+    const Bytes frame = AnnexB({big, kSlice});
+    kiv::H264StreamAnalyzer analyzer;
+    kiv::Mp4Writer writer;
+    analyzer.Analyze(keyFrame.data(), keyFrame.size());
+    ASSERT_EQ(writer.Open(WidePath(path).c_str(), 320, 240, analyzer.Sps(), analyzer.Pps(), MainInfo()),
+              kiv::Mp4OpenResult::kOk);
+    int64_t t = 0;
+    auto step = [&](const Bytes& input) {
+        const kiv::H264FrameInfo info = analyzer.Analyze(input.data(), input.size());
+        const bool ok = writer.WriteVideoSample(analyzer.Sample().data(), analyzer.Sample().size(), t, 333333, info.key);
+        t += 333333;
+        return ok;
+    };
+    for (int i = 0; i < 5; ++i) ASSERT_TRUE(step(i == 0 ? keyFrame : frame));
+    allocs::Start();
+    bool ok = true;
+    for (int i = 0; i < 200; ++i) ok = step(i % 50 == 0 ? keyFrame : frame) && ok;
+    const int allocations = allocs::Stop();
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(allocations, 0);
+    EXPECT_TRUE(writer.Finalize());
+}

@@ -1,0 +1,77 @@
+// Helpers of the stream tests: building bitstreams by hand, walking MP4 boxes
+// and running the ffmpeg tools.
+#pragma once
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "kivcapture.h"
+
+namespace streamtest {
+
+using Bytes = std::vector<uint8_t>;
+
+// MSB-first bit writer with Exp-Golomb codes, the encoder's side of the
+// reader under test.
+class BitWriter {
+public:
+    void Bit(uint32_t b);
+    void Bits(uint32_t value, int count);
+    void Ue(uint32_t value);
+    void Se(int32_t value);
+    // rbsp_stop_one_bit and zero padding to a byte boundary.
+    Bytes Finish();
+
+private:
+    Bytes bytes_;
+    int used_ = 8;
+};
+
+// Inserts emulation-prevention bytes (03 before 00..03 after two zeros).
+Bytes Escape(const Bytes& rbsp);
+
+// A NAL unit: header byte then the escaped payload.
+Bytes Nal(uint8_t header, const Bytes& rbsp);
+
+Bytes AnnexB(const std::vector<Bytes>& nals, bool fourByteCodes = true);
+Bytes LengthPrefixed(const std::vector<Bytes>& nals);
+
+// Groups the NAL units of an Annex B elementary stream into access units,
+// each returned in Annex B form.
+std::vector<Bytes> SplitAccessUnits(const Bytes& stream);
+// The NAL units of one Annex B buffer.
+std::vector<Bytes> NalUnits(const Bytes& annexB);
+
+// One frame of an ADTS stream: raw payload and the header's fields.
+struct AdtsFrame {
+    Bytes payload;
+    int sampleRateIndex;
+    int channels;
+};
+std::vector<AdtsFrame> ParseAdts(const Bytes& stream);
+
+// A box found in an MP4 file: its type, where it starts, its full size and
+// where its payload starts.
+struct Box {
+    std::string type;
+    uint64_t offset;
+    uint64_t size;
+    uint64_t payload;
+};
+// Top-level boxes of a file, or the children of a box (payload range).
+std::vector<Box> Boxes(const Bytes& file, uint64_t begin, uint64_t end);
+// Finds a box by path ("moov/trak/mdia"); the n-th match of the last step.
+bool FindBox(const Bytes& file, const std::string& path, Box* out, int index = 0);
+
+uint32_t U32(const Bytes& b, uint64_t at);
+uint64_t U64(const Bytes& b, uint64_t at);
+
+Bytes ReadAll(const std::string& path);
+bool WriteAll(const std::string& path, const Bytes& data);
+std::basic_string<KivWChar> WidePath(const std::string& path);
+
+// Runs a shell command; returns its exit status and standard output.
+int Run(const std::string& command, std::string* output = nullptr);
+bool HaveFfmpegTools();
+
+}  // namespace streamtest
