@@ -140,11 +140,12 @@ int32_t KivRecorder::Start() {
 
 int32_t KivRecorder::Stop() {
     std::lock_guard<std::mutex> control(controlMutex_);
-    bool wasActive = false;
+    // Cleared before the lock is taken, so the worker writes nothing more
+    // once the frame it is on now is done.
+    bool wasActive = running_.exchange(false);
     {
         std::lock_guard<std::mutex> lock(lock_);
-        wasActive = running_ || mp4_.IsOpen() || encoder_->IsOpen();
-        running_ = false;
+        wasActive = wasActive || mp4_.IsOpen() || encoder_->IsOpen();
     }
     // Queued frames are discarded, not written: a stop ends the file now.
     queue_.BeginStop();
@@ -167,10 +168,7 @@ int32_t KivRecorder::Stop() {
 
 int32_t KivRecorder::OnVideoFrame(const KivVideoFrame* frame) {
     if (!frame) return KIV_ERROR_INVALID_ARG;
-    {
-        std::lock_guard<std::mutex> lock(lock_);
-        if (!running_) return KIV_OK;
-    }
+    if (!running_.load()) return KIV_OK;
     KivVideoFrame view = *frame;
     if (view.format == KIV_PIXEL_FORMAT_NV12 && !view.planes[1] && view.planes[0]) {
         // Chroma packed after the luma rows: point at it so the copy keeps it.

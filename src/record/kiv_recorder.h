@@ -7,6 +7,7 @@
 // flag and all writing; the queue has a lock of its own. No thread holds
 // both, and neither is held while callbacks or downstream ports run.
 #pragma once
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -108,7 +109,9 @@ private:
     int32_t sampleRate_ = 48000;
     int32_t channels_ = 2;
     int32_t bitsPerSample_ = 16;
-    bool running_ = false;
+    // Written under lock_; the upstream thread reads it without the lock so
+    // that it never waits for a frame being encoded.
+    std::atomic<bool> running_{false};
 
     kiv::RecorderQueue queue_;
     std::thread worker_;

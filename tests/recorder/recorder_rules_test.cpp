@@ -1,0 +1,323 @@
+// The recorder's rules that need no thread: configuration defaults, the
+// split rule, segment names, the pacing grid and NV12 conversion.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <string>
+
+#include "record/nv12_convert.h"
+#include "record/recorder_pacing.h"
+#include "record/recorder_settings.h"
+#include "record/segment_names.h"
+#include "test_support.h"
+
+using kivtest::Wide;
+
+namespace {
+
+std::string Narrow(const kiv::RecorderPath& path) { return std::string(path.begin(), path.end()); }
+
+KivRecorderConfig Config(int32_t split, uint64_t maxBytes, int32_t seconds) {
+    KivRecorderConfig c{};
+    c.split = split;
+    c.maxBytesLow = static_cast<uint32_t>(maxBytes);
+    c.maxBytesHigh = static_cast<uint32_t>(maxBytes >> 32);
+    c.seconds = seconds;
+    return c;
+}
+
+TEST(RecorderSettings, DefaultsAndDerivedValues) {
+    kiv::RecorderSettings s;
+    EXPECT_EQ(s.TargetFps(), 30);
+    EXPECT_EQ(kiv::FrameDuration100ns(s.TargetFps()), 333333);
+    EXPECT_EQ(kiv::FrameDuration100ns(0), 333333);
+    EXPECT_EQ(kiv::FrameDuration100ns(25), 400000);
+
+    KivRecorderConfig c = Config(KIV_RECORD_SPLIT_SIZE, 0, 0);
+    c.bitrate = -5;
+    c.inputFps = 25;
+    kiv::ApplyRecorderConfig(c, &s);
+    EXPECT_EQ(s.maxBytes, 1073741824ull);
+    EXPECT_EQ(s.bitrate, 8000000);
+    EXPECT_EQ(s.TargetFps(), 25);
+    EXPECT_STREQ(s.ModeName(), "follow-input");
+    EXPECT_EQ(s.reserved0, 1);
+
+    c = Config(KIV_RECORD_SPLIT_TIME, 0, 0);
+    c.recordFps = 60;
+    c.inputFps = 25;
+    kiv::ApplyRecorderConfig(c, &s);
+    EXPECT_EQ(s.seconds, 1800);
+    EXPECT_EQ(s.TargetFps(), 60);
+    EXPECT_STREQ(s.ModeName(), "custom");
+
+    // Split off leaves both limits as given.
+    kiv::ApplyRecorderConfig(Config(KIV_RECORD_SPLIT_NONE, 0, 0), &s);
+    EXPECT_EQ(s.maxBytes, 0u);
+    EXPECT_EQ(s.seconds, 0);
+    EXPECT_EQ(s.TargetFps(), 30);
+}
+
+TEST(RecorderSettings, PathAndSizeLimitFields) {
+    kiv::RecorderSettings s;
+    s.path = Wide("C:\\old.mp4");
+    KivRecorderConfig c = Config(KIV_RECORD_SPLIT_SIZE, 0x123456789ull, 0);
+    kiv::ApplyRecorderConfig(c, &s);
+    EXPECT_EQ(Narrow(s.path), "C:\\old.mp4") << "an empty path keeps the stored one";
+    EXPECT_EQ(s.maxBytes, 0x123456789ull) << "low 32 bits first";
+
+    const auto wide = Wide("D:\\new.mp4");
+    std::copy(wide.begin(), wide.end(), c.filePath);
+    kiv::ApplyRecorderConfig(c, &s);
+    EXPECT_EQ(Narrow(s.path), "D:\\new.mp4");
+
+    // A path filling the whole field without a terminator stays inside it.
+    for (KivWChar& ch : c.filePath) ch = 'a';
+    kiv::ApplyRecorderConfig(c, &s);
+    EXPECT_EQ(s.path.size(), 260u);
+}
+
+TEST(SegmentNames, StemExtensionAndNumbering) {
+    const kiv::SegmentClock t{2024, 3, 7, 9, 5, 4, 32};
+    EXPECT_EQ(Narrow(kiv::SegmentFileName(Wide("C:\\rec\\a.mp4"), 0, t, 3)), "C:\\rec\\a.mp4");
+    EXPECT_EQ(Narrow(kiv::SegmentFileName(Wide("C:\\rec\\a.mp4"), 1, t, 0)), "C:\\rec\\a_20240307_090504_032_0001.mp4");
+    EXPECT_EQ(Narrow(kiv::SegmentFileName(Wide("C:\\rec\\a.b.mov"), 2, t, 11)),
+              "C:\\rec\\a.b_20240307_090504_032_0012.mov");
+    // The last dot belongs to a folder: the whole path is the stem.
+    EXPECT_EQ(Narrow(kiv::SegmentFileName(Wide("C:\\cap.d\\clip"), 2, t, 0)), "C:\\cap.d\\clip_20240307_090504_032_0001.mp4");
+    EXPECT_EQ(Narrow(kiv::SegmentFileName(Wide("/tmp/cap.d/clip"), 1, t, 1)), "/tmp/cap.d/clip_20240307_090504_032_0002.mp4");
+    EXPECT_EQ(Narrow(kiv::SegmentFileName(Wide("clip"), 1, t, 0)), "clip_20240307_090504_032_0001.mp4");
+}
+
+TEST(SplitRule, TimeSplit) {
+    kiv::RecorderSettings s;
+    kiv::ApplyRecorderConfig(Config(KIV_RECORD_SPLIT_TIME, 0, 2), &s);
+    kiv::SegmentProgress p;
+    p.segmentStart = 10000000;
+    p.time = 10000000 + 19999999;
+    EXPECT_FALSE(kiv::ShouldSplit(s, p));
+    p.time = 10000000 + 20000000;
+    EXPECT_TRUE(kiv::ShouldSplit(s, p));
+    kiv::ApplyRecorderConfig(Config(KIV_RECORD_SPLIT_NONE, 1, 1), &s);
+    EXPECT_FALSE(kiv::ShouldSplit(s, p));
+}
+
+// Returns the first grid slot k (time k * 333333) at which a size split
+// starts a new file.
+int FirstSplitSlot(const kiv::RecorderSettings& s) {
+    kiv::SegmentProgress p;
+    for (int k = 0; k < 1000; ++k) {
+        p.time = int64_t{k} * 333333;
+        if (kiv::ShouldSplit(s, p)) return k;
+    }
+    return -1;
+}
+
+TEST(SplitRule, SizeEstimateFromBitRateAndAudio) {
+    // 8 Mbit/s is 0.1 byte per 100 ns; audio adds 0.0016 byte per 100 ns.
+    kiv::RecorderSettings s;
+    KivRecorderConfig c = Config(KIV_RECORD_SPLIT_SIZE, 100000, 0);
+    c.bitrate = 8000000;
+    kiv::ApplyRecorderConfig(c, &s);
+    EXPECT_EQ(FirstSplitSlot(s), 4);  // 1333332 * 0.1 >= 100000; slot 3 gives 99999.9
+    c.audio = 1;
+    kiv::ApplyRecorderConfig(c, &s);
+    EXPECT_EQ(FirstSplitSlot(s), 3);  // 999999 * 0.1016 >= 100000
+
+    // A writer that counts its bytes is believed instead of the bit rate.
+    c.audio = 0;
+    kiv::ApplyRecorderConfig(c, &s);
+    kiv::SegmentProgress p;
+    p.writerCountsBytes = true;
+    p.writerBytes = 99999;
+    p.time = 50000000;
+    EXPECT_FALSE(kiv::ShouldSplit(s, p));
+    p.writerBytes = 100000;
+    EXPECT_TRUE(kiv::ShouldSplit(s, p));
+}
+
+// The grid as an application sees it: which input frame lands in each slot.
+struct PacedOutput {
+    std::vector<int> slots;  // input index written at slot k
+    int dropped = 0;
+    int duplicated = 0;
+};
+
+PacedOutput Pace(const std::vector<int64_t>& times, int64_t duration) {
+    kiv::PacingGrid grid;
+    grid.Reset(duration);
+    PacedOutput out;
+    for (size_t i = 0; i < times.size(); ++i) {
+        const int64_t rel = grid.Relative(times[i]);
+        if (grid.ShouldDrop(rel)) {
+            ++out.dropped;
+            continue;
+        }
+        while (grid.NeedsDuplicate(rel)) {
+            out.slots.push_back(out.slots.back());
+            ++out.duplicated;
+            grid.Advance();
+        }
+        out.slots.push_back(static_cast<int>(i));
+        grid.Advance();
+    }
+    return out;
+}
+
+std::vector<int64_t> Times(int count, int64_t start, int64_t step) {
+    std::vector<int64_t> t;
+    for (int i = 0; i < count; ++i) t.push_back(start + i * step);
+    return t;
+}
+
+TEST(PacingGrid, SixtyIntoThirtyDropsEverySecondFrame) {
+    const PacedOutput out = Pace(Times(60, 5000000, 166666), 333333);
+    ASSERT_EQ(out.slots.size(), 30u);
+    for (int k = 0; k < 30; ++k) EXPECT_EQ(out.slots[static_cast<size_t>(k)], 2 * k);
+    EXPECT_EQ(out.dropped, 30);
+    EXPECT_EQ(out.duplicated, 0);
+}
+
+TEST(PacingGrid, FifteenIntoThirtyWritesEachFrameTwice) {
+    const PacedOutput out = Pace(Times(15, 5000000, 666666), 333333);
+    // The last frame has no successor to pull the grid past it.
+    ASSERT_EQ(out.slots.size(), 29u);
+    for (int k = 0; k < 29; ++k) EXPECT_EQ(out.slots[static_cast<size_t>(k)], k / 2);
+    EXPECT_EQ(out.duplicated, 14);
+    EXPECT_EQ(out.dropped, 0);
+}
+
+TEST(PacingGrid, JitterWithinHalfAFrameKeepsEveryFrameOnce) {
+    std::vector<int64_t> t = Times(40, 1000, 333333);
+    for (size_t i = 0; i < t.size(); ++i) t[i] += (i % 3 == 0 ? 1 : -1) * 120000 * static_cast<int64_t>(i % 2);
+    const PacedOutput out = Pace(t, 333333);
+    ASSERT_EQ(out.slots.size(), 40u);
+    EXPECT_EQ(out.dropped + out.duplicated, 0);
+}
+
+TEST(PacingGrid, GapIsFilledWithTheLastFrameAndEarlyTimesCountAsBase) {
+    std::vector<int64_t> t = {9000000, 9333333, 9666666, 9666666 + 333333 * 30};
+    PacedOutput out = Pace(t, 333333);
+    ASSERT_EQ(out.slots.size(), 33u);
+    EXPECT_EQ(out.duplicated, 29);
+    for (size_t k = 2; k < 32; ++k) EXPECT_EQ(out.slots[k], 2);
+    EXPECT_EQ(out.slots[32], 3);
+
+    // A frame older than the first counts as time 0 and is dropped.
+    out = Pace({9000000, 8000000}, 333333);
+    EXPECT_EQ(out.dropped, 1);
+}
+
+TEST(PacingGrid, PassThroughTimesNeverRunBackwards) {
+    kiv::PacingGrid grid;
+    grid.Reset(400000);
+    EXPECT_EQ(grid.PassThroughTime(grid.Relative(7000000)), 0);
+    grid.AdvanceFrom(0);
+    EXPECT_EQ(grid.PassThroughTime(grid.Relative(7500000)), 500000);
+    grid.AdvanceFrom(500000);
+    EXPECT_EQ(grid.PassThroughTime(grid.Relative(7600000)), 900000) << "closer than a frame: the grid time";
+    grid.AdvanceFrom(900000);
+    EXPECT_EQ(grid.PassThroughTime(grid.Relative(6000000)), 1300000) << "before the base: the grid time";
+}
+
+// ---- NV12 conversion -----------------------------------------------------------
+
+// Reference conversion written independently of the library: BT.601 limited
+// range from RGB with rounding, in floating point.
+int RefY(int r, int g, int b) { return static_cast<int>(std::floor((66.0 * r + 129 * g + 25 * b + 128) / 256)) + 16; }
+int RefCb(int r, int g, int b) { return static_cast<int>(std::floor((-38.0 * r - 74 * g + 112 * b + 128) / 256)) + 128; }
+int RefCr(int r, int g, int b) { return static_cast<int>(std::floor((112.0 * r - 94 * g - 18 * b + 128) / 256)) + 128; }
+
+TEST(Nv12Convert, Rgb32ScaledByNearestNeighbour) {
+    // 4x2 source, each pixel a distinct colour, scaled up to 8x4.
+    kivtest::OwnedFrame src(KIV_PIXEL_FORMAT_RGB32, 4, 2);
+    auto rgb = [](int x, int y) { return std::array<int, 3>{40 * x + 10, 200 - 60 * y, 25 * x + 70 * y}; };
+    for (int y = 0; y < 2; ++y)
+        for (int x = 0; x < 4; ++x) {
+            uint8_t* p = src.bytes.data() + y * 16 + x * 4;
+            const auto c = rgb(x, y);
+            p[0] = static_cast<uint8_t>(c[2]);
+            p[1] = static_cast<uint8_t>(c[1]);
+            p[2] = static_cast<uint8_t>(c[0]);
+        }
+    std::vector<uint8_t> out;
+    ASSERT_EQ(kiv::ConvertToNv12(src.frame, 8, 4, &out), KIV_OK);
+    ASSERT_EQ(out.size(), 8u * 4 + 8u * 2);
+    for (int y = 0; y < 4; ++y) {
+        for (int x = 0; x < 8; ++x) {
+            const auto c = rgb(x / 2, y / 2);
+            EXPECT_EQ(out[static_cast<size_t>(y * 8 + x)], RefY(c[0], c[1], c[2])) << x << "," << y;
+        }
+    }
+    for (int cy = 0; cy < 2; ++cy) {
+        for (int cx = 0; cx < 4; ++cx) {
+            const auto c = rgb(cx, cy);  // top-left pixel of the 2x2 block, no averaging
+            EXPECT_EQ(out[32 + static_cast<size_t>(cy * 8 + cx * 2)], RefCb(c[0], c[1], c[2]));
+            EXPECT_EQ(out[32 + static_cast<size_t>(cy * 8 + cx * 2 + 1)], RefCr(c[0], c[1], c[2]));
+        }
+    }
+}
+
+TEST(Nv12Convert, Yuy2AndRgb24DownscaleAndNv12Copy) {
+    // YUY2 4x2 -> 2x2: output x takes source x * 2, so the Y of byte 0 of
+    // each group and the group's own chroma.
+    kivtest::OwnedFrame yuy2(KIV_PIXEL_FORMAT_YUY2, 4, 2);
+    for (size_t i = 0; i < yuy2.bytes.size(); ++i) yuy2.bytes[i] = static_cast<uint8_t>(i * 7);
+    std::vector<uint8_t> out;
+    ASSERT_EQ(kiv::ConvertToNv12(yuy2.frame, 2, 2, &out), KIV_OK);
+    const std::vector<uint8_t> expected = {0, 28, 56, 84, /*Cb Cr of (0,0)*/ 7, 21};
+    EXPECT_EQ(out, expected);
+
+    kivtest::OwnedFrame rgb24(KIV_PIXEL_FORMAT_RGB24, 2, 2);
+    for (size_t i = 0; i < rgb24.bytes.size(); i += 3) {
+        rgb24.bytes[i] = 255;  // blue
+    }
+    ASSERT_EQ(kiv::ConvertToNv12(rgb24.frame, 2, 2, &out), KIV_OK);
+    EXPECT_EQ(out[0], RefY(0, 0, 255));
+    EXPECT_EQ(out[4], RefCb(0, 0, 255));
+    EXPECT_EQ(out[5], RefCr(0, 0, 255));
+
+    // Same-size NV12 with padded strides is copied row by row.
+    kivtest::OwnedFrame nv12(KIV_PIXEL_FORMAT_NV12, 4, 2);
+    std::vector<uint8_t> padded(8 * 2 + 8, 0);
+    for (int i = 0; i < 4; ++i) padded[static_cast<size_t>(i)] = static_cast<uint8_t>(10 + i);
+    for (int i = 0; i < 4; ++i) padded[static_cast<size_t>(8 + i)] = static_cast<uint8_t>(20 + i);
+    for (int i = 0; i < 4; ++i) padded[static_cast<size_t>(16 + i)] = static_cast<uint8_t>(30 + i);
+    KivVideoFrame f = nv12.frame;
+    f.planes[0] = padded.data();
+    f.planes[1] = nullptr;  // chroma follows the luma rows with the same stride
+    f.strides[0] = 8;
+    ASSERT_EQ(kiv::ConvertToNv12(f, 4, 2, &out), KIV_OK);
+    EXPECT_EQ(out, (std::vector<uint8_t>{10, 11, 12, 13, 20, 21, 22, 23, 30, 31, 32, 33}));
+}
+
+TEST(Nv12Convert, OddSizesStayInsideTheBufferAndGrowthIsGrey) {
+    kivtest::OwnedFrame src(KIV_PIXEL_FORMAT_RGB32, 3, 3, 0);
+    for (size_t i = 0; i < src.bytes.size(); i += 4) src.bytes[i] = 255;  // blue
+    std::vector<uint8_t> out;
+    ASSERT_EQ(kiv::ConvertToNv12(src.frame, 5, 3, &out), KIV_OK);
+    ASSERT_EQ(out.size(), kiv::Nv12Bytes(5, 3));
+    EXPECT_EQ(out.size(), 15u + 5u);
+    EXPECT_EQ(out[15 + 4], 128) << "the last odd column has no Cr byte and keeps its initial value";
+    EXPECT_EQ(out[0], RefY(0, 0, 255));
+    EXPECT_EQ(out[15 + 2], RefCb(0, 0, 255));
+}
+
+TEST(Nv12Convert, BadInput) {
+    std::vector<uint8_t> out;
+    kivtest::OwnedFrame rgb(KIV_PIXEL_FORMAT_RGB32, 4, 4);
+    EXPECT_EQ(kiv::ConvertToNv12(rgb.frame, 0, 4, &out), KIV_ERROR_INVALID_ARG);
+    KivVideoFrame f = rgb.frame;
+    f.width = 0;
+    EXPECT_EQ(kiv::ConvertToNv12(f, 4, 4, &out), KIV_ERROR_INVALID_ARG);
+    f = rgb.frame;
+    f.strides[0] = 8;  // shorter than a row
+    EXPECT_EQ(kiv::ConvertToNv12(f, 4, 4, &out), KIV_ERROR_INVALID_ARG);
+    f = rgb.frame;
+    f.format = KIV_PIXEL_FORMAT_MJPG;
+    EXPECT_EQ(kiv::ConvertToNv12(f, 4, 4, &out), KIV_ERROR_UNSUPPORTED);
+    EXPECT_TRUE(out.empty());
+}
+
+}  // namespace

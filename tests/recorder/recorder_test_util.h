@@ -1,0 +1,71 @@
+// Helpers shared by the recorder tests: a scripted encoder, waiting for the
+// worker, the log file and the ffmpeg tools.
+#pragma once
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "kivcapture.h"
+#include "record/recorder_settings.h"
+#include "record/video_encoder.h"
+
+namespace rectest {
+
+// What the scripted encoder was asked to do; shared with the test.
+struct EncoderScript {
+    struct Video {
+        int file;  // index into `files`
+        int64_t time;
+        int64_t duration;
+        uint8_t firstLuma;
+    };
+    struct Audio {
+        int64_t time;
+        int64_t duration;
+        size_t bytes;
+    };
+
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<kiv::RecorderPath> files;
+    std::vector<kiv::VideoEncoderSettings> opens;
+    std::vector<Video> video;
+    std::vector<Audio> audio;
+    int finalizes = 0;
+    int failOpens = 0;      // the next this many opens fail
+    bool hold = false;      // WriteVideo waits while set
+    bool holding = false;   // a write is waiting
+
+    void Release();
+    // Waits until a WriteVideo call is held.
+    bool WaitHolding();
+};
+
+std::unique_ptr<kiv::VideoEncoder> MakeScriptedEncoder(std::shared_ptr<EncoderScript> script);
+
+// Polls `done` until it is true or five seconds have passed.
+bool WaitUntil(const std::function<bool()>& done);
+
+KivRecorderStats Stats(void* recorder);
+
+// An NV12 frame whose every luma byte is `luma`.
+struct Nv12Frame {
+    std::vector<uint8_t> bytes;
+    KivVideoFrame frame{};
+    Nv12Frame(int32_t width, int32_t height, uint8_t luma, int64_t timestamp);
+};
+
+KivRecorderConfig Config(const std::string& path);
+
+// The library log, read whole; empty when logging is off.
+std::string ReadLog();
+
+// Runs a shell command and returns its standard output; *status gets the exit code.
+std::string Run(const std::string& command, int* status = nullptr);
+bool HaveFfmpeg();
+
+}  // namespace rectest
