@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "kiv_color_math.h"
+#include "kiv_color_rows_sse2.h"
 #include "kiv_cube_lut.h"
 #include "kiv_lut8_fast.h"
 
@@ -85,7 +86,8 @@ private:
     int y_[256], rv_[256], bu_[256], gu_[256], gv_[256];
 };
 
-// Brings row `row` of the input to 8-bit RGB (red, green, blue per pixel).
+// Brings row `row` of the input to 8-bit RGB, four bytes a pixel (red, green,
+// blue and an unused byte).
 void ReadRowRgb8(const FrameJob& job, const SourceLayout& src, const YuvToRgbTables& yuv, int32_t row,
                  uint8_t* rgb) {
     const KivVideoFrame& f = *job.in;
@@ -95,7 +97,10 @@ void ReadRowRgb8(const FrameJob& job, const SourceLayout& src, const YuvToRgbTab
         case KIV_PIXEL_FORMAT_RGB24:
         case KIV_PIXEL_FORMAT_RGB32: {
             const int bpp = f.format == KIV_PIXEL_FORMAT_RGB24 ? 3 : 4;
-            for (int32_t x = 0; x < w; ++x, line += bpp, rgb += 3) {
+            const int32_t done = bpp == 4 ? BgraRowToRgbx(line, w, rgb) : 0;
+            line += done * bpp;
+            rgb += done * 4;
+            for (int32_t x = done; x < w; ++x, line += bpp, rgb += 4) {
                 rgb[0] = line[2];
                 rgb[1] = line[1];
                 rgb[2] = line[0];
@@ -103,20 +108,23 @@ void ReadRowRgb8(const FrameJob& job, const SourceLayout& src, const YuvToRgbTab
             break;
         }
         case KIV_PIXEL_FORMAT_YUY2: {
-            int32_t x = 0;
-            for (; x + 1 < w; x += 2, line += 4, rgb += 6) {
+            int32_t x = Yuy2RowToRgbx(line, w & ~1, job.cs, job.range, rgb);
+            line += x * 2;
+            rgb += x * 4;
+            for (; x + 1 < w; x += 2, line += 4, rgb += 8) {
                 yuv.Convert(line[0], line[1], line[3], rgb);
-                yuv.Convert(line[2], line[1], line[3], rgb + 3);
+                yuv.Convert(line[2], line[1], line[3], rgb + 4);
             }
             if (x < w) yuv.Convert(line[0], line[1], 128, rgb);
             break;
         }
         case KIV_PIXEL_FORMAT_NV12: {
             const uint8_t* uv = src.chroma + src.chromaStride * (row / 2);
-            int32_t x = 0;
-            for (; x + 1 < w; x += 2, rgb += 6) {
+            int32_t x = Nv12RowToRgbx(line, uv, w & ~1, job.cs, job.range, rgb);
+            rgb += x * 4;
+            for (; x + 1 < w; x += 2, rgb += 8) {
                 yuv.Convert(line[x], uv[x], uv[x + 1], rgb);
-                yuv.Convert(line[x + 1], uv[x], uv[x + 1], rgb + 3);
+                yuv.Convert(line[x + 1], uv[x], uv[x + 1], rgb + 4);
             }
             if (x < w) yuv.Convert(line[x], uv[x], uv[x + 1], rgb);
             break;
@@ -134,10 +142,11 @@ uint8_t* Scratch(const FrameJob& job, size_t bytes) {
 
 }  // namespace
 
-bool ReadPixelFloat(const FrameJob& job, int32_t x, int32_t y, float rgb[3]) {
+namespace {
+
+bool ReadPixelFloatAt(const FrameJob& job, const SourceLayout& src, int32_t x, int32_t y, float rgb[3]) {
     const KivVideoFrame& f = *job.in;
     if (!f.planes[0] || x < 0 || y < 0 || x >= f.width || y >= f.height) return false;
-    const SourceLayout src = Layout(f);
     const uint8_t* line = src.plane0 + src.stride0 * y;
     switch (f.format) {
         case KIV_PIXEL_FORMAT_RGB24:
@@ -166,27 +175,36 @@ bool ReadPixelFloat(const FrameJob& job, int32_t x, int32_t y, float rgb[3]) {
     }
 }
 
+}  // namespace
+
+bool ReadPixelFloat(const FrameJob& job, int32_t x, int32_t y, float rgb[3]) {
+    return ReadPixelFloatAt(job, Layout(*job.in), x, y, rgb);
+}
+
 void ConvertToRgb(const FrameJob& job, int32_t bpp, uint8_t* out) {
     const KivVideoFrame& f = *job.in;
     const int32_t w = f.width, h = f.height;
     const SourceLayout src = Layout(f);
     const YuvToRgbTables yuv(job.cs, job.range);
     const Lut8Fast lut(job.lut, job.strength);
-    uint8_t* rgb = Scratch(job, static_cast<size_t>(w) * 3);
+    uint8_t* rgb = Scratch(job, static_cast<size_t>(w) * 4);
     for (int32_t row = 0; row < h; ++row) {
         ReadRowRgb8(job, src, yuv, row, rgb);
         lut.ApplyRow(rgb, w);
         uint8_t* dst = out + static_cast<size_t>(row) * static_cast<size_t>(w) * static_cast<size_t>(bpp);
         const uint8_t* p = rgb;
         if (bpp == 4) {
-            for (int32_t x = 0; x < w; ++x, p += 3, dst += 4) {
+            const int32_t done = RgbxRowToBgra(p, w, dst);
+            p += done * 4;
+            dst += done * 4;
+            for (int32_t x = done; x < w; ++x, p += 4, dst += 4) {
                 dst[0] = p[2];
                 dst[1] = p[1];
                 dst[2] = p[0];
                 dst[3] = 255;
             }
         } else {
-            for (int32_t x = 0; x < w; ++x, p += 3, dst += 3) {
+            for (int32_t x = 0; x < w; ++x, p += 4, dst += 3) {
                 dst[0] = p[2];
                 dst[1] = p[1];
                 dst[2] = p[0];
@@ -203,26 +221,28 @@ void ConvertToYuy2(const FrameJob& job, uint8_t* out) {
     const YuvToRgbTables yuv(job.cs, job.range);
     const Lut8Fast lut(job.lut, job.strength);
     // One spare pixel so an odd row can repeat its last pixel.
-    uint8_t* rgb = Scratch(job, static_cast<size_t>(w + 1) * 3);
+    uint8_t* rgb = Scratch(job, static_cast<size_t>(w + 1) * 4);
     for (int32_t row = 0; row < h; ++row) {
         if (f.format == KIV_PIXEL_FORMAT_NV12) {
             // NV12 input is brought to RGB through the float conversion.
             for (int32_t x = 0; x < w; ++x) {
                 float px[3] = {0.0f, 0.0f, 0.0f};
-                ReadPixelFloat(job, x, row, px);
-                for (int c = 0; c < 3; ++c) rgb[x * 3 + c] = FloatToByte(px[c]);
+                ReadPixelFloatAt(job, src, x, row, px);
+                for (int c = 0; c < 3; ++c) rgb[x * 4 + c] = FloatToByte(px[c]);
             }
         } else {
             ReadRowRgb8(job, src, yuv, row, rgb);
         }
         lut.ApplyRow(rgb, w);
-        if (w & 1) std::memcpy(rgb + w * 3, rgb + (w - 1) * 3, 3);
+        if (w & 1) std::memcpy(rgb + w * 4, rgb + (w - 1) * 4, 4);
         uint8_t* dst = out + stride * static_cast<size_t>(row);
-        const uint8_t* p = rgb;
-        for (int32_t x = 0; x < w; x += 2, p += 6, dst += 4) {
+        const int32_t done = RgbxRowToYuy2(rgb, (w + 1) & ~1, job.cs, job.range, dst);
+        const uint8_t* p = rgb + done * 4;
+        dst += done * 2;
+        for (int32_t x = done; x < w; x += 2, p += 8, dst += 4) {
             uint8_t a[3], b[3];
             RgbToYuv8(p, job.cs, job.range, a);
-            RgbToYuv8(p + 3, job.cs, job.range, b);
+            RgbToYuv8(p + 4, job.cs, job.range, b);
             dst[0] = a[0];
             dst[1] = static_cast<uint8_t>((a[1] + b[1] + 1) >> 1);
             dst[2] = b[0];
@@ -238,6 +258,7 @@ void ConvertToNv12(const FrameJob& job, uint8_t* luma, uint8_t* chroma) {
     // Each pixel's conversion is a pure function of the pixel, so evaluating
     // it once and keeping its U and V for the block average gives the same
     // bytes as evaluating the block's pixels again.
+    const SourceLayout src = Layout(f);
     uint8_t* uv = Scratch(job, static_cast<size_t>(w) * 4);
     for (int32_t by = 0; by < h; by += 2) {
         const int32_t rows = by + 1 < h ? 2 : 1;
@@ -246,7 +267,7 @@ void ConvertToNv12(const FrameJob& job, uint8_t* luma, uint8_t* chroma) {
             uint8_t* uvRow = uv + static_cast<size_t>(dy) * static_cast<size_t>(w) * 2;
             for (int32_t x = 0; x < w; ++x) {
                 float rgb[3] = {0.0f, 0.0f, 0.0f};
-                ReadPixelFloat(job, x, by + dy, rgb);
+                ReadPixelFloatAt(job, src, x, by + dy, rgb);
                 if (job.lut) ApplyLutFloat(*job.lut, job.strength, rgb);
                 uint8_t yuv[3];
                 RgbToYuvFloat(rgb, job.cs, job.range, yuv);

@@ -188,17 +188,18 @@ void ApplyLutFloat(const Kiv3DLutData& lut, float strength, float rgb[3]) {
         hi[c] = std::min(lo[c] + 1, n - 1);
         f[c] = x - static_cast<float>(lo[c]);
     }
-    auto at = [&](int r, int g, int b, int ch) {
-        return lut.values[static_cast<size_t>(r + n * (g + n * b)) * 3 + static_cast<size_t>(ch)];
-    };
+    // Corner c = red bit 0, green bit 1, blue bit 2 of the upper indices.
+    float weight[8];
+    size_t offset[8];
+    for (int corner = 0; corner < 8; ++corner) {
+        const int br = corner & 1, bg = (corner >> 1) & 1, bb = (corner >> 2) & 1;
+        weight[corner] = (br ? f[0] : 1.0f - f[0]) * (bg ? f[1] : 1.0f - f[1]) * (bb ? f[2] : 1.0f - f[2]);
+        offset[corner] = static_cast<size_t>((br ? hi[0] : lo[0]) + n * ((bg ? hi[1] : lo[1]) + n * (bb ? hi[2] : lo[2]))) * 3;
+    }
     const float s = Clamp01(strength);
     for (int ch = 0; ch < 3; ++ch) {
         float acc = 0.0f;
-        for (int corner = 0; corner < 8; ++corner) {
-            const int br = corner & 1, bg = (corner >> 1) & 1, bb = (corner >> 2) & 1;
-            const float w = (br ? f[0] : 1.0f - f[0]) * (bg ? f[1] : 1.0f - f[1]) * (bb ? f[2] : 1.0f - f[2]);
-            acc += w * at(br ? hi[0] : lo[0], bg ? hi[1] : lo[1], bb ? hi[2] : lo[2], ch);
-        }
+        for (int corner = 0; corner < 8; ++corner) acc += weight[corner] * lut.values[offset[corner] + static_cast<size_t>(ch)];
         rgb[ch] = Clamp01(rgb[ch] + (acc - rgb[ch]) * s);
     }
 }

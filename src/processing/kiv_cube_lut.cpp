@@ -155,6 +155,55 @@ float Clamp01(float v) {
 
 }  // namespace
 
+namespace {
+
+// Lattice indices and fraction of an input byte in the 8-bit lookup.
+struct LatticeStep {
+    uint32_t lo, hi;
+    int f;
+};
+LatticeStep StepOf(uint32_t value, uint32_t n) {
+    const int p = static_cast<int>((value * (n - 1) * 256 + 127) / 255);
+    const uint32_t i = static_cast<uint32_t>(p >> 8);
+    if (i < n - 1) return {i, i + 1, p & 255};
+    return {n - 1, n - 1, 0};
+}
+
+int Lerp8(int a, int b, int f) { return a + (((b - a) * f + 128) >> 8); }
+
+}  // namespace
+
+void BuildRedGreenSteps(Kiv3DLutData* lut) {
+    const uint32_t n = static_cast<uint32_t>(lut->dim);
+    const size_t plane = static_cast<size_t>(n) * n;
+    // Along red first: for each red byte, every (g, b) lattice point.
+    std::vector<uint8_t> red(256 * plane * 3);
+    for (uint32_t r = 0; r < 256; ++r) {
+        const LatticeStep s = StepOf(r, n);
+        for (size_t gb = 0; gb < plane; ++gb) {
+            const uint8_t* a = lut->bytes.data() + (gb * n + s.lo) * 3;
+            const uint8_t* b = lut->bytes.data() + (gb * n + s.hi) * 3;
+            for (int c = 0; c < 3; ++c) red[(r * plane + gb) * 3 + c] = static_cast<uint8_t>(Lerp8(a[c], b[c], s.f));
+        }
+    }
+    // Then along green for each green byte, at every blue lattice index.
+    lut->redGreenSteps.assign(256 * 256 * static_cast<size_t>(n) + 1, 0);
+    uint32_t* out = lut->redGreenSteps.data();
+    for (uint32_t r = 0; r < 256; ++r) {
+        const uint8_t* redPlane = red.data() + r * plane * 3;
+        for (uint32_t g = 0; g < 256; ++g) {
+            const LatticeStep s = StepOf(g, n);
+            for (uint32_t b = 0; b < n; ++b, ++out) {
+                const uint8_t* lo = redPlane + (s.lo + n * b) * 3;
+                const uint8_t* hi = redPlane + (s.hi + n * b) * 3;
+                uint32_t packed = 0;
+                for (int c = 0; c < 3; ++c) packed |= static_cast<uint32_t>(Lerp8(lo[c], hi[c], s.f)) << (8 * c);
+                *out = packed;
+            }
+        }
+    }
+}
+
 bool ReadWholeFile(const KivWChar* path, std::vector<char>* out) {
     if (!path || path[0] == 0 || !out) return false;
     std::FILE* f = OpenWideFile(path, "rb");
@@ -194,6 +243,7 @@ bool ParseCubeForColorEngine(const char* text, Kiv3DLutData* out) {
         out->values[i] = v;
         out->bytes[i] = static_cast<uint8_t>(v * 255.0f + 0.5f);
     }
+    BuildRedGreenSteps(out);
     return true;
 }
 

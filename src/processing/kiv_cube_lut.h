@@ -14,6 +14,13 @@ struct Kiv3DLutData {
     float domainMax[3] = {1.0f, 1.0f, 1.0f};
     std::vector<float> values;    // N^3 * 3, red, green, blue per entry
     std::vector<uint8_t> bytes;   // the same as value * 255 + 0.5, truncated
+    // The first two steps of the 8-bit lookup done ahead for every input red
+    // and green byte: element ((red * 256 + green) * N + b) holds red, green,
+    // blue and a zero byte of the table interpolated along red and then green
+    // at blue lattice index b; one spare element ends the array. Built from
+    // `bytes` with the same rounding, so lookups through it give identical
+    // results; only the blue step is left per pixel.
+    std::vector<uint32_t> redGreenSteps;
 };
 
 // The render port's table: 16-bit RGBA texels with an opaque alpha, ready to
@@ -36,5 +43,8 @@ bool ReadWholeFile(const KivWChar* path, std::vector<char>* out);
 // maximum above its minimum and also skips TITLE lines explicitly.
 bool ParseCubeForColorEngine(const char* text, Kiv3DLutData* out);
 bool ParseCubeForRender(const char* text, KivRenderLutData* out);
+
+// Fills redGreenSteps from dim and bytes (the parser does this itself).
+void BuildRedGreenSteps(Kiv3DLutData* lut);
 
 }  // namespace kiv

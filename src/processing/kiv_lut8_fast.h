@@ -1,6 +1,6 @@
-// The 8-bit trilinear table lookup prepared for whole rows: lattice offsets
+// The 8-bit trilinear table lookup prepared for whole rows: lattice indices
 // and fractions of every input byte are worked out once per frame, so each
-// pixel costs only the eight corner reads and the interpolation steps of the
+// pixel costs only the corner reads and the interpolation steps of the
 // fixed-point rule (ApplyLut8 in kiv_color_math), with identical results.
 #pragma once
 #include <cstdint>
@@ -15,20 +15,28 @@ public:
     // strength whose weight is below 1.
     Lut8Fast(const Kiv3DLutData* lut, float strength);
 
-    bool Active() const { return table_ != nullptr; }
-    // rgb: `count` pixels of red, green, blue bytes, changed in place.
-    void ApplyRow(uint8_t* rgb, int32_t count) const;
+    bool Active() const { return bytes_ != nullptr; }
+    // rgbx: `count` pixels of red, green, blue and a fourth byte, changed in
+    // place; the fourth byte is left undefined.
+    void ApplyRow(uint8_t* rgbx, int32_t count) const;
+    // The plain version, kept as the reference for the vector one.
+    void ApplyRowScalar(uint8_t* rgbx, int32_t count) const;
 
 private:
-    void ApplyRowScalar(uint8_t* rgb, int32_t count) const;
-
-    const uint8_t* table_ = nullptr;
+    const uint8_t* bytes_ = nullptr;
+    const uint32_t* redGreenSteps_ = nullptr;  // null: no vector path
+    uint32_t dim_ = 0;
     int32_t weight_ = 256;
-    // Per input byte and channel: byte offset of the lower lattice entry and
+    // Per input byte and channel: entry index of the lower lattice point and
     // the step to the upper one (0 at the last lattice point).
     uint32_t lower_[3][256];
     uint32_t step_[3][256];
+    // Blue lattice index of each input byte.
+    uint32_t blueIndex_[256];
     uint8_t frac_[256];
+    // (frac << 16) | (256 - frac): the weight pair of one interpolation step.
+    // Kept as int32 for the vector set-up.
+    int32_t weightPair_[256];
 };
 
 }  // namespace kiv::color

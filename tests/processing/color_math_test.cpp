@@ -229,16 +229,25 @@ TEST(ColorLut, RowLookupIsBitExactWithTheReferenceRule) {
         lut.bytes.resize(static_cast<size_t>(n) * n * n * 3);
         lut.values.resize(lut.bytes.size());
         for (uint8_t& b : lut.bytes) b = static_cast<uint8_t>(rng());
+        kiv::BuildRedGreenSteps(&lut);
         for (float strength : {1.0f, 0.6f, 0.5f, 0.01f, 0.0f}) {
             SCOPED_TRACE(testing::Message() << "N " << n << " strength " << strength);
-            std::vector<uint8_t> row(3 * 4096);
-            for (size_t i = 0; i < row.size(); ++i) row[i] = static_cast<uint8_t>(i < 768 ? i / 3 : rng());
+            // Four bytes a pixel; every grey level first, then random colours.
+            std::vector<uint8_t> row(4 * 4095);
+            for (size_t i = 0; i < row.size(); ++i) row[i] = static_cast<uint8_t>(i < 1024 ? i / 4 : rng());
             std::vector<uint8_t> expected = row;
             const int weight = StrengthWeight(strength);
-            for (size_t i = 0; i < expected.size(); i += 3) ApplyLut8(lut, weight, &expected[i]);
+            for (size_t i = 0; i < expected.size(); i += 4) ApplyLut8(lut, weight, &expected[i]);
             Lut8Fast fast(&lut, strength);
-            fast.ApplyRow(row.data(), 4096);
-            ASSERT_EQ(row, expected);
+            std::vector<uint8_t> scalar = row;
+            fast.ApplyRow(row.data(), 4095);
+            fast.ApplyRowScalar(scalar.data(), 4095);
+            for (size_t i = 0; i < row.size(); i += 4) {
+                for (size_t c = 0; c < 3; ++c) {
+                    ASSERT_EQ(row[i + c], expected[i + c]) << "pixel " << i / 4;
+                    ASSERT_EQ(scalar[i + c], expected[i + c]) << "pixel " << i / 4;
+                }
+            }
         }
     }
 }
