@@ -175,6 +175,10 @@ int Lerp8(int a, int b, int f) { return a + (((b - a) * f + 128) >> 8); }
 
 void BuildRedGreenSteps(Kiv3DLutData* lut) {
     const uint32_t n = static_cast<uint32_t>(lut->dim);
+    lut->redGreenSteps.clear();
+    // Tables beyond the largest size a size line allows (only possible by
+    // counting entries) keep to the plain lookup rather than grow this.
+    if (n < 2 || n > 128 || lut->bytes.size() != static_cast<size_t>(n) * n * n * 3) return;
     const size_t plane = static_cast<size_t>(n) * n;
     // Along red first: for each red byte, every (g, b) lattice point.
     std::vector<uint8_t> red(256 * plane * 3);
