@@ -27,7 +27,10 @@ Lut8Fast::Lut8Fast(const Kiv3DLutData* lut, float strength) {
         const uint32_t i = static_cast<uint32_t>(p >> 8);
         const bool inside = i < n - 1;
         frac_[c] = static_cast<uint8_t>(inside ? (p & 255) : 0);
-        weightPair_[c] = static_cast<int32_t>((static_cast<uint32_t>(frac_[c]) << 16) | (256u - frac_[c]));
+        for (int k = 0; k < 4; ++k) {
+            blueWeights_[c][k] = static_cast<uint16_t>(256 - frac_[c]);
+            blueWeights_[c][k + 4] = frac_[c];
+        }
         for (int ch = 0; ch < 3; ++ch) {
             lower_[ch][c] = (inside ? i : n - 1) * stride[ch];
             step_[ch][c] = inside ? stride[ch] : 0;
@@ -66,45 +69,41 @@ void Lut8Fast::ApplyRowScalar(uint8_t* rgbx, int32_t count) const {
 }
 
 // Each step a + (((b - a) * f + 128) >> 8) equals (a * (256 - f) + b * f + 128)
-// >> 8, because a * 256 is a whole multiple of 256 and the shift floors; that
-// is one multiply-add on a lane pair (a, b). All values stay within 0..255,
-// so the results are those of the scalar rule. The steps along red and green
-// come ready-made from the table's redGreenSteps, whose two blue neighbours
-// sit side by side (at the last blue index the upper one has weight 0).
+// >> 8, because a * 256 is a whole multiple of 256 and the shift floors. With
+// a and b within 0..255 that sum stays below 65536, so it is computed exactly
+// in unsigned 16-bit lanes, and the results are those of the scalar rule.
+// The steps along red and green come ready-made from the table's
+// redGreenSteps, whose two blue neighbours sit side by side (at the last blue
+// index the upper one has weight 0).
 void Lut8Fast::ApplyRow(uint8_t* rgbx, int32_t count) const {
     if (!bytes_) return;
 #if defined(KIV_LUT8_SSE2)
     if (redGreenSteps_) {
         const __m128i zero = _mm_setzero_si128();
-        const __m128i round = _mm_set1_epi32(128);
-        const __m128i blend = _mm_set1_epi32(static_cast<int>((static_cast<uint32_t>(weight_) << 16) | (256u - weight_)));
+        const __m128i round = _mm_set1_epi16(128);
         const bool partial = weight_ < 256;
-        // The table is larger than the nearer caches; fetching a few pixels
-        // ahead hides most of the wait for it.
-        constexpr int32_t kAhead = 12;
+        // Strength weights: 256 - s for the input in lanes 0-3, s for the
+        // table's result in lanes 4-7.
+        const __m128i blend = _mm_set_epi16(static_cast<int16_t>(weight_), static_cast<int16_t>(weight_),
+                                            static_cast<int16_t>(weight_), static_cast<int16_t>(weight_),
+                                            static_cast<int16_t>(256 - weight_), static_cast<int16_t>(256 - weight_),
+                                            static_cast<int16_t>(256 - weight_), static_cast<int16_t>(256 - weight_));
         for (int32_t i = 0; i < count; ++i, rgbx += 4) {
-            if (i + kAhead < count) {
-                const uint8_t* next = rgbx + 4 * kAhead;
-                _mm_prefetch(reinterpret_cast<const char*>(redGreenSteps_ + (next[0] * 256u + next[1]) * dim_ +
-                                                           blueIndex_[next[2]]),
-                             _MM_HINT_T0);
-            }
             const uint32_t r = rgbx[0], g = rgbx[1], b = rgbx[2];
             const uint32_t* y = redGreenSteps_ + (r * 256 + g) * dim_ + blueIndex_[b];
-            // y0 and y1 as 16-bit lane pairs per channel.
-            const __m128i both = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(y));
-            const __m128i pairs = _mm_unpacklo_epi8(_mm_unpacklo_epi8(both, _mm_srli_epi64(both, 32)), zero);
-            __m128i z = _mm_madd_epi16(pairs, _mm_set1_epi32(weightPair_[b]));
-            z = _mm_srai_epi32(_mm_add_epi32(z, round), 8);
+            // Lanes 0-3: y0's channels, lanes 4-7: y1's.
+            const __m128i both = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(y)), zero);
+            const __m128i weighted =
+                _mm_mullo_epi16(both, _mm_loadu_si128(reinterpret_cast<const __m128i*>(blueWeights_[b])));
+            __m128i z = _mm_srli_epi16(_mm_add_epi16(_mm_add_epi16(weighted, _mm_srli_si128(weighted, 8)), round), 8);
             if (partial) {
-                // Lanes (input, table result) weighted by strength.
-                const __m128i in = _mm_unpacklo_epi16(
-                    _mm_unpacklo_epi8(_mm_cvtsi32_si128(static_cast<int>(r | (g << 8) | (b << 16))), zero), zero);
-                z = _mm_madd_epi16(_mm_or_si128(in, _mm_slli_epi32(z, 16)), blend);
-                z = _mm_srai_epi32(_mm_add_epi32(z, round), 8);
+                int32_t in;
+                std::memcpy(&in, rgbx, 4);
+                const __m128i pair = _mm_unpacklo_epi64(_mm_unpacklo_epi8(_mm_cvtsi32_si128(in), zero), z);
+                const __m128i mixed = _mm_mullo_epi16(pair, blend);
+                z = _mm_srli_epi16(_mm_add_epi16(_mm_add_epi16(mixed, _mm_srli_si128(mixed, 8)), round), 8);
             }
-            const __m128i packed = _mm_packus_epi16(_mm_packs_epi32(z, z), zero);
-            const int32_t value = _mm_cvtsi128_si32(packed);
+            const int32_t value = _mm_cvtsi128_si32(_mm_packus_epi16(z, zero));
             std::memcpy(rgbx, &value, 4);
         }
         return;

@@ -34,9 +34,9 @@ private:
     // Blue lattice index of each input byte.
     uint32_t blueIndex_[256];
     uint8_t frac_[256];
-    // (frac << 16) | (256 - frac): the weight pair of one interpolation step.
-    // Kept as int32 for the vector set-up.
-    int32_t weightPair_[256];
+    // Weights of the blue step for the vector path: 256 - frac four times,
+    // then frac four times.
+    uint16_t blueWeights_[256][8];
 };
 
 }  // namespace kiv::color
