@@ -2,8 +2,10 @@
 //
 // Pushes a synthetic YUY2 test pattern through a chain of ports:
 //   frame source -> crop -> colour engine (warm grade from example.cube) -> callback
-// and writes the first frame that leaves the crop and the first graded frame
-// as 32-bit BMP files, so the effect of each step can be looked at.
+//                                        -> overlay (caption, frame line, picture) -> callback
+// and writes the first frame that leaves the crop, the first graded frame and
+// the first overlaid frame as 32-bit BMP files, so the effect of each step can
+// be looked at.
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -151,6 +153,57 @@ struct FirstFrameWriter {
     }
 };
 
+template <size_t N>
+void CopyWide(KivWChar (&field)[N], const std::basic_string<KivWChar>& text) {
+    const size_t n = text.size() < N - 1 ? text.size() : N - 1;
+    for (size_t i = 0; i < n; ++i) field[i] = text[i];
+    field[n] = 0;
+}
+
+// A caption, a frame line and a small picture (written here as a BMP; text and
+// pictures are drawn where the platform has a rasteriser, i.e. on Windows).
+void AddOverlayItems(void* osd, const std::string& outDir) {
+    KivVideoOsdItem caption{};
+    caption.id = 1;
+    caption.visible = 1;
+    caption.x = 24;
+    caption.y = 24;
+    caption.opacity = 1.0f;
+    caption.size = 40;
+    CopyWide(caption.text, ToWide("kivcapture process sample"));
+    KIV_SetVideoOsdText(osd, &caption);
+
+    KivVideoOsdItem line{};
+    line.visible = 1;
+    line.x = 8;
+    line.y = 8;
+    line.width = 1024 - 17;
+    line.height = 576 - 17;
+    line.opacity = 0.8f;
+    line.color = 0xFFFFC000u;
+    line.size = 4;
+    KIV_AddVideoOsdRect(osd, &line);
+
+    std::vector<uint8_t> logo(64 * 64 * 4);
+    for (int y = 0; y < 64; ++y) {
+        for (int x = 0; x < 64; ++x) {
+            uint8_t* p = &logo[(y * 64 + x) * 4];
+            const bool light = ((x / 16) + (y / 16)) % 2 == 0;
+            p[0] = light ? 240 : 40, p[1] = light ? 200 : 40, p[2] = light ? 40 : 200, p[3] = 255;
+        }
+    }
+    const std::string logoPath = outDir + "process_logo.bmp";
+    if (WriteBmp32(logoPath, logo.data(), 64 * 4, 64, 64)) {
+        KivVideoOsdItem picture{};
+        picture.visible = 1;
+        picture.x = 1024 - 64 - 24;
+        picture.y = 24;
+        picture.opacity = 0.9f;
+        CopyWide(picture.imagePath, ToWide(logoPath));
+        KIV_SetVideoOsdImage(osd, &picture);
+    }
+}
+
 }  // namespace
 
 int RunProcessMode(int argc, char** argv) {
@@ -205,6 +258,16 @@ int RunProcessMode(int argc, char** argv) {
     KIV_SetVideoFrameCallback(chain.back(), &FirstFrameWriter::OnFrame, &graded);
     KIV_SetVideoFrameCallback(plain, &FirstFrameWriter::OnFrame, &ungraded);
 
+    // The overlay draws onto the graded frames; its overlay output (1) feeds a
+    // mux whose callback saves them, while its own callback would see them plain.
+    void* osd = KIV_CreateVideoOsd();
+    void* overlaid = KIV_CreateVideoMux();
+    KIV_Connect(color, osd);
+    KIV_ConnectVideoOsdOutput(osd, 1, overlaid);
+    AddOverlayItems(osd, outDir);
+    FirstFrameWriter withOverlay{outDir + "process_overlay.bmp"};
+    KIV_SetVideoFrameCallback(overlaid, &FirstFrameWriter::OnFrame, &withOverlay);
+
     std::vector<uint8_t> pattern = MakePattern();
     KivVideoFrame frame{};
     frame.planes[0] = pattern.data();
@@ -215,8 +278,12 @@ int RunProcessMode(int argc, char** argv) {
     for (int i = 0; i < 3; ++i) {
         if (KIV_PushVideoFrame(source, &frame) != KIV_OK) result = 1;
     }
-    if (!graded.written || !ungraded.written) result = 1;
+    if (!graded.written || !ungraded.written || !withOverlay.written) result = 1;
 
+    KIV_Disconnect(osd, overlaid);
+    KIV_Disconnect(color, osd);
+    KIV_DestroyPort(overlaid);
+    KIV_DestroyPort(osd);
     KIV_Disconnect(crop, plain);
     for (size_t i = chain.size() - 1; i > 0; --i) KIV_Disconnect(chain[i - 1], chain[i]);
     KIV_DestroyPort(plain);
