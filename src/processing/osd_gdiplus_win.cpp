@@ -128,26 +128,26 @@ public:
         }
 
         // Both families are made every time; the named one wins when it exists.
+        // Without any usable font the box is still shown, only the text is missing.
         FamilyOwner named, fallback, generic;
         flat::GdipCreateFontFamilyFromName(job.fontName->c_str(), nullptr, &named.p);
         flat::GdipCreateFontFamilyFromName(OsdDefaultFontName().c_str(), nullptr, &fallback.p);
         gp::GpFontFamily* family = named.p ? named.p : fallback.p;
         if (!family && flat::GdipGetGenericFontFamilySansSerif(&generic.p) == gp::Ok) family = generic.p;
-        if (!family) return false;
 
         FontOwner font;
-        if (flat::GdipCreateFont(family, static_cast<gp::REAL>(job.fontPixels), gp::FontStyleRegular, gp::UnitPixel,
-                                 &font.p) != gp::Ok) {
-            return false;
-        }
         FormatOwner format;
-        if (flat::GdipCreateStringFormat(0, LANG_NEUTRAL, &format.p) != gp::Ok) return false;
-        flat::GdipSetStringFormatFlags(format.p, gp::StringFormatFlagsNoClip);
         BrushOwner textBrush;
-        if (flat::GdipCreateSolidFill(job.textArgb, &textBrush.p) != gp::Ok) return false;
-        const gp::RectF layout(x, y, w, h);
-        flat::GdipDrawString(graphics.p, job.text->c_str(), static_cast<INT>(job.text->size()), font.p, &layout,
-                             format.p, textBrush.p);
+        if (family &&
+            flat::GdipCreateFont(family, static_cast<gp::REAL>(job.fontPixels), gp::FontStyleRegular, gp::UnitPixel,
+                                 &font.p) == gp::Ok &&
+            flat::GdipCreateStringFormat(0, LANG_NEUTRAL, &format.p) == gp::Ok &&
+            flat::GdipCreateSolidFill(job.textArgb, &textBrush.p) == gp::Ok) {
+            flat::GdipSetStringFormatFlags(format.p, gp::StringFormatFlagsNoClip);
+            const gp::RectF layout(x, y, w, h);
+            flat::GdipDrawString(graphics.p, job.text->c_str(), static_cast<INT>(job.text->size()), font.p, &layout,
+                                 format.p, textBrush.p);
+        }
         return CopyRegion(bitmap.p, region, out);
     }
 

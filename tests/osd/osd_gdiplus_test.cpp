@@ -102,7 +102,8 @@ TEST_F(OsdGdiplusTest, TextChangesOnlyItsBox) {
     item.transparent = 1;
     item.color = 0xFFFFFFFFu;
     osdtest::SetText(item.text, "HELLO WORLD WRAPS");
-    osdtest::SetText(item.fontName, "Tahoma");
+    // A family Wine finds through fontconfig; on Windows the fallback font is used.
+    osdtest::SetText(item.fontName, "DejaVu Sans");
     ASSERT_EQ(KIV_SetVideoOsdText(osd, &item), KIV_OK);
     int inside = 0, outside = 0;
     CountChanges(Composite(), box, &inside, &outside);
