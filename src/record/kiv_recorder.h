@@ -44,6 +44,7 @@ public:
     kiv::RecorderSettings Settings();
     int32_t QueueLimit() const { return queue_.Limit(); }
     int64_t AsyncDropped() { return queue_.Dropped(); }
+    int32_t QueuedFrames() { return queue_.Size(); }
 
 private:
     struct Counters {
