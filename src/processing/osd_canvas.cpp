@@ -7,29 +7,18 @@ namespace kiv {
 
 namespace {
 
-uint8_t Clamp255(int32_t v) { return static_cast<uint8_t>(v < 0 ? 0 : (v > 255 ? 255 : v)); }
-
 // Sizes a buffer without ever giving capacity back.
 void Size(std::vector<uint8_t>& buffer, size_t bytes) { buffer.resize(bytes); }
 
 }  // namespace
 
-OsdYcc OsdRgbToYcc(uint8_t red, uint8_t green, uint8_t blue) {
-    const int32_t r = red, g = green, b = blue;
-    OsdYcc out;
-    out.y = Clamp255(((66 * r + 129 * g + 25 * b + 128) >> 8) + 16);
-    out.cb = Clamp255(((-38 * r - 74 * g + 112 * b + 128) >> 8) + 128);
-    out.cr = Clamp255(((112 * r - 94 * g - 18 * b + 128) >> 8) + 128);
-    return out;
-}
-
 void OsdYccToBgr(uint8_t y, uint8_t cb, uint8_t cr, uint8_t* bgr) {
     const int32_t c = (static_cast<int32_t>(y) - 16) * 298;
     const int32_t d = static_cast<int32_t>(cb) - 128;
     const int32_t e = static_cast<int32_t>(cr) - 128;
-    bgr[0] = Clamp255((c + 516 * d + 128) >> 8);
-    bgr[1] = Clamp255((c - 100 * d - 208 * e + 128) >> 8);
-    bgr[2] = Clamp255((c + 409 * e + 128) >> 8);
+    bgr[0] = OsdClamp255((c + 516 * d + 128) >> 8);
+    bgr[1] = OsdClamp255((c - 100 * d - 208 * e + 128) >> 8);
+    bgr[2] = OsdClamp255((c + 409 * e + 128) >> 8);
 }
 
 KivResult OsdCanvas::Build(const KivVideoFrame& frame) {
@@ -176,6 +165,17 @@ void OsdCanvas::BlendPixel(int32_t x, int32_t y, uint8_t blue, uint8_t green, ui
         uint8_t* pair = plane1_.data() + static_cast<size_t>(y / 2) * even + pairX;
         pair[0] = OsdBlendByte(pair[0], c.cb, a);
         pair[1] = OsdBlendByte(pair[1], c.cr, a);
+    }
+}
+
+void OsdCanvas::BlendBgraSpan(int32_t x, int32_t y, const uint8_t* bgra, int32_t count, float opacity, bool keyed,
+                              uint32_t keyArgb) {
+    const uint8_t keyB = static_cast<uint8_t>(keyArgb), keyG = static_cast<uint8_t>(keyArgb >> 8),
+                  keyR = static_cast<uint8_t>(keyArgb >> 16);
+    for (int32_t i = 0; i < count; ++i, bgra += 4) {
+        uint8_t alpha = bgra[3];
+        if (keyed && bgra[0] == keyB && bgra[1] == keyG && bgra[2] == keyR) alpha = 0;
+        BlendPixel(x + i, y, bgra[0], bgra[1], bgra[2], alpha, opacity);
     }
 }
 

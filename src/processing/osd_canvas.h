@@ -25,6 +25,12 @@ public:
     // opacity; pixels outside the canvas are ignored.
     void BlendPixel(int32_t x, int32_t y, uint8_t blue, uint8_t green, uint8_t red, uint8_t alpha, float opacity);
 
+    // Blends `count` rasteriser pixels (blue, green, red, alpha bytes) into row
+    // y from column x on, each through BlendPixel. With a colour key, pixels
+    // whose red, green and blue match keyArgb's count as fully transparent.
+    void BlendBgraSpan(int32_t x, int32_t y, const uint8_t* bgra, int32_t count, float opacity, bool keyed,
+                       uint32_t keyArgb);
+
     // The canvas as a frame; timing fields come from the frame it was built from.
     KivVideoFrame Frame(const KivVideoFrame& source);
 
@@ -50,7 +56,13 @@ private:
 struct OsdYcc {
     uint8_t y, cb, cr;
 };
-OsdYcc OsdRgbToYcc(uint8_t red, uint8_t green, uint8_t blue);
+inline uint8_t OsdClamp255(int32_t v) { return static_cast<uint8_t>(v < 0 ? 0 : (v > 255 ? 255 : v)); }
+inline OsdYcc OsdRgbToYcc(uint8_t red, uint8_t green, uint8_t blue) {
+    const int32_t r = red, g = green, b = blue;
+    return OsdYcc{OsdClamp255(((66 * r + 129 * g + 25 * b + 128) >> 8) + 16),
+                  OsdClamp255(((-38 * r - 74 * g + 112 * b + 128) >> 8) + 128),
+                  OsdClamp255(((112 * r - 94 * g - 18 * b + 128) >> 8) + 128)};
+}
 void OsdYccToBgr(uint8_t y, uint8_t cb, uint8_t cr, uint8_t* bgr);
 
 // old x (1 - a) + new x a, rounded half up, for a in (0, 1].

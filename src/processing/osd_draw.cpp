@@ -17,19 +17,12 @@ void BlendColor(OsdCanvas& canvas, int32_t x, int32_t y, uint32_t argb, float op
                       static_cast<uint8_t>(argb >> 16), OsdAlpha(argb), opacity);
 }
 
-// Blends rasteriser output over the region; with a colour key, pixels whose
-// red, green and blue match the key are left out whatever their alpha.
+// Blends rasteriser output over the region, row by row.
 void BlendView(OsdCanvas& canvas, const OsdRect& region, const OsdBgraView& view, float opacity, bool keyed,
                uint32_t keyArgb) {
-    const uint8_t keyB = static_cast<uint8_t>(keyArgb), keyG = static_cast<uint8_t>(keyArgb >> 8),
-                  keyR = static_cast<uint8_t>(keyArgb >> 16);
     for (int32_t row = 0; row < region.height; ++row) {
-        const uint8_t* p = view.pixels + static_cast<int64_t>(view.stride) * row;
-        for (int32_t col = 0; col < region.width; ++col, p += 4) {
-            uint8_t alpha = p[3];
-            if (keyed && p[0] == keyB && p[1] == keyG && p[2] == keyR) alpha = 0;
-            canvas.BlendPixel(region.x + col, region.y + row, p[0], p[1], p[2], alpha, opacity);
-        }
+        canvas.BlendBgraSpan(region.x, region.y + row, view.pixels + static_cast<int64_t>(view.stride) * row,
+                             region.width, opacity, keyed, keyArgb);
     }
 }
 
