@@ -366,3 +366,21 @@ TEST(PassThroughPath, WarmFramesAllocateNothing) {
     EXPECT_EQ(allocations, 0);
     EXPECT_TRUE(writer.Finalize());
 }
+
+#ifndef _WIN32
+TEST(Mp4Layout, FullDiskFailsCleanly) {
+    // /dev/full accepts the open and refuses every write with ENOSPC.
+    kiv::Mp4Writer writer;
+    ASSERT_EQ(writer.Open(WidePath("/dev/full").c_str(), 320, 240, kSps, kPps, MainInfo()), kiv::Mp4OpenResult::kOk);
+    Bytes big(1 << 20, 0x5A);
+    big[0] = 0x41;
+    const Bytes frame = AnnexB({big});
+    bool failed = false;
+    for (int i = 0; i < 8 && !failed; ++i) failed = !writer.WriteVideoSample(frame.data(), frame.size(), i, 1, true);
+    EXPECT_TRUE(failed) << "the buffer flush must report the failure";
+    EXPECT_FALSE(writer.WriteVideoSample(frame.data(), frame.size(), 100, 1, true)) << "failures are sticky";
+    EXPECT_FALSE(writer.Finalize());
+    EXPECT_FALSE(writer.IsOpen());
+    EXPECT_FALSE(writer.Finalize());
+}
+#endif
