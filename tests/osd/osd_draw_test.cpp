@@ -119,15 +119,6 @@ TEST(OsdRect, ThicknessIsCappedAt32) {
     EXPECT_EQ(c.Red(67, 50), 0);
 }
 
-TEST(OsdRect, ZeroColourOnAStoredItemDrawsGreen) {
-    Rgb32Canvas c(8, 8);
-    OsdItem item = Rect(0, 0, 7, 7, 1);
-    item.color = 0;
-    kiv::OsdDrawRect(c.canvas, item);
-    EXPECT_EQ(c.out.planes[0][1], 255);
-    EXPECT_EQ(c.Red(0, 0), 0);
-}
-
 TEST(OsdRect, PlainRgbColourIsOpaque) {
     Rgb32Canvas c(8, 8);
     kiv::OsdDrawRect(c.canvas, Rect(0, 0, 7, 7, 1, 0x00FF0000u));
@@ -244,17 +235,6 @@ TEST(OsdPicture, MissingFileDrawsNothing) {
     kiv::OsdDrawPicture(c.canvas, &f.raster, Picture(0, 0, 10, 10));
     EXPECT_EQ(f.calls->picture, 0);
     EXPECT_EQ(c.CountRed(), 0);
-}
-
-TEST(OsdDrawItem, KindSelectsTheDrawing) {
-    FakeSetup f;
-    Rgb32Canvas c(32, 32);
-    OsdItem item = Text(0, 0, 4, 4, 4);
-    item.kind = 99;  // unknown kinds draw as text
-    kiv::OsdDrawItem(c.canvas, &f.raster, item);
-    EXPECT_EQ(f.calls->text, 1);
-    kiv::OsdDrawItem(c.canvas, &f.raster, Picture(0, 0, 4, 4));
-    EXPECT_EQ(f.calls->picture, 1);
 }
 
 }  // namespace
