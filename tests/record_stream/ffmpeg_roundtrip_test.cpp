@@ -17,13 +17,17 @@ using namespace streamtest;
 
 namespace {
 
+// kBare feeds every frame that holds one NAL unit without any framing (the
+// single-NAL reading) and the others in Annex B form.
+enum Form { kAnnexB, kAvcc, kBare };
+
 struct StreamCase {
     const char* name;
     const char* profile;  // x264 profile
     int bframes;
     int width;
     int height;
-    bool lengthPrefixed;  // feed the frames as AVCC instead of Annex B
+    int form;  // how frames are fed: kAnnexB, kAvcc or kBare
     int expectedProfileIdc;
     const char* ffprobeProfile;
 };
@@ -86,16 +90,21 @@ protected:
 // Feeds the access units through the analyser into the writer the way the
 // pass-through path does: the file opens at the first frame that brings both
 // parameter sets; 25 frames a second.
-int WriteMp4(const std::vector<Bytes>& units, bool lengthPrefixed, const std::string& path, int32_t width,
-             int32_t height, kiv::H264SpsInfo* spsInfo, const std::vector<AdtsFrame>* audio = nullptr) {
+int WriteMp4(const std::vector<Bytes>& units, int form, const std::string& path, int32_t width, int32_t height,
+             kiv::H264SpsInfo* spsInfo, int* bareFrames = nullptr, const std::vector<AdtsFrame>* audio = nullptr) {
     kiv::H264StreamAnalyzer analyzer;
     kiv::Mp4Writer writer;
     int written = 0;
     size_t audioNext = 0;
     for (size_t i = 0; i < units.size(); ++i) {
-        const Bytes input = lengthPrefixed ? LengthPrefixed(NalUnits(units[i])) : units[i];
+        const std::vector<Bytes> nals = NalUnits(units[i]);
+        const bool bare = form == kBare && nals.size() == 1;
+        const Bytes input = form == kAvcc ? LengthPrefixed(nals) : bare ? nals[0] : units[i];
+        if (bare && bareFrames) ++*bareFrames;
         const kiv::H264FrameInfo info = analyzer.Analyze(input.data(), input.size());
-        EXPECT_EQ(info.source, lengthPrefixed ? kiv::kH264SourceAvcc : kiv::kH264SourceAnnexB) << "frame " << i;
+        const int expectedSource =
+            form == kAvcc ? kiv::kH264SourceAvcc : bare ? kiv::kH264SourceSingleNal : kiv::kH264SourceAnnexB;
+        EXPECT_EQ(info.source, expectedSource) << "frame " << i;
         EXPECT_EQ(analyzer.Sample(), AnnexB(NalUnits(units[i]))) << "frame " << i;
         if (!writer.IsOpen()) {
             if (!analyzer.HasParameterSets()) continue;
@@ -134,7 +143,11 @@ TEST_P(FfmpegRoundTrip, DecodesToTheSameFrames) {
 
     const std::string output = Dir() + "/" + c.name + ".mp4";
     kiv::H264SpsInfo sps;
-    ASSERT_EQ(WriteMp4(units, c.lengthPrefixed, output, c.width, c.height, &sps), 50);
+    int bareFrames = 0;
+    ASSERT_EQ(WriteMp4(units, c.form, output, c.width, c.height, &sps, &bareFrames), 50);
+    if (c.form == kBare) {
+        EXPECT_GE(bareFrames, 45);
+    }
 
     // Our SPS reading agrees with ffprobe's.
     std::map<std::string, std::string> in = Probe("-show_entries stream=profile,level,width,height '" + input + "'");
@@ -166,13 +179,14 @@ TEST_P(FfmpegRoundTrip, DecodesToTheSameFrames) {
 
 INSTANTIATE_TEST_SUITE_P(
     Libx264, FfmpegRoundTrip,
-    ::testing::Values(StreamCase{"baseline_annexb", "baseline", 0, 320, 240, false, 66, "Constrained Baseline"},
-                      StreamCase{"baseline_avcc", "baseline", 0, 320, 240, true, 66, "Constrained Baseline"},
-                      StreamCase{"main_annexb", "main", 0, 320, 240, false, 77, "Main"},
-                      StreamCase{"main_bframes_avcc", "main", 2, 320, 240, true, 77, "Main"},
-                      StreamCase{"high_bframes_annexb", "high", 2, 320, 240, false, 100, "High"},
-                      StreamCase{"high_bframes_avcc", "high", 3, 320, 240, true, 100, "High"},
-                      StreamCase{"high_cropped_annexb", "high", 0, 320, 180, false, 100, "High"}),
+    ::testing::Values(StreamCase{"baseline_annexb", "baseline", 0, 320, 240, kAnnexB, 66, "Constrained Baseline"},
+                      StreamCase{"baseline_avcc", "baseline", 0, 320, 240, kAvcc, 66, "Constrained Baseline"},
+                      StreamCase{"main_annexb", "main", 0, 320, 240, kAnnexB, 77, "Main"},
+                      StreamCase{"main_single_nal", "main", 0, 320, 240, kBare, 77, "Main"},
+                      StreamCase{"main_bframes_avcc", "main", 2, 320, 240, kAvcc, 77, "Main"},
+                      StreamCase{"high_bframes_annexb", "high", 2, 320, 240, kAnnexB, 100, "High"},
+                      StreamCase{"high_bframes_avcc", "high", 3, 320, 240, kAvcc, 100, "High"},
+                      StreamCase{"high_cropped_annexb", "high", 0, 320, 180, kAnnexB, 100, "High"}),
     [](const ::testing::TestParamInfo<StreamCase>& info) { return std::string(info.param.name); });
 
 TEST(FfmpegRoundTripAudio, AacTrackBesideTheVideoProbesAndDecodes) {
@@ -181,7 +195,7 @@ TEST(FfmpegRoundTripAudio, AacTrackBesideTheVideoProbesAndDecodes) {
 #else
     if (!HaveFfmpegTools()) GTEST_SKIP() << "ffmpeg/ffprobe not installed";
 #endif
-    const StreamCase c{"with_audio", "main", 0, 320, 240, false, 77, "Main"};
+    const StreamCase c{"with_audio", "main", 0, 320, 240, kAnnexB, 77, "Main"};
     const std::vector<Bytes> units = SplitAccessUnits(ReadAll(MakeVideo(c)));
     const std::string adts = Dir() + "/tone.aac";
     std::string log;
@@ -194,7 +208,7 @@ TEST(FfmpegRoundTripAudio, AacTrackBesideTheVideoProbesAndDecodes) {
 
     const std::string output = Dir() + "/with_audio.mp4";
     kiv::H264SpsInfo sps;
-    ASSERT_EQ(WriteMp4(units, false, output, 320, 240, &sps, &audio), 50);
+    ASSERT_EQ(WriteMp4(units, kAnnexB, output, 320, 240, &sps, nullptr, &audio), 50);
 
     std::map<std::string, std::string> a = Probe(
         "-select_streams a:0 -show_entries stream=codec_type,codec_name,profile,sample_rate,channels '" + output + "'");
