@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
 #include <vector>
 
 #include "aac_config.h"
@@ -104,6 +105,7 @@ TEST(AacEncoderTest, EncodesOrReportsThatNoEncoderExists) {
     }
     Collector sink;
     if (!ready) {
+        std::printf("no AAC encoder transform on this system: hr=0x%08X\n", encoder.InitReport().hr);
         EXPECT_EQ(encoder.InitReport().stage, kiv::AacInitStage::kEnumFailed);
         EXPECT_EQ(encoder.InitReport().count, 0u);
         EXPECT_NE(encoder.Encode(pcm.data(), pcm.size(), 0, &sink), 0u);
