@@ -1,7 +1,5 @@
 #include "aac_config.h"
 
-#include "aac_encoder.h"
-
 namespace kiv {
 
 int32_t AacSampleRateIndex(int32_t sampleRate) {
@@ -20,10 +18,6 @@ void AacAudioSpecificConfig(int32_t sampleRate, int32_t channels, uint8_t out[2]
     const uint32_t value = ((0x200u | (index << 4) | uint32_t(channels)) << 3) & 0xFFFFu;
     out[0] = uint8_t(value >> 8);
     out[1] = uint8_t(value);
-}
-
-uint32_t AacEncoder::OutputBufferSize(uint32_t reported) {
-    return reported < kMinOutputBuffer ? kMinOutputBuffer : reported;
 }
 
 }  // namespace kiv

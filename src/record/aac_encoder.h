@@ -56,6 +56,10 @@ public:
     // Tears down a previous transform, then finds, activates and configures
     // one for 16-bit PCM at this rate and channel count. True when ready.
     bool Initialize(int32_t sampleRate, int32_t channels);
+    // The same with a given transform (an IMFTransform*, which the encoder
+    // references) instead of the search: lets tests drive the set-up and the
+    // sample pump with a stand-in. Builds without Media Foundation return false.
+    bool InitializeWithTransform(void* transform, int32_t sampleRate, int32_t channels);
     bool Ready() const { return ready_; }
     const AacInitReport& InitReport() const { return report_; }
 
@@ -78,6 +82,9 @@ public:
     static uint32_t OutputBufferSize(uint32_t reported);
 
 private:
+    bool BeginInitialize(int32_t sampleRate, int32_t channels);
+    bool FinishInitialize();
+
     struct Platform;  // the transform and its stream ids; per build
     Platform* platform_ = nullptr;
     bool ready_ = false;

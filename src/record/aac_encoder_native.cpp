@@ -12,20 +12,16 @@ AacEncoder::AacEncoder() = default;
 AacEncoder::~AacEncoder() { Release(); }
 
 bool AacEncoder::Initialize(int32_t sampleRate, int32_t channels) {
-    Release();
-    report_ = AacInitReport();
-    if (sampleRate < 1 || channels < 1) {
-        report_.stage = AacInitStage::kBadFormat;
-        return false;
-    }
-    sampleRate_ = sampleRate;
-    channels_ = channels;
-    AacAudioSpecificConfig(sampleRate, channels, asc_);
+    if (!BeginInitialize(sampleRate, channels)) return false;
     report_.stage = AacInitStage::kEnumFailed;
-    report_.hr = 0;
-    report_.count = 0;
     return false;
 }
+
+bool AacEncoder::InitializeWithTransform(void*, int32_t sampleRate, int32_t channels) {
+    return Initialize(sampleRate, channels);
+}
+
+bool AacEncoder::FinishInitialize() { return false; }
 
 uint32_t AacEncoder::Encode(const uint8_t*, size_t, int64_t, AacSink*) { return 0x8000FFFFu; }  // E_UNEXPECTED
 

@@ -150,17 +150,8 @@ AacEncoder::~AacEncoder() {
 }
 
 bool AacEncoder::Initialize(int32_t sampleRate, int32_t channels) {
-    Release();
-    report_ = AacInitReport();
-    if (sampleRate < 1 || channels < 1) {
-        report_.stage = AacInitStage::kBadFormat;
-        return false;
-    }
-    sampleRate_ = sampleRate;
-    channels_ = channels;
-    AacAudioSpecificConfig(sampleRate, channels, asc_);
+    if (!BeginInitialize(sampleRate, channels)) return false;
     if (!platform_) platform_ = new Platform();
-    Platform& p = *platform_;
 
     MFT_REGISTER_TYPE_INFO inputInfo = {MFMediaType_Audio, MFAudioFormat_PCM};
     MFT_REGISTER_TYPE_INFO outputInfo = {MFMediaType_Audio, MFAudioFormat_AAC};
@@ -175,16 +166,36 @@ bool AacEncoder::Initialize(int32_t sampleRate, int32_t channels) {
         CoTaskMemFree(activates);
         return false;
     }
-    hr = activates[0]->ActivateObject(IID_PPV_ARGS(&p.transform));
+    IMFTransform* transform = nullptr;
+    hr = activates[0]->ActivateObject(IID_PPV_ARGS(&transform));
     for (UINT32 i = 0; i < count; ++i) activates[i]->Release();
     CoTaskMemFree(activates);
-    if (FAILED(hr) || !p.transform) {
+    if (FAILED(hr) || !transform) {
         report_.stage = AacInitStage::kActivateFailed;
         report_.hr = uint32_t(FAILED(hr) ? hr : E_NOINTERFACE);
-        p.transform = nullptr;
         return false;
     }
+    platform_->transform = transform;
+    return FinishInitialize();
+}
 
+bool AacEncoder::InitializeWithTransform(void* transform, int32_t sampleRate, int32_t channels) {
+    if (!BeginInitialize(sampleRate, channels)) return false;
+    if (!transform) {
+        report_.stage = AacInitStage::kActivateFailed;
+        report_.hr = uint32_t(E_POINTER);
+        return false;
+    }
+    if (!platform_) platform_ = new Platform();
+    platform_->transform = static_cast<IMFTransform*>(transform);
+    platform_->transform->AddRef();
+    return FinishInitialize();
+}
+
+// Stream ids, media types, output buffers and the start of streaming, for
+// the transform in platform_.
+bool AacEncoder::FinishInitialize() {
+    Platform& p = *platform_;
     p.inputId = 0;
     p.outputId = 0;
     DWORD inputs = 0;
@@ -198,7 +209,7 @@ bool AacEncoder::Initialize(int32_t sampleRate, int32_t channels) {
         }
     }
 
-    hr = ConfigureTypes(p.transform, p.inputId, p.outputId, sampleRate, channels, kBitRate);
+    HRESULT hr = ConfigureTypes(p.transform, p.inputId, p.outputId, sampleRate_, channels_, kBitRate);
     if (FAILED(hr)) {
         report_.stage = AacInitStage::kConfigureFailed;
         report_.hr = uint32_t(hr);

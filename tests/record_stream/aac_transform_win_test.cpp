@@ -1,0 +1,294 @@
+// The AAC encoder's set-up and sample pump driven through a stand-in
+// transform, since Wine ships no AAC encoder.
+#include <windows.h>
+#include <mfapi.h>
+#include <mferror.h>
+#include <mfidl.h>
+#include <mftransform.h>
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "aac_encoder.h"
+#include "test_support.h"
+
+namespace {
+
+class FakeAacTransform : public IMFTransform {
+public:
+    bool providesSamples = false;
+    bool streamChangeOnce = false;
+    HRESULT setOutputTypeResult = S_OK;
+    HRESULT processOutputFailure = S_OK;
+
+    // What the encoder told us.
+    std::vector<MFT_MESSAGE_TYPE> messages;
+    std::vector<LONGLONG> inputTimes;
+    std::vector<LONGLONG> inputDurations;
+    std::vector<DWORD> inputIds;
+    std::vector<DWORD> outputIds;
+    DWORD smallestOutputBuffer = 0xFFFFFFFF;
+    UINT32 inRate = 0, inChannels = 0, inBits = 0, inAlign = 0, inAvg = 0, inIndependent = 0;
+    UINT32 outRate = 0, outChannels = 0, outBits = 0, outAvg = 0, outAlign = 0, outProfile = 0;
+    bool outPayloadTypeSet = false;
+    GUID inSubtype{}, outSubtype{};
+    LONG refs = 1;
+
+    STDMETHODIMP QueryInterface(REFIID riid, void** out) override {
+        if (riid == __uuidof(IUnknown) || riid == __uuidof(IMFTransform)) {
+            *out = static_cast<IMFTransform*>(this);
+            AddRef();
+            return S_OK;
+        }
+        *out = nullptr;
+        return E_NOINTERFACE;
+    }
+    STDMETHODIMP_(ULONG) AddRef() override { return ULONG(InterlockedIncrement(&refs)); }
+    STDMETHODIMP_(ULONG) Release() override { return ULONG(InterlockedDecrement(&refs)); }
+
+    STDMETHODIMP GetStreamLimits(DWORD*, DWORD*, DWORD*, DWORD*) override { return E_NOTIMPL; }
+    STDMETHODIMP GetStreamCount(DWORD* inputs, DWORD* outputs) override {
+        *inputs = 1;
+        *outputs = 1;
+        return S_OK;
+    }
+    STDMETHODIMP GetStreamIDs(DWORD, DWORD* inputIds_, DWORD, DWORD* outputIds_) override {
+        *inputIds_ = 3;
+        *outputIds_ = 5;
+        return S_OK;
+    }
+    STDMETHODIMP GetInputStreamInfo(DWORD, MFT_INPUT_STREAM_INFO*) override { return E_NOTIMPL; }
+    STDMETHODIMP GetOutputStreamInfo(DWORD id, MFT_OUTPUT_STREAM_INFO* info) override {
+        if (id != 5) return MF_E_INVALIDSTREAMNUMBER;
+        info->dwFlags = providesSamples ? MFT_OUTPUT_STREAM_PROVIDES_SAMPLES : 0;
+        info->cbSize = 4096;
+        info->cbAlignment = 0;
+        return S_OK;
+    }
+    STDMETHODIMP GetAttributes(IMFAttributes**) override { return E_NOTIMPL; }
+    STDMETHODIMP GetInputStreamAttributes(DWORD, IMFAttributes**) override { return E_NOTIMPL; }
+    STDMETHODIMP GetOutputStreamAttributes(DWORD, IMFAttributes**) override { return E_NOTIMPL; }
+    STDMETHODIMP DeleteInputStream(DWORD) override { return E_NOTIMPL; }
+    STDMETHODIMP AddInputStreams(DWORD, DWORD*) override { return E_NOTIMPL; }
+    STDMETHODIMP GetInputAvailableType(DWORD, DWORD, IMFMediaType**) override { return E_NOTIMPL; }
+    STDMETHODIMP GetOutputAvailableType(DWORD, DWORD index, IMFMediaType** type) override {
+        if (index > 0) return MF_E_NO_MORE_TYPES;
+        HRESULT hr = MFCreateMediaType(type);
+        if (SUCCEEDED(hr)) (*type)->SetGUID(MF_MT_MAJOR_TYPE, MFMediaType_Audio);
+        if (SUCCEEDED(hr)) (*type)->SetGUID(MF_MT_SUBTYPE, MFAudioFormat_AAC);
+        return hr;
+    }
+    STDMETHODIMP SetInputType(DWORD id, IMFMediaType* type, DWORD) override {
+        if (id != 3) return MF_E_INVALIDSTREAMNUMBER;
+        type->GetGUID(MF_MT_SUBTYPE, &inSubtype);
+        type->GetUINT32(MF_MT_AUDIO_SAMPLES_PER_SECOND, &inRate);
+        type->GetUINT32(MF_MT_AUDIO_NUM_CHANNELS, &inChannels);
+        type->GetUINT32(MF_MT_AUDIO_BITS_PER_SAMPLE, &inBits);
+        type->GetUINT32(MF_MT_AUDIO_BLOCK_ALIGNMENT, &inAlign);
+        type->GetUINT32(MF_MT_AUDIO_AVG_BYTES_PER_SECOND, &inAvg);
+        type->GetUINT32(MF_MT_ALL_SAMPLES_INDEPENDENT, &inIndependent);
+        return S_OK;
+    }
+    STDMETHODIMP SetOutputType(DWORD id, IMFMediaType* type, DWORD) override {
+        if (id != 5) return MF_E_INVALIDSTREAMNUMBER;
+        if (FAILED(setOutputTypeResult)) return setOutputTypeResult;
+        type->GetGUID(MF_MT_SUBTYPE, &outSubtype);
+        type->GetUINT32(MF_MT_AUDIO_SAMPLES_PER_SECOND, &outRate);
+        type->GetUINT32(MF_MT_AUDIO_NUM_CHANNELS, &outChannels);
+        type->GetUINT32(MF_MT_AUDIO_BITS_PER_SAMPLE, &outBits);
+        type->GetUINT32(MF_MT_AUDIO_AVG_BYTES_PER_SECOND, &outAvg);
+        type->GetUINT32(MF_MT_AUDIO_BLOCK_ALIGNMENT, &outAlign);
+        type->GetUINT32(MF_MT_AAC_AUDIO_PROFILE_LEVEL_INDICATION, &outProfile);
+        UINT32 payload = 0;
+        outPayloadTypeSet = SUCCEEDED(type->GetUINT32(MF_MT_AAC_PAYLOAD_TYPE, &payload));
+        return S_OK;
+    }
+    STDMETHODIMP GetInputCurrentType(DWORD, IMFMediaType**) override { return E_NOTIMPL; }
+    STDMETHODIMP GetOutputCurrentType(DWORD, IMFMediaType**) override { return E_NOTIMPL; }
+    STDMETHODIMP GetInputStatus(DWORD, DWORD*) override { return E_NOTIMPL; }
+    STDMETHODIMP GetOutputStatus(DWORD*) override { return E_NOTIMPL; }
+    STDMETHODIMP SetOutputBounds(LONGLONG, LONGLONG) override { return E_NOTIMPL; }
+    STDMETHODIMP ProcessEvent(DWORD, IMFMediaEvent*) override { return E_NOTIMPL; }
+    STDMETHODIMP ProcessMessage(MFT_MESSAGE_TYPE message, ULONG_PTR) override {
+        messages.push_back(message);
+        if (message == MFT_MESSAGE_COMMAND_DRAIN && pendingFrames_ > 0) {
+            pendingFrames_ = 0;
+            ++readyUnits_;
+        }
+        return S_OK;
+    }
+    STDMETHODIMP ProcessInput(DWORD id, IMFSample* sample, DWORD) override {
+        inputIds.push_back(id);
+        LONGLONG time = -1, duration = -1;
+        sample->GetSampleTime(&time);
+        sample->GetSampleDuration(&duration);
+        inputTimes.push_back(time);
+        inputDurations.push_back(duration);
+        DWORD bytes = 0;
+        sample->GetTotalLength(&bytes);
+        pendingFrames_ += bytes / (inChannels * 2);
+        readyUnits_ += pendingFrames_ / 1024;
+        pendingFrames_ %= 1024;
+        return S_OK;
+    }
+    STDMETHODIMP ProcessOutput(DWORD, DWORD count, MFT_OUTPUT_DATA_BUFFER* out, DWORD* status) override {
+        *status = 0;
+        if (count != 1) return E_INVALIDARG;
+        outputIds.push_back(out->dwStreamID);
+        if (readyUnits_ == 0) return MF_E_TRANSFORM_NEED_MORE_INPUT;
+        if (streamChangeOnce) {
+            streamChangeOnce = false;
+            return MF_E_TRANSFORM_STREAM_CHANGE;
+        }
+        if (FAILED(processOutputFailure)) return processOutputFailure;
+        IMFMediaBuffer* buffer = nullptr;
+        if (providesSamples) {
+            if (out->pSample) return E_INVALIDARG;
+            MFCreateMemoryBuffer(1000, &buffer);
+            MFCreateSample(&out->pSample);
+            out->pSample->AddBuffer(buffer);
+        } else {
+            if (!out->pSample) return E_POINTER;
+            out->pSample->GetBufferByIndex(0, &buffer);
+            DWORD max = 0;
+            buffer->GetMaxLength(&max);
+            if (max < smallestOutputBuffer) smallestOutputBuffer = max;
+        }
+        BYTE* data = nullptr;
+        buffer->Lock(&data, nullptr, nullptr);
+        const DWORD size = 100 + DWORD(unitsMade_);
+        for (DWORD i = 0; i < size; ++i) data[i] = BYTE(unitsMade_ + i);
+        buffer->Unlock();
+        buffer->SetCurrentLength(size);
+        buffer->Release();
+        out->pSample->SetSampleTime(LONGLONG(unitsMade_) * 1024 * 10000000 / inRate);
+        ++unitsMade_;
+        --readyUnits_;
+        return S_OK;
+    }
+
+private:
+    DWORD pendingFrames_ = 0;
+    int readyUnits_ = 0;
+    int unitsMade_ = 0;
+};
+
+struct Collector : kiv::AacSink {
+    std::vector<std::vector<uint8_t>> units;
+    std::vector<int64_t> times;
+    std::vector<int64_t> durations;
+    void OnAccessUnit(const uint8_t* data, size_t size, int64_t time, int64_t duration) override {
+        units.emplace_back(data, data + size);
+        times.push_back(time);
+        durations.push_back(duration);
+    }
+};
+
+class AacTransformPump : public ::testing::TestWithParam<bool> {
+protected:
+    kivtest::LibraryScope library_;
+};
+
+}  // namespace
+
+TEST_P(AacTransformPump, ConfiguresPumpsDrainsAndReleases) {
+    FakeAacTransform fake;
+    fake.providesSamples = GetParam();
+    fake.streamChangeOnce = true;
+    {
+        kiv::AacEncoder encoder;
+        ASSERT_TRUE(encoder.InitializeWithTransform(&fake, 48000, 2));
+        EXPECT_TRUE(encoder.Ready());
+        const kiv::AacInitReport& report = encoder.InitReport();
+        EXPECT_EQ(report.stage, kiv::AacInitStage::kReady);
+        EXPECT_EQ(report.outputBufferSize, 16384u) << "4096 reported, 16384 used";
+        EXPECT_EQ(report.providesSamples, GetParam());
+
+        EXPECT_TRUE(IsEqualGUID(fake.inSubtype, MFAudioFormat_PCM));
+        EXPECT_EQ(fake.inRate, 48000u);
+        EXPECT_EQ(fake.inChannels, 2u);
+        EXPECT_EQ(fake.inBits, 16u);
+        EXPECT_EQ(fake.inAlign, 4u);
+        EXPECT_EQ(fake.inAvg, 192000u);
+        EXPECT_EQ(fake.inIndependent, 1u);
+        EXPECT_TRUE(IsEqualGUID(fake.outSubtype, MFAudioFormat_AAC));
+        EXPECT_EQ(fake.outRate, 48000u);
+        EXPECT_EQ(fake.outChannels, 2u);
+        EXPECT_EQ(fake.outBits, 16u);
+        EXPECT_EQ(fake.outAvg, 16000u);
+        EXPECT_EQ(fake.outAlign, 1u);
+        EXPECT_EQ(fake.outProfile, 0x29u);
+        EXPECT_FALSE(fake.outPayloadTypeSet) << "raw access units are the default";
+        ASSERT_EQ(fake.messages.size(), 2u);
+        EXPECT_EQ(fake.messages[0], MFT_MESSAGE_NOTIFY_BEGIN_STREAMING);
+        EXPECT_EQ(fake.messages[1], MFT_MESSAGE_NOTIFY_START_OF_STREAM);
+
+        // Ten buffers of 20 ms: 9600 frames make 9 full access units.
+        Collector sink;
+        const std::vector<uint8_t> pcm(960 * 4, 0x11);
+        for (int i = 0; i < 10; ++i) {
+            ASSERT_EQ(encoder.Encode(pcm.data(), pcm.size(), int64_t(i) * 200000, &sink), 0u) << i;
+        }
+        EXPECT_EQ(sink.units.size(), 9u);
+        ASSERT_EQ(fake.inputTimes.size(), 10u);
+        EXPECT_EQ(fake.inputTimes[3], 600000);
+        EXPECT_EQ(fake.inputDurations[3], 200000);
+        for (DWORD id : fake.inputIds) EXPECT_EQ(id, 3u);
+        for (DWORD id : fake.outputIds) EXPECT_EQ(id, 5u);
+        if (!GetParam()) {
+            EXPECT_GE(fake.smallestOutputBuffer, 16384u);
+        }
+
+        EXPECT_EQ(encoder.Drain(&sink), 0u);
+        ASSERT_EQ(sink.units.size(), 10u) << "the last partial frame comes out on drain";
+        for (size_t k = 0; k < sink.units.size(); ++k) {
+            ASSERT_EQ(sink.units[k].size(), 100 + k);
+            EXPECT_EQ(sink.units[k][0], uint8_t(k));
+            EXPECT_EQ(sink.times[k], int64_t(k) * 1024 * 10000000 / 48000);
+            EXPECT_EQ(sink.durations[k], int64_t(1024) * 10000000 / 48000);
+        }
+        encoder.Release();
+        EXPECT_FALSE(encoder.Ready());
+        EXPECT_EQ(fake.messages.back(), MFT_MESSAGE_NOTIFY_END_OF_STREAM);
+        EXPECT_NE(encoder.Encode(pcm.data(), pcm.size(), 0, &sink), 0u);
+    }
+    EXPECT_EQ(fake.refs, 1) << "every reference the encoder took was released";
+}
+
+INSTANTIATE_TEST_SUITE_P(OutputSamples, AacTransformPump, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                             return std::string(info.param ? "TransformProvides" : "CallerProvides");
+                         });
+
+TEST(AacTransformFailures, ConfigureFailureReleasesTheTransform) {
+    kivtest::LibraryScope library;
+    FakeAacTransform fake;
+    fake.setOutputTypeResult = MF_E_INVALIDMEDIATYPE;
+    kiv::AacEncoder encoder;
+    EXPECT_FALSE(encoder.InitializeWithTransform(&fake, 44100, 1));
+    EXPECT_FALSE(encoder.Ready());
+    EXPECT_EQ(encoder.InitReport().stage, kiv::AacInitStage::kConfigureFailed);
+    EXPECT_EQ(encoder.InitReport().hr, uint32_t(MF_E_INVALIDMEDIATYPE));
+    ASSERT_FALSE(fake.messages.empty());
+    EXPECT_EQ(fake.messages.back(), MFT_MESSAGE_NOTIFY_END_OF_STREAM);
+    EXPECT_EQ(fake.refs, 1);
+}
+
+TEST(AacTransformFailures, OutputFailureIsReturnedAndReinitialiseTearsDown) {
+    kivtest::LibraryScope library;
+    FakeAacTransform first;
+    FakeAacTransform second;
+    first.processOutputFailure = E_FAIL;
+    kiv::AacEncoder encoder;
+    ASSERT_TRUE(encoder.InitializeWithTransform(&first, 48000, 2));
+    Collector sink;
+    const std::vector<uint8_t> pcm(2048 * 4, 0);
+    EXPECT_EQ(encoder.Encode(pcm.data(), pcm.size(), 0, &sink), uint32_t(E_FAIL));
+    EXPECT_TRUE(sink.units.empty());
+    ASSERT_TRUE(encoder.InitializeWithTransform(&second, 48000, 2));
+    EXPECT_EQ(first.messages.back(), MFT_MESSAGE_NOTIFY_END_OF_STREAM);
+    EXPECT_EQ(first.refs, 1) << "a second Initialize releases the first transform";
+    encoder.Release();
+    EXPECT_EQ(second.refs, 1);
+}
