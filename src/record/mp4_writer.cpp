@@ -259,24 +259,30 @@ bool Mp4Writer::EnableAudio(int32_t sampleRate, int32_t channels, const uint8_t 
     return true;
 }
 
-bool Mp4Writer::AppendSample(const uint8_t* data, size_t size) {
-    return open_ && size > 0 && size <= 0xFFFFFFFFu && file_.Write(data, size);
-}
-
 bool Mp4Writer::WriteVideoSample(const uint8_t* annexB, size_t size, int64_t time, uint32_t duration, bool key) {
-    if (!open_ || annexB == nullptr) return false;
-    if (AnnexBToLengthPrefixed(annexB, size, &scratch_) == 0) return false;
+    // Each start code (3 or 4 bytes) becomes a 4-byte length, so the stored
+    // sample is at most 4/3 of the input; keep it within 32 bits.
+    if (!open_ || annexB == nullptr || size >= 0xC0000000u) return false;
     const uint64_t offset = file_.Position();
-    if (!AppendSample(scratch_.data(), scratch_.size())) return false;
-    video_.push_back(Sample{offset, uint32_t(scratch_.size()), time, duration, key});
-    videoBytes_ += scratch_.size();
+    AnnexBReader reader(annexB, size);
+    const uint8_t* nal = nullptr;
+    size_t nalSize = 0;
+    uint64_t stored = 0;
+    while (reader.Next(&nal, &nalSize)) {
+        if (!file_.WriteU32BE(uint32_t(nalSize)) || !file_.Write(nal, nalSize)) return false;
+        stored += 4 + nalSize;
+    }
+    if (stored == 0) return false;
+    video_.push_back(Sample{offset, uint32_t(stored), time, duration, key});
+    videoBytes_ += stored;
     return true;
 }
 
 bool Mp4Writer::WriteAudioSample(const uint8_t* accessUnit, size_t size, int64_t time, uint32_t duration) {
     if (!open_ || !audioEnabled_ || accessUnit == nullptr) return false;
+    if (size == 0 || size > 0xFFFFFFFFu) return false;
     const uint64_t offset = file_.Position();
-    if (!AppendSample(accessUnit, size)) return false;
+    if (!file_.Write(accessUnit, size)) return false;
     audio_.push_back(Sample{offset, uint32_t(size), time, duration, true});
     audioBytes_ += size;
     return true;

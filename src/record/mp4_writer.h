@@ -87,7 +87,6 @@ private:
         bool key;
     };
 
-    bool AppendSample(const uint8_t* data, size_t size);
     void BuildMoov(std::vector<uint8_t>* moov) const;
 
     FileWriter file_;
@@ -108,7 +107,6 @@ private:
     uint64_t videoBytes_ = 0;
     uint64_t audioBytes_ = 0;
     uint64_t finalFileBytes_ = 0;
-    std::vector<uint8_t> scratch_;  // length-prefixed form of the current sample
 };
 
 }  // namespace kiv
