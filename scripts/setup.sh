@@ -1,0 +1,68 @@
+#!/usr/bin/env bash
+# Installs what the build, the tests and the samples need on Debian 12.
+# Safe to run again: packages are installed only when missing. Also tries to
+# make 32-bit Wine available for the i686 tests; that may fail (for example
+# while a mirror is syncing) without failing the set-up.
+# Writes build/wine32.status: "usable" or "unavailable".
+set -euo pipefail
+
+ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+mkdir -p "$ROOT/build"
+STATUS_FILE="$ROOT/build/wine32.status"
+
+PACKAGES=(
+  cmake ninja-build g++ clang libclang-rt-14-dev
+  libgtest-dev libgmock-dev googletest libbenchmark-dev
+  g++-mingw-w64-i686-posix g++-mingw-w64-x86-64-posix mingw-w64-tools binutils-mingw-w64-i686
+  binutils-mingw-w64-x86-64
+  wine wine64 xvfb xauth x11-utils pulseaudio pulseaudio-utils ffmpeg
+  procps coreutils file
+)
+
+SUDO=()
+if [ "$(id -u)" -ne 0 ]; then SUDO=(sudo); fi
+export DEBIAN_FRONTEND=noninteractive
+APT_OPTS=(-y -q -o Dpkg::Options::=--force-confdef -o Dpkg::Options::=--force-confold --no-install-recommends)
+
+installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q "install ok installed"; }
+
+missing=()
+for p in "${PACKAGES[@]}"; do installed "$p" || missing+=("$p"); done
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "setup: installing ${missing[*]}"
+  "${SUDO[@]}" apt-get update -q
+  "${SUDO[@]}" apt-get install "${APT_OPTS[@]}" "${missing[@]}"
+else
+  echo "setup: all native packages present"
+fi
+
+# 32-bit Wine. The i686 build is what ships, so run its tests when possible.
+wine32_usable() { [ -x /usr/lib/wine/wine ] && installed "wine32:i386"; }
+
+if wine32_usable; then
+  echo usable > "$STATUS_FILE"
+elif [ -f "$STATUS_FILE" ] && [ "$(cat "$STATUS_FILE")" = "unavailable" ] && [ -z "${KIV_RETRY_WINE32:-}" ]; then
+  # Tried already on this machine; set KIV_RETRY_WINE32=1 to try again.
+  echo "setup: wine32 was not installable earlier (KIV_RETRY_WINE32=1 retries)"
+else
+  echo "setup: trying to install 32-bit Wine"
+  added_arch=0
+  if ! dpkg --print-foreign-architectures | grep -qx i386; then
+    "${SUDO[@]}" dpkg --add-architecture i386
+    added_arch=1
+  fi
+  # A partly failed update (one index mid-sync) may still allow the install.
+  timeout 600 "${SUDO[@]}" apt-get update -q || echo "setup: apt-get update failed with i386 enabled"
+  timeout 900 "${SUDO[@]}" apt-get install "${APT_OPTS[@]}" wine32:i386 || echo "setup: wine32 install failed"
+  if wine32_usable; then
+    echo usable > "$STATUS_FILE"
+  else
+    echo unavailable > "$STATUS_FILE"
+    if [ $added_arch = 1 ]; then
+      # Leave apt as we found it so later installs keep working.
+      "${SUDO[@]}" dpkg --remove-architecture i386 || true
+      "${SUDO[@]}" apt-get update -q || true
+    fi
+  fi
+fi
+echo "setup: wine32 $(cat "$STATUS_FILE")"

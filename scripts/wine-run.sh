@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# Runs a Windows executable under Wine: CMake's cross-compiling emulator for
+# the MinGW builds, so ctest runs every test through it.
+#   wine-run.sh program.exe [args...]
+# The build folder (for the private prefix) is KIV_BUILD_DIR, else the nearest
+# parent of the executable holding CMakeCache.txt. KIV_WINE_TIMEOUT (seconds,
+# default 600) bounds the run.
+set -uo pipefail
+HERE="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
+# shellcheck source=wine-env.sh
+source "$HERE/wine-env.sh"
+
+[ $# -ge 1 ] || { echo "usage: wine-run.sh program.exe [args...]" >&2; exit 2; }
+exe="$(readlink -f "$1")"; shift
+[ -f "$exe" ] || { echo "wine-run: no such file: $exe" >&2; exit 2; }
+
+build="${KIV_BUILD_DIR:-}"
+if [ -z "$build" ]; then
+  dir="$(dirname "$exe")"
+  while [ "$dir" != "/" ] && [ ! -f "$dir/CMakeCache.txt" ]; do dir="$(dirname "$dir")"; done
+  if [ -f "$dir/CMakeCache.txt" ]; then build="$dir"; else build="$(dirname "$exe")"; fi
+fi
+
+arch="$(kiv_pe_arch "$exe")"
+kiv_wine_prepare "$build" "$arch" || exit 1
+
+# Wine's helper processes (services.exe, winedevice.exe, ...) outlive the
+# program and inherit its standard handles. Writing through a file instead of
+# the caller's pipe keeps ctest from waiting on them until its timeout.
+out="$(mktemp "${TMPDIR:-/tmp}/kiv-wine-out.XXXXXX")"
+kiv_clean timeout --kill-after=15 "${KIV_WINE_TIMEOUT:-600}" "$KIV_WINE_LOADER" "$exe" "$@" </dev/null >"$out" 2>&1
+rc=$?
+cat "$out"
+rm -f "$out"
+[ $rc -eq 124 ] && echo "wine-run: timed out after ${KIV_WINE_TIMEOUT:-600}s: $exe" >&2
+exit $rc
