@@ -54,11 +54,17 @@ function(kiv_system_libraries)
   endif()
 endfunction()
 
-# kiv_add_test(name source...): a GoogleTest executable linked to the library
-# internals; it runs under Wine in the cross builds.
+# kiv_add_test(name source... [LABELS label...]): a GoogleTest executable
+# linked to the library internals; it runs under Wine in the cross builds.
+# Label a test "concurrency" when it exercises threads: the thread-sanitizer
+# stage of scripts/test-all.sh runs those (ctest -L concurrency).
 function(kiv_add_test name)
-  add_executable(${name} ${ARGN})
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "LABELS")
+  add_executable(${name} ${arg_UNPARSED_ARGUMENTS})
   target_link_libraries(${name} PRIVATE kivcapture_static kiv_test_support GTest::gtest_main GTest::gmock)
   add_test(NAME ${name} COMMAND ${name})
   set_tests_properties(${name} PROPERTIES TIMEOUT 600)
+  if(arg_LABELS)
+    set_tests_properties(${name} PROPERTIES LABELS "${arg_LABELS}")
+  endif()
 endfunction()
