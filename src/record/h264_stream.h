@@ -90,7 +90,10 @@ size_t AnnexBToLengthPrefixed(const uint8_t* data, size_t size, std::vector<uint
 class H264StreamAnalyzer {
 public:
     // Analyses one frame (Annex B, then AVCC, then single NAL). Any non-empty
-    // buffer yields a sample; empty or null input yields an empty one.
+    // buffer yields a sample; empty or null input yields an empty one. A
+    // buffer that is exactly a chain of length-prefixed units with sound NAL
+    // headers is read as AVCC even when a length looks like a start code
+    // (lengths of 256 to 511 bytes read 00 00 01 xx).
     H264FrameInfo Analyze(const uint8_t* data, size_t size);
 
     // Annex B form of the last analysed frame (00 00 00 01 before each unit).
