@@ -186,7 +186,8 @@ INSTANTIATE_TEST_SUITE_P(
                       StreamCase{"main_bframes_avcc", "main", 2, 320, 240, kAvcc, 77, "Main"},
                       StreamCase{"high_bframes_annexb", "high", 2, 320, 240, kAnnexB, 100, "High"},
                       StreamCase{"high_bframes_avcc", "high", 3, 320, 240, kAvcc, 100, "High"},
-                      StreamCase{"high_cropped_annexb", "high", 0, 320, 180, kAnnexB, 100, "High"}),
+                      StreamCase{"high_cropped_annexb", "high", 0, 320, 180, kAnnexB, 100, "High"},
+                      StreamCase{"high_1080p_avcc", "high", 2, 1920, 1080, kAvcc, 100, "High"}),
     [](const ::testing::TestParamInfo<StreamCase>& info) { return std::string(info.param.name); });
 
 TEST(FfmpegRoundTripAudio, AacTrackBesideTheVideoProbesAndDecodes) {
