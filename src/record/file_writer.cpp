@@ -4,7 +4,7 @@
 
 namespace kiv {
 
-FileWriter::FileWriter(size_t bufferSize) : buffer_(bufferSize > 0 ? bufferSize : 1) {}
+FileWriter::FileWriter(size_t bufferSize) : bufferSize_(bufferSize > 0 ? bufferSize : 1) {}
 
 FileWriter::~FileWriter() { Close(); }
 
@@ -18,6 +18,8 @@ bool FileWriter::Open(const KivWChar* path) {
         failed_ = true;
         return false;
     }
+    // Allocated by the first file, so writers that never open cost nothing.
+    if (buffer_.size() != bufferSize_) buffer_.resize(bufferSize_);
     return true;
 }
 

@@ -65,6 +65,7 @@ private:
     bool Flush();
 
     RawFile file_;
+    size_t bufferSize_;
     std::vector<uint8_t> buffer_;
     size_t used_ = 0;
     uint64_t position_ = 0;  // logical position of the next byte
