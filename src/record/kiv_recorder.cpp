@@ -108,6 +108,7 @@ kiv::RecorderSettings KivRecorder::Settings() {
 // ---- start and stop --------------------------------------------------------
 
 int32_t KivRecorder::Start() {
+    if (workerId_.load() == std::this_thread::get_id()) return KIV_ERROR_FAILED;
     std::lock_guard<std::mutex> control(controlMutex_);
     int32_t fps = 0;
     kiv::RecorderPath path;
@@ -139,6 +140,9 @@ int32_t KivRecorder::Start() {
 }
 
 int32_t KivRecorder::Stop() {
+    // A callback cannot stop the recorder from the worker it runs on: the
+    // stop waits for that very thread.
+    if (workerId_.load() == std::this_thread::get_id()) return KIV_ERROR_FAILED;
     std::lock_guard<std::mutex> control(controlMutex_);
     // Cleared before the lock is taken, so the worker writes nothing more
     // once the frame it is on now is done.
@@ -214,6 +218,7 @@ int32_t KivRecorder::OnAudioFrame(const KivAudioFrame* frame) {
 // ---- worker ---------------------------------------------------------------------
 
 void KivRecorder::WorkerMain() {
+    workerId_.store(std::this_thread::get_id());
     bool comHere = false;
     kiv::platform::ComInitialize(&comHere);
     Delivery delivery;
@@ -226,6 +231,7 @@ void KivRecorder::WorkerMain() {
         queue_.Recycle(std::move(copy));
     }
     if (comHere) kiv::platform::ComUninitialize();
+    workerId_.store(std::thread::id());
 }
 
 void KivRecorder::Deliver(Delivery* d, const KivVideoFrame& frame) {

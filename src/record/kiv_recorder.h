@@ -116,6 +116,7 @@ private:
 
     kiv::RecorderQueue queue_;
     std::thread worker_;
+    std::atomic<std::thread::id> workerId_{};
 
     kiv::PacingGrid grid_;
     Counters counters_;

@@ -3,6 +3,7 @@
 // input-mode checks.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
 
 #include "record/kiv_recorder.h"
@@ -245,6 +246,28 @@ TEST_F(RecorderPort, StopDiscardsQueuedFramesAndCountersRestartAtStart) {
     EXPECT_EQ(Stats(Handle()).inputFrames, 0);
     PushAndWait(1, kStart);
     EXPECT_EQ(Stats(Handle()).encodedFrames, 1);
+}
+
+struct StopFromCallback {
+    void* recorder = nullptr;
+    std::atomic<int> result{1};
+};
+
+void KIV_CALL StopInsideCallback(const KivVideoFrame*, void* user) {
+    auto* ctx = static_cast<StopFromCallback*>(user);
+    ctx->result = KIV_Stop(ctx->recorder);
+}
+
+TEST_F(RecorderPort, WrittenFramesReachTheFrameCallbackWhichCannotStopTheWorker) {
+    Configure(30);
+    StopFromCallback ctx;
+    ctx.recorder = Handle();
+    ASSERT_EQ(KIV_SetVideoFrameCallback(Handle(), StopInsideCallback, &ctx), KIV_OK);
+    ASSERT_EQ(recorder_->Start(), KIV_OK);
+    PushAndWait(1, kStart);
+    ASSERT_TRUE(WaitUntil([&] { return ctx.result.load() != 1; }));
+    EXPECT_EQ(ctx.result.load(), KIV_ERROR_FAILED);
+    EXPECT_EQ(recorder_->Stop(), KIV_OK);
 }
 
 }  // namespace
