@@ -1,6 +1,45 @@
+// Library start-up and shutdown seen through the exported functions: what
+// works before KIV_Init, what it unlocks, and what KIV_Shutdown takes away.
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 #include "kivcapture.h"
+
+namespace {
+
+// Read before any test changes it.
+const int32_t kModeAtLoad = KIV_GetDefaultPipelineMode();
+
+class LifecycleTest : public ::testing::Test {
+protected:
+    void SetUp() override { Reset(); }
+    void TearDown() override { Reset(); }
+    static void Reset() {
+        KIV_Shutdown();
+        KIV_SetDefaultPipelineMode(0);
+    }
+};
+
+using CreateFn = void* (*)();
+void* CreateRecorderWithoutText() { return KIV_CreateRecorder(nullptr); }
+void* CreateRecorderWithText() { return KIV_CreateRecorder("kivcapture"); }
+
+struct Creator {
+    const char* name;
+    CreateFn create;
+};
+
+const Creator kCreators[] = {
+    {"KIV_CreateVideoFrameSource", KIV_CreateVideoFrameSource},
+    {"KIV_CreateVideoMux", KIV_CreateVideoMux},
+    {"KIV_CreateAudioMux", KIV_CreateAudioMux},
+    {"KIV_CreateVideoOsd", KIV_CreateVideoOsd},
+    {"KIV_CreateVideoCrop", KIV_CreateVideoCrop},
+    {"KIV_CreateVideoColorEngine", KIV_CreateVideoColorEngine},
+    {"KIV_CreateRecorder(null)", CreateRecorderWithoutText},
+    {"KIV_CreateRecorder(text)", CreateRecorderWithText},
+};
 
 TEST(Version, ConstantsAnswerAsDocumented) {
     EXPECT_STREQ(KIV_GetVersion(), "6.0.6");
@@ -11,14 +50,104 @@ TEST(Version, ConstantsAnswerAsDocumented) {
     EXPECT_EQ(v.minor, 0);
     EXPECT_EQ(v.patch, 6);
     EXPECT_EQ(KIV_GetVersionEx(nullptr), nullptr);
+    // the API number is derived from the same three parts
+    EXPECT_EQ(KIV_GetApiVersion(), v.major * 10000 + v.minor * 100 + v.patch);
 }
 
-TEST(Lifecycle, CreationNeedsInit) {
-    EXPECT_EQ(KIV_CreateVideoMux(), nullptr);
+TEST_F(LifecycleTest, DefaultPipelineModeTakesOnlyZeroOrOne) {
+    EXPECT_EQ(kModeAtLoad, 0);
+    EXPECT_EQ(KIV_GetDefaultPipelineMode(), 0);
+    EXPECT_EQ(KIV_SetDefaultPipelineMode(1), KIV_OK);
+    EXPECT_EQ(KIV_GetDefaultPipelineMode(), 1);
+    EXPECT_EQ(KIV_SetDefaultPipelineMode(2), KIV_ERROR_INVALID_ARG);
+    EXPECT_EQ(KIV_SetDefaultPipelineMode(-1), KIV_ERROR_INVALID_ARG);
+    EXPECT_EQ(KIV_GetDefaultPipelineMode(), 1);
+    EXPECT_EQ(KIV_SetDefaultPipelineMode(0), KIV_OK);
+    EXPECT_EQ(KIV_GetDefaultPipelineMode(), 0);
+}
+
+TEST_F(LifecycleTest, DefaultPipelineModeWorksInEveryLibraryState) {
+    EXPECT_EQ(KIV_SetDefaultPipelineMode(1), KIV_OK);
+    ASSERT_EQ(KIV_Init(), KIV_OK);
+    EXPECT_EQ(KIV_GetDefaultPipelineMode(), 1);
+    EXPECT_EQ(KIV_SetDefaultPipelineMode(0), KIV_OK);
+    ASSERT_EQ(KIV_Shutdown(), KIV_OK);
+    EXPECT_EQ(KIV_GetDefaultPipelineMode(), 0);
+}
+
+TEST_F(LifecycleTest, CreationNeedsInit) {
+    for (const Creator& c : kCreators) EXPECT_EQ(c.create(), nullptr) << c.name << " before KIV_Init";
+
+    ASSERT_EQ(KIV_Init(), KIV_OK);
+    for (const Creator& c : kCreators) {
+        void* port = c.create();
+        ASSERT_NE(port, nullptr) << c.name;
+        EXPECT_EQ(KIV_DestroyPort(port), KIV_OK) << c.name;
+    }
+    ASSERT_EQ(KIV_Shutdown(), KIV_OK);
+
+    for (const Creator& c : kCreators) EXPECT_EQ(c.create(), nullptr) << c.name << " after KIV_Shutdown";
+}
+
+TEST_F(LifecycleTest, InitCanBeRepeatedAndShutdownIsAlwaysOk) {
+    EXPECT_EQ(KIV_Shutdown(), KIV_OK);  // never initialised
+    ASSERT_EQ(KIV_Init(), KIV_OK);
     ASSERT_EQ(KIV_Init(), KIV_OK);
     void* mux = KIV_CreateVideoMux();
     EXPECT_NE(mux, nullptr);
     EXPECT_EQ(KIV_DestroyPort(mux), KIV_OK);
     EXPECT_EQ(KIV_Shutdown(), KIV_OK);
+    EXPECT_EQ(KIV_Shutdown(), KIV_OK);
     EXPECT_EQ(KIV_CreateVideoMux(), nullptr);
 }
+
+TEST_F(LifecycleTest, DeviceQueriesNeedInit) {
+    KivDeviceInfo info{};
+    EXPECT_EQ(KIV_RefreshDeviceList(), KIV_ERROR_NOT_INITIALIZED);
+    EXPECT_EQ(KIV_GetVideoDeviceCount(), 0);
+    EXPECT_EQ(KIV_GetAudioInputDeviceCount(), 0);
+    EXPECT_EQ(KIV_GetVideoDeviceInfo(0, &info), KIV_ERROR_NOT_INITIALIZED);
+    EXPECT_EQ(KIV_GetAudioInputDeviceInfo(0, &info), KIV_ERROR_NOT_INITIALIZED);
+    // not initialised wins over a bad argument
+    EXPECT_EQ(KIV_GetVideoDeviceInfo(-1, nullptr), KIV_ERROR_NOT_INITIALIZED);
+
+    ASSERT_EQ(KIV_Init(), KIV_OK);
+    EXPECT_EQ(KIV_RefreshDeviceList(), KIV_OK);
+    ASSERT_EQ(KIV_Shutdown(), KIV_OK);
+    EXPECT_EQ(KIV_RefreshDeviceList(), KIV_ERROR_NOT_INITIALIZED);
+    EXPECT_EQ(KIV_GetAudioInputDeviceCount(), 0);
+}
+
+using CountFn = int32_t (*)();
+using InfoFn = KivResult (*)(int32_t, KivDeviceInfo*);
+
+void CheckDeviceList(const char* what, CountFn count, InfoFn info) {
+    const int32_t n = count();
+    ASSERT_GE(n, 0) << what;
+    KivDeviceInfo sentinel;
+    std::memset(&sentinel, 0x5A, sizeof(sentinel));
+    KivDeviceInfo out = sentinel;
+    EXPECT_EQ(info(0, nullptr), KIV_ERROR_INVALID_ARG) << what;
+    EXPECT_EQ(info(-1, &out), KIV_ERROR_INVALID_ARG) << what;
+    EXPECT_EQ(info(n, &out), KIV_ERROR_INVALID_ARG) << what;
+    EXPECT_EQ(std::memcmp(&out, &sentinel, sizeof(out)), 0) << what << ": a rejected query wrote the record";
+    for (int32_t i = 0; i < n; ++i) {
+        out = sentinel;
+        ASSERT_EQ(info(i, &out), KIV_OK) << what << " " << i;
+        EXPECT_NE(std::memchr(out.name, '\0', sizeof(out.name)), nullptr) << what << ": name not terminated";
+        EXPECT_GT(std::strlen(out.name), 0u) << what << " " << i;
+    }
+}
+
+TEST_F(LifecycleTest, DeviceInfoChecksIndexAndRecord) {
+    ASSERT_EQ(KIV_Init(), KIV_OK);
+    CheckDeviceList("video", KIV_GetVideoDeviceCount, KIV_GetVideoDeviceInfo);
+    CheckDeviceList("audio", KIV_GetAudioInputDeviceCount, KIV_GetAudioInputDeviceInfo);
+#ifndef _WIN32
+    // the native build has no platform layer and so no devices
+    EXPECT_EQ(KIV_GetVideoDeviceCount(), 0);
+    EXPECT_EQ(KIV_GetAudioInputDeviceCount(), 0);
+#endif
+}
+
+}  // namespace

@@ -1,0 +1,245 @@
+// The runtime log as an application and a support engineer see it: the file
+// beside the executable, its header and trailer lines, the line format and
+// when the file is truncated or appended to.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <regex>
+#include <string>
+#include <thread>
+
+#include "kiv_log.h"
+#include "kivcapture.h"
+#include "log_file.h"
+
+using namespace kivtest;
+
+namespace {
+
+const char kEnabledLine[] = "[LOG] runtime logging enabled, file is recreated for this application run.\r\n";
+const char kDisabledLine[] = "[LOG] runtime logging disabled.\r\n";
+const char kClosedLine[] = "==== kivcapture log closed ====\r\n";
+
+const std::regex kHeader(R"(==== kivcapture log started (\d{4})-(\d{2})-(\d{2}) (\d{2}):(\d{2}):(\d{2}) pid=(\d+) ====\r\n)");
+const std::regex kMessagePrefix(R"(\[(\d{2}):(\d{2}):(\d{2})\.(\d{3})\]\[tid=(\d+)\]\[([^:\]]*):(-?\d+)\] )");
+
+struct MessageLine {
+    unsigned long tid = 0;
+    std::string file;
+    int line = 0;
+    std::string text;
+};
+
+// The prefix is matched with a regex; the text (up to 2047 characters) is
+// compared as a plain string.
+bool ParseMessage(const std::string& raw, MessageLine* out) {
+    const size_t textStart = raw.find("] ");
+    if (textStart == std::string::npos || raw.size() < textStart + 4) return false;
+    if (raw.compare(raw.size() - 2, 2, "\r\n") != 0) return false;
+    const std::string prefix = raw.substr(0, textStart + 2);
+    std::smatch m;
+    if (!std::regex_match(prefix, m, kMessagePrefix)) return false;
+    if (std::stoi(m[1]) > 23 || std::stoi(m[2]) > 59 || std::stoi(m[3]) > 60) return false;
+    out->tid = std::stoul(m[5]);
+    out->file = m[6];
+    out->line = std::stoi(m[7]);
+    out->text = raw.substr(textStart + 2, raw.size() - textStart - 4);
+    return true;
+}
+
+// Messages of the log in order, skipping header and service lines.
+std::vector<MessageLine> Messages() {
+    std::vector<MessageLine> out;
+    for (const std::string& raw : LogLines()) {
+        MessageLine m;
+        if (ParseMessage(raw, &m)) out.push_back(m);
+    }
+    return out;
+}
+
+bool HasMessage(const std::string& text) {
+    for (const MessageLine& m : Messages())
+        if (m.text == text) return true;
+    return false;
+}
+
+class LogTest : public ::testing::Test {
+protected:
+    void SetUp() override { Reset(); }
+    void TearDown() override { Reset(); }
+    static void Reset() {
+        KIV_EnableLog(0);
+        KIV_Shutdown();
+        KIV_SetDefaultPipelineMode(0);
+        RemoveLog();
+    }
+};
+
+TEST_F(LogTest, FileBesideExecutableStartsWithHeaderAndEnabledLine) {
+    ASSERT_EQ(KIV_EnableLog(1), KIV_OK);
+    ASSERT_TRUE(LogExists()) << ExpectedLogPath();
+    const std::vector<std::string> lines = LogLines();
+    ASSERT_EQ(lines.size(), 2u);
+    std::smatch m;
+    ASSERT_TRUE(std::regex_match(lines[0], m, kHeader)) << lines[0];
+    EXPECT_GE(std::stoi(m[1]), 2020);
+    EXPECT_LE(std::stoi(m[2]), 12);
+    EXPECT_EQ(std::stoul(m[7]), OsProcessId());
+    EXPECT_EQ(lines[1], kEnabledLine);
+}
+
+TEST_F(LogTest, MessageLineCarriesTimeThreadFileLineAndText) {
+    ASSERT_EQ(KIV_EnableLog(1), KIV_OK);
+    KivLogWrite("/src/kiv_core.cpp", 42, "value=%d name=%s", 7, "cam");
+    std::thread([] { KivLogWrite("/src/kiv_core.cpp", 43, "from another thread"); }).join();
+
+    const std::vector<std::string> lines = LogLines();
+    ASSERT_EQ(lines.size(), 4u);
+    MessageLine first, second;
+    ASSERT_TRUE(ParseMessage(lines[2], &first)) << lines[2];
+    ASSERT_TRUE(ParseMessage(lines[3], &second)) << lines[3];
+    EXPECT_EQ(first.file, "kiv_core.cpp");
+    EXPECT_EQ(first.line, 42);
+    EXPECT_EQ(first.text, "value=7 name=cam");
+    EXPECT_EQ(second.line, 43);
+    EXPECT_NE(first.tid, second.tid);
+    EXPECT_NE(first.tid, 0u);
+}
+
+TEST_F(LogTest, SourceBaseNameAfterLaterSeparator) {
+    ASSERT_EQ(KIV_EnableLog(1), KIV_OK);
+    KivLogWrite("C:\\work/src\\core/kiv_a.cpp", 1, "a");
+    KivLogWrite("/work\\src/kiv_b.cpp\\kiv_c.cpp", 2, "b");
+    KivLogWrite("plain.cpp", 3, "c");
+    KivLogWrite(nullptr, 4, "d");
+    KivLogWrite("dir/", 5, "e");
+
+    const std::vector<MessageLine> msgs = Messages();
+    ASSERT_EQ(msgs.size(), 5u);
+    EXPECT_EQ(msgs[0].file, "kiv_a.cpp");
+    EXPECT_EQ(msgs[1].file, "kiv_c.cpp");
+    EXPECT_EQ(msgs[2].file, "plain.cpp");
+    EXPECT_EQ(msgs[3].file, "");
+    EXPECT_EQ(msgs[4].file, "");
+}
+
+TEST_F(LogTest, MessageThatDoesNotFitIsReplacedWhole) {
+    ASSERT_EQ(KIV_EnableLog(1), KIV_OK);
+    const std::string fits(2047, 'x');
+    const std::string tooLong(2048, 'y');
+    KivLogWrite("f.cpp", 1, "%s", fits.c_str());
+    KivLogWrite("f.cpp", 2, "long=%s", std::string(3000, 'z').c_str());
+    KivLogWrite("f.cpp", 3, "%s", tooLong.c_str());
+    KivLogWrite("f.cpp", 4, nullptr);
+
+    const std::vector<MessageLine> msgs = Messages();
+    ASSERT_EQ(msgs.size(), 4u);
+    EXPECT_EQ(msgs[0].text, fits);
+    EXPECT_EQ(msgs[1].text, "<log format failed: long=%s>");
+    EXPECT_EQ(msgs[2].text, "<log format failed: %s>");
+    EXPECT_EQ(msgs[3].text, "<log format failed: >");
+}
+
+TEST_F(LogTest, NothingIsWrittenWhileLoggingIsOff) {
+    KivLogWrite("f.cpp", 1, "before enabling");
+    EXPECT_FALSE(LogExists());
+    ASSERT_EQ(KIV_EnableLog(1), KIV_OK);
+    KivLogWrite("f.cpp", 2, "while on");
+    ASSERT_EQ(KIV_EnableLog(0), KIV_OK);
+    KivLogWrite("f.cpp", 3, "after disabling");
+
+    const std::string log = ReadLog();
+    EXPECT_EQ(log.find("before enabling"), std::string::npos);
+    EXPECT_EQ(log.find("after disabling"), std::string::npos);
+    EXPECT_TRUE(HasMessage("while on"));
+    ASSERT_GE(log.size(), sizeof(kDisabledLine) - 1);
+    EXPECT_EQ(log.substr(log.size() - (sizeof(kDisabledLine) - 1)), kDisabledLine);
+}
+
+TEST_F(LogTest, DisablingWhenNeverEnabledCreatesNoFile) {
+    EXPECT_EQ(KIV_EnableLog(0), KIV_OK);
+    EXPECT_FALSE(LogExists());
+}
+
+TEST_F(LogTest, EnablingTwiceTruncatesOnlyOnce) {
+    ASSERT_EQ(KIV_EnableLog(1), KIV_OK);
+    KivLogWrite("f.cpp", 1, "first run");
+    ASSERT_EQ(KIV_EnableLog(1), KIV_OK);
+    EXPECT_TRUE(HasMessage("first run"));
+    EXPECT_EQ(CountInLog("log started"), 1);
+    EXPECT_EQ(CountInLog(kEnabledLine), 1);
+
+    ASSERT_EQ(KIV_EnableLog(0), KIV_OK);
+    ASSERT_EQ(KIV_EnableLog(1), KIV_OK);
+    EXPECT_FALSE(HasMessage("first run"));
+    EXPECT_EQ(CountInLog(kDisabledLine), 0);
+    EXPECT_EQ(CountInLog("log started"), 1);
+}
+
+TEST_F(LogTest, FileThatCannotBeOpenedTurnsLoggingOff) {
+    // A folder where the file should be makes the open fail.
+    ASSERT_TRUE(std::filesystem::create_directory(ExpectedLogPath()));
+    EXPECT_EQ(KIV_EnableLog(1), KIV_ERROR_FAILED);
+    RemoveLog();
+    KivLogWrite("f.cpp", 1, "logging is off");
+    EXPECT_FALSE(LogExists());
+}
+
+TEST_F(LogTest, InitAndShutdownAreLoggedAndShutdownClosesTheFile) {
+    ASSERT_EQ(KIV_EnableLog(1), KIV_OK);
+    ASSERT_EQ(KIV_SetDefaultPipelineMode(1), KIV_OK);
+    ASSERT_EQ(KIV_Init(), KIV_OK);
+    const int video = KIV_GetVideoDeviceCount();
+    const int audio = KIV_GetAudioInputDeviceCount();
+    ASSERT_EQ(KIV_Shutdown(), KIV_OK);
+
+    EXPECT_TRUE(HasMessage("Set default SDK pipeline mode=1"));
+    EXPECT_TRUE(HasMessage("KIV_Init version=6.0.6 defaultPipelineMode=1"));
+    EXPECT_TRUE(HasMessage("Device enum completed video=" + std::to_string(video) +
+                           " audio=" + std::to_string(audio)));
+    EXPECT_TRUE(HasMessage("KIV_Shutdown"));
+    const std::string log = ReadLog();
+    ASSERT_GE(log.size(), sizeof(kClosedLine) - 1);
+    EXPECT_EQ(log.substr(log.size() - (sizeof(kClosedLine) - 1)), kClosedLine);
+}
+
+TEST_F(LogTest, AfterShutdownLoggingStaysOnAndAppends) {
+    ASSERT_EQ(KIV_EnableLog(1), KIV_OK);
+    ASSERT_EQ(KIV_Init(), KIV_OK);
+    ASSERT_EQ(KIV_Shutdown(), KIV_OK);
+    KivLogWrite("f.cpp", 1, "after shutdown");
+
+    const std::vector<std::string> lines = LogLines();
+    ASSERT_GE(lines.size(), 4u);
+    EXPECT_TRUE(std::regex_match(lines[0], kHeader));
+    // closed line, then the header of the reopened file, then the message
+    const size_t n = lines.size();
+    EXPECT_EQ(lines[n - 3], kClosedLine);
+    EXPECT_TRUE(std::regex_match(lines[n - 2], kHeader)) << lines[n - 2];
+    MessageLine last;
+    ASSERT_TRUE(ParseMessage(lines[n - 1], &last));
+    EXPECT_EQ(last.text, "after shutdown");
+    EXPECT_EQ(CountInLog(kEnabledLine), 1);
+}
+
+TEST_F(LogTest, InitReopensTheFileForAppending) {
+    ASSERT_EQ(KIV_EnableLog(1), KIV_OK);
+    ASSERT_EQ(KIV_Shutdown(), KIV_OK);  // closes the file, logging stays on
+    ASSERT_EQ(KIV_Init(), KIV_OK);
+    EXPECT_EQ(CountInLog(kEnabledLine), 1);
+    EXPECT_EQ(CountInLog("log started"), 2);
+    EXPECT_TRUE(HasMessage("KIV_Init version=6.0.6 defaultPipelineMode=0"));
+}
+
+TEST_F(LogTest, RefreshIsLoggedWithTheCounts) {
+    ASSERT_EQ(KIV_EnableLog(1), KIV_OK);
+    EXPECT_EQ(KIV_RefreshDeviceList(), KIV_ERROR_NOT_INITIALIZED);
+    EXPECT_FALSE(HasMessage("KIV_RefreshDeviceList"));
+    ASSERT_EQ(KIV_Init(), KIV_OK);
+    ASSERT_EQ(KIV_RefreshDeviceList(), KIV_OK);
+    EXPECT_TRUE(HasMessage("KIV_RefreshDeviceList"));
+    EXPECT_TRUE(HasMessage("Device refresh completed video=" + std::to_string(KIV_GetVideoDeviceCount()) +
+                           " audio=" + std::to_string(KIV_GetAudioInputDeviceCount())));
+}
+
+}  // namespace
