@@ -18,8 +18,10 @@ void FillPackedLayout(KivVideoFrame* frame, uint8_t* buffer);
 bool IsUncompressed(int32_t format);
 
 // A frame that owns its planes. Copy() reuses the buffers, so a warmed-up
-// copy allocates nothing. Rows are copied top-down with positive strides
-// whatever the sign of the source strides.
+// copy allocates nothing. A negative stride means the rows run upwards in
+// memory from planes[i]; the copy is always top-down with positive strides.
+// NV12 takes both of its planes (a zero stride meaning W), compressed
+// formats take strides[0] bytes of payload, the rest plane 0 only.
 class FrameCopy {
 public:
     // Returns true when plane 0 was copied.
