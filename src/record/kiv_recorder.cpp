@@ -157,10 +157,11 @@ int32_t KivRecorder::Stop() {
     queue_.FinishStop();
 
     if (wasActive) {
+        const int64_t asyncDropped = queue_.Dropped();  // read before the port lock: never both locks
         PendingAudio audio;
         {
             std::lock_guard<std::mutex> lock(lock_);
-            KIV_LOG("Recorder stop asyncDropped=%lld", LL(queue_.Dropped()));
+            KIV_LOG("Recorder stop asyncDropped=%lld", LL(asyncDropped));
             FinalizeLocked(&audio);
         }
         audio.Deliver();

@@ -10,6 +10,7 @@
 #include <map>
 #include <sstream>
 
+#include "ports/kiv_port_base.h"
 #include "recorder_test_util.h"
 #include "test_support.h"
 
@@ -302,6 +303,55 @@ TEST_F(RecorderFfmpeg, FramesBeforeTheFirstParameterSetsAreDropped) {
     EXPECT_EQ(p.frames, kFrames - 25);
     const std::vector<std::string> all = FrameHashes(s.path);
     EXPECT_EQ(FrameHashes(out), std::vector<std::string>(all.begin() + 25, all.end()));
+}
+
+// Without an AAC encoder (this build has none) audio frames are refused by
+// the encoder set-up and the file is written with its video track only.
+TEST_F(RecorderFfmpeg, AudioWithoutAnEncoderLeavesAVideoOnlyFile) {
+    const Stream& s = Get("baseline");
+    const std::string out = kivtest::TempDir("recorder_ffmpeg_audio") + "/av.mp4";
+    ASSERT_EQ(KIV_EnableLog(1), KIV_OK);
+    void* source = KIV_CreateVideoFrameSource();
+    void* rec = KIV_CreateRecorder(out.c_str());
+    KivRecorderConfig c = Config25();
+    c.audio = 1;
+    ASSERT_EQ(KIV_SetRecorderConfig(rec, &c), KIV_OK);
+    ASSERT_EQ(KIV_Connect(source, rec), KIV_OK);
+    ASSERT_EQ(KIV_Start(rec), KIV_OK);
+    std::vector<uint8_t> pcm(1920 * 4, 0);  // 40 ms of 48 kHz stereo
+    KivAudioFrame a{};
+    a.data = pcm.data();
+    a.bytes = static_cast<uint32_t>(pcm.size());
+    a.sampleRate = 48000;
+    a.channels = 2;
+    a.bitsPerSample = 16;
+    for (size_t i = 0; i < s.units.size(); ++i) {
+        KivVideoFrame f{};
+        f.format = KIV_PIXEL_FORMAT_H264;
+        f.width = 320;
+        f.height = 240;
+        f.planes[0] = const_cast<uint8_t*>(s.units[i].data());
+        f.strides[0] = static_cast<int32_t>(s.units[i].size());
+        f.timestamp = 10000000 + static_cast<int64_t>(i) * kFrame25;
+        ASSERT_EQ(KIV_PushVideoFrame(source, &f), KIV_OK);
+        ASSERT_TRUE(rectest::WaitUntil([&] { return Stats(rec).inputFrames == static_cast<int64_t>(i) + 1; }));
+        // Audio reaches the recorder as an audio input's frames would.
+        ASSERT_EQ(static_cast<KivPortBase*>(rec)->OnAudioFrame(&a), KIV_OK);
+    }
+    ASSERT_EQ(KIV_Stop(rec), KIV_OK);
+    const std::string log = rectest::ReadLog();
+    KIV_EnableLog(0);
+    EXPECT_EQ(Stats(rec).audioPackets, 0);
+    EXPECT_NE(log.find("] AAC encoder MFTEnumEx failed hr=0x"), std::string::npos);
+    EXPECT_NE(log.find("] Raw H264 custom MP4 AAC encoder init failed sr=48000 ch=2\r\n"), std::string::npos);
+    EXPECT_NE(log.find("] Raw H264 custom MP4 finalize segment=0 file=" + out + " ok=1 "), std::string::npos) << log;
+    EXPECT_EQ(KIV_Disconnect(source, rec), KIV_OK);
+    EXPECT_EQ(KIV_DestroyPort(rec), KIV_OK);
+    EXPECT_EQ(KIV_DestroyPort(source), KIV_OK);
+
+    const std::string streams = rectest::Run("ffprobe -v error -show_entries stream=codec_type -of csv=p=0 '" + out + "'");
+    EXPECT_EQ(streams, "video\n");
+    EXPECT_EQ(ProbeFile(out).frames, kFrames);
 }
 
 TEST_F(RecorderFfmpeg, TimeSplitSegmentsTogetherHoldEveryFrame) {
