@@ -1,0 +1,236 @@
+#!/usr/bin/env bash
+# The project's test command: sets the machine up, then builds and tests every
+# configuration and prints a summary per stage. Exits non-zero when any stage
+# fails. The last line is "N passed, N failed" over all tests of all stages
+# (each fuzz target and each checked DLL counts as one test).
+#
+# Stages: native (RelWithDebInfo), asan (address+undefined), tsan (thread,
+# the tests labelled "concurrency"), fuzz (clang/libFuzzer, bounded time),
+# x64 (MinGW x86_64 under Wine), i686 (MinGW i686, the shipped build, under
+# 32-bit Wine when installed), exports (objdump checks of both DLLs).
+#
+# Environment: KIV_STAGES limits the stages (e.g. "native x64"),
+# KIV_FUZZ_SECONDS (default 20) bounds each fuzz target,
+# KIV_TSAN_ALL=1 runs every test under the thread sanitizer,
+# KIV_JOBS (default 2) sets build and test parallelism.
+set -uo pipefail
+
+ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+cd "$ROOT"
+JOBS="${KIV_JOBS:-2}"
+FUZZ_SECONDS="${KIV_FUZZ_SECONDS:-20}"
+STAGES="${KIV_STAGES:-native asan tsan fuzz x64 i686 exports}"
+BUILD="$ROOT/build"
+LOGS="$BUILD/test-logs"
+mkdir -p "$LOGS"
+
+TOTAL_PASSED=0
+TOTAL_FAILED=0
+FAILED_STAGES=()
+SUMMARY=()
+START_ALL=$(date +%s)
+
+want() { [[ " $STAGES " == *" $1 "* ]]; }
+elapsed() { echo $(( $(date +%s) - $1 ))s; }
+note() { echo; echo "==== $* ===="; }
+
+# record STAGE RESULT PASSED FAILED SECONDS DETAIL
+record() {
+  local stage=$1 result=$2 passed=$3 failed=$4 took=$5 detail=${6:-}
+  TOTAL_PASSED=$((TOTAL_PASSED + passed))
+  TOTAL_FAILED=$((TOTAL_FAILED + failed))
+  [ "$result" = FAIL ] && FAILED_STAGES+=("$stage")
+  SUMMARY+=("$(printf '%-8s %-4s %4d passed %3d failed %6s  %s' "$stage" "$result" "$passed" "$failed" "$took" "$detail")")
+}
+
+# configure_and_build DIR LOG cmake-args...
+configure_and_build() {
+  local dir=$1 log=$2
+  shift 2
+  if ! cmake -S "$ROOT" -B "$dir" -G Ninja "$@" >"$log" 2>&1; then
+    tail -30 "$log"; echo "configure failed, full log: $log"; return 1
+  fi
+  if ! cmake --build "$dir" -j "$JOBS" >>"$log" 2>&1; then
+    grep -E 'error|Error|FAILED' "$log" | head -40; echo "build failed, full log: $log"; return 1
+  fi
+  if grep -q 'warning:' "$log"; then
+    echo "compiler warnings in $dir:"; grep 'warning:' "$log" | sort -u | head -20
+    WARNINGS+=("$(basename "$dir")")
+  fi
+  return 0
+}
+WARNINGS=()
+
+# run_ctest STAGE DIR START [ctest args...]: runs the tests and records them.
+run_ctest() {
+  local stage=$1 dir=$2 start=$3
+  shift 3
+  local log="$LOGS/$stage-ctest.log"
+  ctest --test-dir "$dir" -j "$JOBS" --output-on-failure "$@" >"$log" 2>&1
+  local rc=$?
+  local total failed
+  total=$(sed -n 's/.*tests passed, \([0-9]*\) tests failed out of \([0-9]*\).*/\2/p' "$log" | tail -1)
+  failed=$(sed -n 's/.*tests passed, \([0-9]*\) tests failed out of \([0-9]*\).*/\1/p' "$log" | tail -1)
+  total=${total:-0}
+  failed=${failed:-0}
+  grep -E '^\s*[0-9]+/[0-9]+ Test' "$log"
+  if [ $rc -ne 0 ] || [ "$failed" -ne 0 ]; then
+    sed -n '/The following tests FAILED/,$p' "$log"
+    [ "$failed" -eq 0 ] && failed=1
+    record "$stage" FAIL $((total - failed < 0 ? 0 : total - failed)) "$failed" "$(elapsed "$start")" "log: $log"
+  else
+    record "$stage" ok "$total" 0 "$(elapsed "$start")"
+  fi
+}
+
+note "setup"
+if ! "$ROOT/scripts/setup.sh"; then
+  echo "setup failed"
+  record setup FAIL 0 0 "$(elapsed "$START_ALL")"
+fi
+WINE32="$(cat "$BUILD/wine32.status" 2>/dev/null || echo unavailable)"
+
+if want native; then
+  note "native RelWithDebInfo build and tests"
+  t=$(date +%s)
+  if configure_and_build "$BUILD/ci-native" "$LOGS/native-build.log" -DCMAKE_BUILD_TYPE=RelWithDebInfo; then
+    run_ctest native "$BUILD/ci-native" "$t"
+  else
+    record native FAIL 0 0 "$(elapsed "$t")" "build failed: $LOGS/native-build.log"
+  fi
+fi
+
+if want asan; then
+  note "native address+undefined sanitizer build and tests"
+  t=$(date +%s)
+  if configure_and_build "$BUILD/ci-asan" "$LOGS/asan-build.log" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+       -DKIV_SANITIZE=address,undefined -DKIV_BUILD_BENCH=OFF; then
+    ASAN_OPTIONS="detect_leaks=1:abort_on_error=0:halt_on_error=1" \
+      UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1" run_ctest asan "$BUILD/ci-asan" "$t"
+  else
+    record asan FAIL 0 0 "$(elapsed "$t")" "build failed: $LOGS/asan-build.log"
+  fi
+fi
+
+if want tsan; then
+  note "native thread sanitizer build and concurrency tests"
+  t=$(date +%s)
+  if configure_and_build "$BUILD/ci-tsan" "$LOGS/tsan-build.log" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+       -DKIV_SANITIZE=thread -DKIV_BUILD_BENCH=OFF; then
+    label=(-L concurrency)
+    [ -n "${KIV_TSAN_ALL:-}" ] && label=()
+    TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1" run_ctest tsan "$BUILD/ci-tsan" "$t" "${label[@]}"
+  else
+    record tsan FAIL 0 0 "$(elapsed "$t")" "build failed: $LOGS/tsan-build.log"
+  fi
+fi
+
+if want fuzz; then
+  note "fuzz targets (${FUZZ_SECONDS}s each)"
+  t=$(date +%s)
+  if [ ! -f "$ROOT/tests/fuzz/CMakeLists.txt" ]; then
+    record fuzz skip 0 0 "$(elapsed "$t")" "no tests/fuzz"
+  elif configure_and_build "$BUILD/ci-fuzz" "$LOGS/fuzz-build.log" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+         -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DKIV_BUILD_FUZZ=ON -DKIV_BUILD_TESTS=OFF \
+         -DKIV_BUILD_BENCH=OFF; then
+    passed=0; failed=0
+    for src in "$ROOT"/tests/fuzz/*_fuzz.cpp; do
+      name=$(basename "$src" .cpp)
+      exe=$(find "$BUILD/ci-fuzz" -type f -name "$name" -perm -u+x | head -1)
+      if [ -z "$exe" ]; then echo "fuzz: $name not built"; failed=$((failed + 1)); continue; fi
+      # Work on a copy of the seed corpus so the repository is never written.
+      work="$BUILD/ci-fuzz/run-$name"
+      rm -rf "$work"; mkdir -p "$work/corpus"
+      seeds="$ROOT/tests/fuzz/corpus_${name%_fuzz}"
+      [ -d "$seeds" ] && cp -r "$seeds/." "$work/corpus/"
+      if (cd "$work" && "$exe" -max_total_time="$FUZZ_SECONDS" -rss_limit_mb=2048 -print_final_stats=0 \
+            corpus >"$LOGS/fuzz-$name.log" 2>&1); then
+        echo "fuzz: $name ok ($(grep -o 'Done [0-9]* runs' "$LOGS/fuzz-$name.log" | tail -1))"
+        passed=$((passed + 1))
+      else
+        echo "fuzz: $name FAILED, log: $LOGS/fuzz-$name.log"
+        grep -E 'ERROR|SUMMARY|crash-' "$LOGS/fuzz-$name.log" | head -10
+        failed=$((failed + 1))
+      fi
+    done
+    result=ok; [ $failed -ne 0 ] && result=FAIL
+    record fuzz $result $passed $failed "$(elapsed "$t")"
+  else
+    record fuzz FAIL 0 0 "$(elapsed "$t")" "build failed: $LOGS/fuzz-build.log"
+  fi
+fi
+
+if want x64; then
+  note "x86_64 MinGW build, tests under Wine"
+  t=$(date +%s)
+  if configure_and_build "$BUILD/ci-x64" "$LOGS/x64-build.log" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+       -DCMAKE_TOOLCHAIN_FILE="$ROOT/cmake/toolchain-mingw-x86_64.cmake"; then
+    run_ctest x64 "$BUILD/ci-x64" "$t"
+  else
+    record x64 FAIL 0 0 "$(elapsed "$t")" "build failed: $LOGS/x64-build.log"
+  fi
+fi
+
+if want i686; then
+  note "i686 MinGW build (shipped), tests under 32-bit Wine"
+  t=$(date +%s)
+  if configure_and_build "$BUILD/ci-i686" "$LOGS/i686-build.log" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+       -DCMAKE_TOOLCHAIN_FILE="$ROOT/cmake/toolchain-mingw-i686.cmake"; then
+    if [ "$WINE32" = usable ]; then
+      run_ctest i686 "$BUILD/ci-i686" "$t"
+    else
+      echo "i686 tests skipped: wine32 not installable here"
+      record i686 skip 0 0 "$(elapsed "$t")" "built; tests skipped: wine32 not installable here"
+    fi
+  else
+    record i686 FAIL 0 0 "$(elapsed "$t")" "build failed: $LOGS/i686-build.log"
+  fi
+fi
+
+# Every export is KIV_ and undecorated; imports are DLLs Windows itself has.
+check_dll() {
+  local dll=$1 objdump=$2 bad=0
+  local exports imports
+  exports=$("$objdump" -p "$dll" | awk '/\[Ordinal\/Name Pointer\] Table/{on=1; next} on && /^\s*\[ *[0-9]+\]/{print $NF; next} on && NF==0{on=0}')
+  imports=$("$objdump" -p "$dll" | sed -n 's/^\s*DLL Name: //p')
+  echo "$(basename "$(dirname "$(dirname "$dll")")"): $(echo "$exports" | grep -c .) exports, imports: $(echo $imports)"
+  if [ -z "$exports" ]; then echo "  no exports found"; bad=1; fi
+  local e
+  for e in $exports; do
+    if [[ ! "$e" =~ ^KIV_[A-Za-z0-9]+$ ]]; then echo "  bad export name: $e"; bad=1; fi
+  done
+  local systemdir=/usr/lib/x86_64-linux-gnu/wine/x86_64-windows
+  local i lower
+  for i in $imports; do
+    lower=$(echo "$i" | tr 'A-Z' 'a-z')
+    case "$lower" in
+      lib*.dll) echo "  toolchain runtime imported: $i"; bad=1; continue ;;
+    esac
+    if [ -d "$systemdir" ] && [ ! -f "$systemdir/$lower" ]; then
+      echo "  import is not a Windows system DLL: $i"; bad=1
+    fi
+  done
+  return $bad
+}
+
+if want exports; then
+  note "DLL exports and imports"
+  t=$(date +%s)
+  passed=0; failed=0
+  for pair in "ci-i686:i686-w64-mingw32-objdump" "ci-x64:x86_64-w64-mingw32-objdump"; do
+    dir=${pair%%:*}; objdump=${pair#*:}
+    dll="$BUILD/$dir/src/kivcapture.dll"
+    if [ ! -f "$dll" ]; then echo "$dll missing"; failed=$((failed + 1)); continue; fi
+    if check_dll "$dll" "$objdump"; then passed=$((passed + 1)); else failed=$((failed + 1)); fi
+  done
+  result=ok; [ $failed -ne 0 ] && result=FAIL
+  record exports $result $passed $failed "$(elapsed "$t")"
+fi
+
+echo
+echo "==== summary ($(elapsed "$START_ALL") in all) ===="
+for line in "${SUMMARY[@]}"; do echo "$line"; done
+[ ${#WARNINGS[@]} -gt 0 ] && echo "compiler warnings in: ${WARNINGS[*]}"
+[ ${#FAILED_STAGES[@]} -gt 0 ] && echo "failed stages: ${FAILED_STAGES[*]}"
+echo "$TOTAL_PASSED passed, $TOTAL_FAILED failed"
+[ ${#FAILED_STAGES[@]} -eq 0 ]
