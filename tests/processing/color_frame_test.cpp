@@ -129,6 +129,35 @@ TEST_F(ColorFrameTest, EveryFormatPairMatchesTheReference) {
     }
 }
 
+TEST_F(ColorFrameTest, SaturatedColoursMatchTheReference) {
+    // The corners of the RGB cube and the YUV extremes drive every clamp.
+    const int w = 40, h = 2;
+    for (int32_t inFmt : {KIV_PIXEL_FORMAT_RGB32, KIV_PIXEL_FORMAT_YUY2, KIV_PIXEL_FORMAT_NV12}) {
+        std::mt19937 rng(4);
+        RandomFrame in(inFmt, w, h, rng, false);
+        for (size_t i = 0; i < in.plane0.size(); ++i) in.plane0[i] = (i * 7 / 3) % 5 < 2 ? 0 : 255;
+        for (size_t i = 0; i < in.plane1.size(); ++i) in.plane1[i] = (i % 3) == 0 ? 0 : 255;
+        if (inFmt == KIV_PIXEL_FORMAT_RGB32) {
+            // Full-range BT.601 Cb of pure blue is 256 and must be cut to 255
+            // before it is averaged with its partner's 253.
+            const uint8_t pair[8] = {255, 0, 0, 0, 255, 0, 12, 0};
+            std::copy(pair, pair + 8, in.plane0.begin());
+        }
+        for (int32_t outFmt : {KIV_PIXEL_FORMAT_YUY2, KIV_PIXEL_FORMAT_RGB32, KIV_PIXEL_FORMAT_NV12}) {
+            for (int cs : {1, 2}) {
+                for (int range : {1, 2}) {
+                    SCOPED_TRACE(testing::Message() << "in " << inFmt << " out " << outFmt << " cs " << cs << " range " << range);
+                    KivVideoColorEngineConfig config{0, 0, outFmt, cs, range, 1.0f};
+                    ASSERT_EQ(KIV_SetVideoColorEngineConfig(handle, &config), KIV_OK);
+                    if (inFmt == outFmt) continue;
+                    ASSERT_EQ(static_cast<KivPortBase*>(handle)->OnVideoFrame(&in.frame), KIV_OK);
+                    ExpectMatchesReference(catcher->frames.back(), in.frame, outFmt, cs, range, nullptr, 1.0f);
+                }
+            }
+        }
+    }
+}
+
 TEST_F(ColorFrameTest, LargeFramesMatchTheReference) {
     // Wide rows exercise the vector paths and their tails.
     std::mt19937 rng(2);
