@@ -8,6 +8,7 @@
 #include <benchmark/benchmark.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
@@ -134,11 +135,15 @@ void BM_PassThrough1080p(benchmark::State& state) {
         KIV_Start(graph.recorder);
         const long long before = g_allocations.load();
         for (size_t i = 0; i < stream.units.size(); ++i) {
-            while (graph.Port()->QueuedFrames() >= graph.Port()->QueueLimit() - 1) std::this_thread::yield();
+            // Seven queued frames keep the worker busy for far longer than
+            // this nap, and napping leaves the worker its core.
+            while (graph.Port()->QueuedFrames() >= graph.Port()->QueueLimit() - 1) {
+                std::this_thread::sleep_for(std::chrono::microseconds(100));
+            }
             const KivVideoFrame f = H264Frame(stream.units[i], static_cast<int64_t>(i));
             KIV_PushVideoFrame(graph.source, &f);
         }
-        while (graph.Port()->QueuedFrames() > 0) std::this_thread::yield();
+        while (graph.Port()->QueuedFrames() > 0) std::this_thread::sleep_for(std::chrono::microseconds(100));
         KIV_Stop(graph.recorder);
         allocations += g_allocations.load() - before;
         state.PauseTiming();
