@@ -1,6 +1,6 @@
 #include "kiv_color_rows_sse2.h"
 
-#if defined(__SSE2__) || defined(_M_X64)
+#if defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)
 #include <emmintrin.h>
 
 namespace kiv::color {

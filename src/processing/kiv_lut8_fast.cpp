@@ -5,7 +5,7 @@
 #include "kiv_color_math.h"
 #include "kiv_cube_lut.h"
 
-#if defined(__SSE2__) || defined(_M_X64)
+#if defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)
 #include <emmintrin.h>
 #define KIV_LUT8_SSE2 1
 #endif
