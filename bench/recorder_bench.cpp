@@ -143,7 +143,11 @@ void BM_PassThrough1080p(benchmark::State& state) {
             const KivVideoFrame f = H264Frame(stream.units[i], static_cast<int64_t>(i));
             KIV_PushVideoFrame(graph.source, &f);
         }
-        while (graph.Port()->QueuedFrames() > 0) std::this_thread::sleep_for(std::chrono::microseconds(100));
+        // Stop discards what the worker has not taken yet: wait for the last frame.
+        const int64_t total = static_cast<int64_t>(stream.units.size());
+        for (KivRecorderStats s{}; KIV_GetRecorderStats(graph.recorder, &s) == KIV_OK && s.inputFrames < total;) {
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
+        }
         KIV_Stop(graph.recorder);
         allocations += g_allocations.load() - before;
         state.PauseTiming();
