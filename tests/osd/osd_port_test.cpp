@@ -351,13 +351,18 @@ TEST_F(OsdGraphTest, DisconnectWaitsForAFrameInFlight) {
     AddRect(0, 0, 4, 4, 0xFFFFFFFFu);
     Gate gate;
     KIV_SetVideoFrameCallback(overlayMux, Gate::OnFrame, &gate);
-    OwnedFrame in(KIV_PIXEL_FORMAT_RGB32, 8, 8, 0);
-    std::thread producer([&] { KIV_PushVideoFrame(source, &in.frame); });
-    while (!gate.entered) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    // Both helper threads are running before the disconnect starts, so a slow
+    // thread start cannot eat into the disconnect's wait.
+    std::atomic<bool> disconnecting{false};
     std::thread releaser([&] {
+        while (!disconnecting) std::this_thread::sleep_for(std::chrono::milliseconds(1));
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         gate.release = true;
     });
+    OwnedFrame in(KIV_PIXEL_FORMAT_RGB32, 8, 8, 0);
+    std::thread producer([&] { KIV_PushVideoFrame(source, &in.frame); });
+    while (!gate.entered) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    disconnecting = true;
     EXPECT_EQ(KIV_Disconnect(osd, overlayMux), KIV_OK);
     EXPECT_TRUE(gate.finished);
     producer.join();
