@@ -369,6 +369,29 @@ TEST_F(OsdGraphTest, DisconnectWaitsForAFrameInFlight) {
     releaser.join();
 }
 
+// An overlay output that disconnects itself while it receives a frame.
+struct SelfDisconnect {
+    void* osd = nullptr;
+    void* self = nullptr;
+    int frames = 0;
+    static void KIV_CALL OnFrame(const KivVideoFrame*, void* user) {
+        auto* me = static_cast<SelfDisconnect*>(user);
+        me->frames++;
+        KIV_Disconnect(me->osd, me->self);  // its own frame is in progress: gives up waiting
+    }
+};
+
+TEST_F(OsdGraphTest, OutputMayDisconnectItselfDuringDelivery) {
+    AddRect(0, 0, 4, 4, 0xFFFFFFFFu);
+    SelfDisconnect hook{osd, overlayMux};
+    KIV_SetVideoFrameCallback(overlayMux, SelfDisconnect::OnFrame, &hook);
+    OwnedFrame in(KIV_PIXEL_FORMAT_NV12, 8, 8, 0);
+    ASSERT_EQ(KIV_PushVideoFrame(source, &in.frame), KIV_OK);
+    ASSERT_EQ(KIV_PushVideoFrame(source, &in.frame), KIV_OK);
+    EXPECT_EQ(hook.frames, 1);
+    EXPECT_EQ(plain.Count(), 2u);
+}
+
 // Counts rasteriser calls on a port made with a scripted rasteriser.
 TEST(OsdFramePath, NothingIsDrawnWithoutOverlayOutputs) {
     auto calls = std::make_shared<osdtest::FakeRasterizer::Calls>();
