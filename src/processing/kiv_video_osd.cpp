@@ -46,8 +46,8 @@ KivVideoOsd::~KivVideoOsd() {
         items_ = std::make_shared<const ItemList>();
         outputs_ = std::make_shared<const std::vector<KivPortBase*>>();
     }
-    // A frame that was already on its way in finishes against the empty
-    // lists; give it a moment before the canvas goes away.
+    // A frame still inside the port (its upstream was disconnected a moment
+    // ago) finishes on its own snapshots; give it time before the canvas goes.
     for (int i = 0; i < 200 && FramesInProgress() > 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     rasterizer_.reset();  // the last live port shuts GDI+ down here
 }

@@ -43,6 +43,9 @@ private:
     // and swap the pointer, so the frame path takes its snapshot by copying
     // two shared pointers.
     struct ItemList {
+        ItemList() = default;
+        ItemList(const ItemList&) = delete;  // drawOrder points into items
+        ItemList& operator=(const ItemList&) = delete;
         std::vector<kiv::OsdItem> items;
         std::vector<const kiv::OsdItem*> drawOrder;  // visible items, stable by layer
     };
