@@ -20,9 +20,18 @@ void KIV_CALL IgnoreAudio(const KivAudioFrame*, void*) {}
 
 class GraphApi : public ::testing::Test {
 protected:
-    kivtest::LibraryScope library;
+    // One start-up for the suite: on Windows it starts COM and Media
+    // Foundation and enumerates devices, which is slow under emulation.
+    static void SetUpTestSuite() { library_ = new kivtest::LibraryScope(); }
+    static void TearDownTestSuite() {
+        delete library_;
+        library_ = nullptr;
+    }
+    static kivtest::LibraryScope* library_;
     void SetUp() override { g_videoCalls = 0; }
 };
+
+kivtest::LibraryScope* GraphApi::library_ = nullptr;
 
 }  // namespace
 
