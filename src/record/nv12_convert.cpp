@@ -6,63 +6,112 @@ namespace kiv {
 
 namespace {
 
-struct Yuv {
-    int y, cb, cr;
-};
-
 uint8_t ClampByte(int v) { return static_cast<uint8_t>(v < 0 ? 0 : (v > 255 ? 255 : v)); }
 
-Yuv FromRgb(int b, int g, int r) {
-    return {((66 * r + 129 * g + 25 * b + 128) >> 8) + 16, ((-38 * r - 74 * g + 112 * b + 128) >> 8) + 128,
-            ((112 * r - 94 * g - 18 * b + 128) >> 8) + 128};
+int LumaFromRgb(int b, int g, int r) { return ((66 * r + 129 * g + 25 * b + 128) >> 8) + 16; }
+int CbFromRgb(int b, int g, int r) { return ((-38 * r - 74 * g + 112 * b + 128) >> 8) + 128; }
+int CrFromRgb(int b, int g, int r) { return ((112 * r - 94 * g - 18 * b + 128) >> 8) + 128; }
+
+// One source row of each format: the luma of a pixel, and its Cb/Cr.
+struct Yuy2Row {
+    const uint8_t* row;
+    int stride;
+    int Luma(int x) const { return row[2 * x]; }  // Y0 and Y1 sit at bytes 0 and 2 of each 4-byte group
+    // An odd-width row of 2 x width bytes ends in half a group: no Cr there.
+    void Chroma(int x, uint8_t* out) const {
+        const int group = (x / 2) * 4;
+        out[0] = row[group + 1];
+        out[1] = group + 3 < stride ? row[group + 3] : 128;
+    }
+};
+
+struct Nv12Row {
+    const uint8_t* row;
+    const uint8_t* chromaRow;
+    int chromaStride;
+    int Luma(int x) const { return row[x]; }
+    // An odd-width frame whose chroma rows are only `width` bytes has no Cr
+    // for its last column: that one is neutral.
+    void Chroma(int x, uint8_t* out) const {
+        const int even = x & ~1;
+        out[0] = chromaRow[even];
+        out[1] = even + 1 < chromaStride ? chromaRow[even + 1] : 128;
+    }
+};
+
+template <int BytesPerPixel>
+struct RgbRow {
+    const uint8_t* row;  // blue, green, red (and a fourth byte for RGB32)
+    int Luma(int x) const {
+        const uint8_t* p = row + static_cast<size_t>(x) * BytesPerPixel;
+        return LumaFromRgb(p[0], p[1], p[2]);
+    }
+    void Chroma(int x, uint8_t* out) const {
+        const uint8_t* p = row + static_cast<size_t>(x) * BytesPerPixel;
+        out[0] = ClampByte(CbFromRgb(p[0], p[1], p[2]));
+        out[1] = ClampByte(CrFromRgb(p[0], p[1], p[2]));
+    }
+};
+
+struct Source {
+    const uint8_t* plane;
+    int32_t stride;
+    const uint8_t* chroma;  // NV12 only
+    int32_t chromaStride;
+};
+
+Yuy2Row MakeRow(const Source& s, int sy, Yuy2Row*) { return {s.plane + static_cast<size_t>(s.stride) * sy, s.stride}; }
+Nv12Row MakeRow(const Source& s, int sy, Nv12Row*) {
+    return {s.plane + static_cast<size_t>(s.stride) * sy, s.chroma + static_cast<size_t>(s.chromaStride) * (sy / 2),
+            s.chromaStride};
+}
+template <int N>
+RgbRow<N> MakeRow(const Source& s, int sy, RgbRow<N>*) {
+    return {s.plane + static_cast<size_t>(s.stride) * sy};
 }
 
-// Reads one source pixel of a validated frame.
-class PixelReader {
-public:
-    explicit PixelReader(const KivVideoFrame& f) : f_(f) {
-        stride_ = f.strides[0];
-        chroma_ = f.planes[1];
-        chromaStride_ = f.strides[1];
-        if (f.format == KIV_PIXEL_FORMAT_NV12 && !chroma_) {
-            chroma_ = f.planes[0] + static_cast<size_t>(stride_) * static_cast<size_t>(f.height);
-            chromaStride_ = stride_;
-        }
+// Nearest-neighbour scaling: output (x, y) takes source (xmap[x], y * sourceHeight / height).
+// Chroma comes from the top-left pixel of each 2 x 2 block, and only where
+// the plane has a row and a Cr byte for it (odd sizes leave the last
+// row/column out).
+template <class Row, bool kSameWidth>
+void Scale(const Source& src, int32_t sourceHeight, const int32_t* xmap, int32_t width, int32_t height,
+           uint8_t* luma, uint8_t* chroma) {
+    const size_t w = static_cast<size_t>(width);
+    const int32_t chromaRows = height / 2;
+    for (int32_t y = 0; y < height; ++y) {
+        const int sy = static_cast<int>(static_cast<int64_t>(y) * sourceHeight / height);
+        const Row row = MakeRow(src, sy, static_cast<Row*>(nullptr));
+        uint8_t* lumaRow = luma + w * static_cast<size_t>(y);
+        // Without horizontal scaling the row is read straight, which the
+        // compiler can vectorise.
+        for (int32_t x = 0; x < width; ++x) lumaRow[x] = ClampByte(row.Luma(kSameWidth ? x : xmap[x]));
+        if ((y & 1) != 0 || y / 2 >= chromaRows) continue;
+        uint8_t* chromaLine = chroma + w * static_cast<size_t>(y / 2);
+        for (int32_t x = 0; x + 1 < width; x += 2) row.Chroma(kSameWidth ? x : xmap[x], chromaLine + x);
     }
+}
 
-    Yuv At(int x, int y) const {
-        const uint8_t* row = f_.planes[0] + static_cast<size_t>(stride_) * static_cast<size_t>(y);
-        switch (f_.format) {
-            case KIV_PIXEL_FORMAT_YUY2: {
-                const uint8_t* group = row + static_cast<size_t>(x / 2) * 4;
-                return {group[(x & 1) ? 2 : 0], group[1], group[3]};
-            }
-            case KIV_PIXEL_FORMAT_NV12: {
-                const uint8_t* pair =
-                    chroma_ + static_cast<size_t>(chromaStride_) * static_cast<size_t>(y / 2) + static_cast<size_t>(x & ~1);
-                return {row[x], pair[0], pair[1]};
-            }
-            case KIV_PIXEL_FORMAT_RGB24: {
-                const uint8_t* p = row + static_cast<size_t>(x) * 3;
-                return FromRgb(p[0], p[1], p[2]);
-            }
-            default: {
-                const uint8_t* p = row + static_cast<size_t>(x) * 4;
-                return FromRgb(p[0], p[1], p[2]);
-            }
-        }
+template <bool kSameWidth>
+void ScaleFormat(int32_t format, const Source& src, int32_t sourceHeight, const int32_t* xmap, int32_t width,
+                 int32_t height, uint8_t* luma, uint8_t* chroma) {
+    switch (format) {
+        case KIV_PIXEL_FORMAT_YUY2:
+            Scale<Yuy2Row, kSameWidth>(src, sourceHeight, xmap, width, height, luma, chroma);
+            break;
+        case KIV_PIXEL_FORMAT_NV12:
+            Scale<Nv12Row, kSameWidth>(src, sourceHeight, xmap, width, height, luma, chroma);
+            break;
+        case KIV_PIXEL_FORMAT_RGB24:
+            Scale<RgbRow<3>, kSameWidth>(src, sourceHeight, xmap, width, height, luma, chroma);
+            break;
+        default: Scale<RgbRow<4>, kSameWidth>(src, sourceHeight, xmap, width, height, luma, chroma); break;
     }
-
-private:
-    const KivVideoFrame& f_;
-    int32_t stride_;
-    const uint8_t* chroma_;
-    int32_t chromaStride_;
-};
+}
 
 int32_t BytesPerPixelRow(int32_t format, int32_t width) {
     switch (format) {
-        case KIV_PIXEL_FORMAT_YUY2: return ((width + 1) / 2) * 4;
+        case KIV_PIXEL_FORMAT_YUY2: return width * 2;
         case KIV_PIXEL_FORMAT_NV12: return width;
         case KIV_PIXEL_FORMAT_RGB24: return width * 3;
         case KIV_PIXEL_FORMAT_RGB32: return width * 4;
@@ -115,23 +164,22 @@ int32_t ConvertToNv12(const KivVideoFrame& frame, int32_t width, int32_t height,
     Resize(out, Nv12Bytes(width, height));
     uint8_t* luma = out->data();
     uint8_t* chroma = luma + w * static_cast<size_t>(height);
-    const PixelReader reader(frame);
-    for (int32_t y = 0; y < height; ++y) {
-        const int sy = static_cast<int>(static_cast<int64_t>(y) * frame.height / height);
-        // Chroma comes from even rows only, and only where the plane has a
-        // row and a Cr byte for it (odd sizes leave the last row/column out).
-        const bool chromaRow = (y & 1) == 0 && y / 2 < chromaRows;
-        uint8_t* lumaRow = luma + w * static_cast<size_t>(y);
-        uint8_t* chromaLine = chroma + w * static_cast<size_t>(y / 2);
-        for (int32_t x = 0; x < width; ++x) {
-            const int sx = static_cast<int>(static_cast<int64_t>(x) * frame.width / width);
-            const Yuv p = reader.At(sx, sy);
-            lumaRow[x] = ClampByte(p.y);
-            if (chromaRow && (x & 1) == 0 && x + 1 < width) {
-                chromaLine[x] = ClampByte(p.cb);
-                chromaLine[x + 1] = ClampByte(p.cr);
-            }
-        }
+    // Source column of each output column, kept per thread so that a warm
+    // converter allocates nothing.
+    thread_local std::vector<int32_t> xmap;
+    xmap.resize(w);
+    for (int32_t x = 0; x < width; ++x) {
+        xmap[static_cast<size_t>(x)] = static_cast<int32_t>(static_cast<int64_t>(x) * frame.width / width);
+    }
+    Source src{frame.planes[0], frame.strides[0], frame.planes[1], frame.strides[1]};
+    if (frame.format == KIV_PIXEL_FORMAT_NV12 && !src.chroma) {
+        src.chroma = frame.planes[0] + static_cast<size_t>(frame.strides[0]) * static_cast<size_t>(frame.height);
+        src.chromaStride = frame.strides[0];
+    }
+    if (frame.width == width) {
+        ScaleFormat<true>(frame.format, src, frame.height, xmap.data(), width, height, luma, chroma);
+    } else {
+        ScaleFormat<false>(frame.format, src, frame.height, xmap.data(), width, height, luma, chroma);
     }
     return KIV_OK;
 }

@@ -2,6 +2,7 @@
 // split rule, segment names, the pacing grid and NV12 conversion.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <string>
@@ -286,6 +287,60 @@ TEST(Nv12Convert, OddSizesStayInsideTheBufferAndGrowthIsGrey) {
     EXPECT_EQ(out[15 + 4], 128) << "the last odd column has no Cr byte and keeps its initial value";
     EXPECT_EQ(out[0], RefY(0, 0, 255));
     EXPECT_EQ(out[15 + 2], RefCb(0, 0, 255));
+}
+
+// A plain per-pixel reference: nearest-neighbour source pixel, its Y for
+// every output pixel, its Cb/Cr for the top-left pixel of each 2 x 2 block.
+std::vector<uint8_t> ReferenceNv12(const kivtest::OwnedFrame& src, int w, int h) {
+    std::vector<uint8_t> out(static_cast<size_t>(w) * h + static_cast<size_t>(w) * (h / 2), 128);
+    const KivVideoFrame& f = src.frame;
+    for (int y = 0; y < h; ++y) {
+        for (int x = 0; x < w; ++x) {
+            const int sx = x * f.width / w, sy = y * f.height / h;
+            int Y, Cb, Cr;
+            const uint8_t* row = f.planes[0] + sy * f.strides[0];
+            if (f.format == KIV_PIXEL_FORMAT_YUY2) {
+                Y = row[sx * 2];
+                Cb = row[(sx / 2) * 4 + 1];
+                Cr = (sx / 2) * 4 + 3 < f.strides[0] ? row[(sx / 2) * 4 + 3] : 128;  // odd width: no Cr for the last column
+            } else if (f.format == KIV_PIXEL_FORMAT_NV12) {
+                Y = row[sx];
+                const uint8_t* c = f.planes[1] + (sy / 2) * f.strides[1] + (sx / 2) * 2;
+                Cb = c[0];
+                Cr = (sx / 2) * 2 + 1 < f.strides[1] ? c[1] : 128;  // odd width: no Cr for the last column
+            } else {
+                const int bpp = f.format == KIV_PIXEL_FORMAT_RGB24 ? 3 : 4;
+                const uint8_t* p = row + sx * bpp;
+                Y = RefY(p[2], p[1], p[0]);
+                Cb = RefCb(p[2], p[1], p[0]);
+                Cr = RefCr(p[2], p[1], p[0]);
+            }
+            out[static_cast<size_t>(y * w + x)] = static_cast<uint8_t>(std::min(Y, 255));
+            if (y % 2 == 0 && x % 2 == 0 && y / 2 < h / 2 && x + 1 < w) {
+                out[static_cast<size_t>(w * h + (y / 2) * w + x)] = static_cast<uint8_t>(Cb);
+                out[static_cast<size_t>(w * h + (y / 2) * w + x + 1)] = static_cast<uint8_t>(Cr);
+            }
+        }
+    }
+    return out;
+}
+
+TEST(Nv12Convert, MatchesAPlainReferenceForEveryFormatAndScale) {
+    const int32_t formats[] = {KIV_PIXEL_FORMAT_YUY2, KIV_PIXEL_FORMAT_NV12, KIV_PIXEL_FORMAT_RGB24,
+                               KIV_PIXEL_FORMAT_RGB32};
+    const std::array<int, 4> sizes[] = {{16, 8, 16, 8}, {16, 8, 16, 13}, {16, 8, 7, 5}, {10, 6, 33, 17}, {9, 7, 9, 7}};
+    uint32_t seed = 12345;
+    for (int32_t format : formats) {
+        for (const auto& size : sizes) {
+            if (format == KIV_PIXEL_FORMAT_NV12 && size[0] == size[2] && size[1] == size[3]) continue;  // the copy
+            kivtest::OwnedFrame src(format, size[0], size[1]);
+            for (uint8_t& b : src.bytes) b = static_cast<uint8_t>((seed = seed * 1103515245u + 12345u) >> 16);
+            std::vector<uint8_t> out;
+            ASSERT_EQ(kiv::ConvertToNv12(src.frame, size[2], size[3], &out), KIV_OK) << "format " << format;
+            EXPECT_EQ(out, ReferenceNv12(src, size[2], size[3]))
+                << "format " << format << " " << size[0] << "x" << size[1] << " -> " << size[2] << "x" << size[3];
+        }
+    }
 }
 
 TEST(Nv12Convert, BadInput) {
