@@ -82,26 +82,37 @@ void Lut8Fast::ApplyRow(uint8_t* rgbx, int32_t count) const {
         const __m128i zero = _mm_setzero_si128();
         const __m128i round = _mm_set1_epi16(128);
         const bool partial = weight_ < 256;
-        // Strength weights: 256 - s for the input in lanes 0-3, s for the
-        // table's result in lanes 4-7.
-        const __m128i blend = _mm_set_epi16(static_cast<int16_t>(weight_), static_cast<int16_t>(weight_),
-                                            static_cast<int16_t>(weight_), static_cast<int16_t>(weight_),
-                                            static_cast<int16_t>(256 - weight_), static_cast<int16_t>(256 - weight_),
-                                            static_cast<int16_t>(256 - weight_), static_cast<int16_t>(256 - weight_));
-        for (int32_t i = 0; i < count; ++i, rgbx += 4) {
-            const uint32_t r = rgbx[0], g = rgbx[1], b = rgbx[2];
-            const uint32_t* y = redGreenSteps_ + (r * 256 + g) * dim_ + blueIndex_[b];
-            // Lanes 0-3: y0's channels, lanes 4-7: y1's.
+        const __m128i keep = _mm_set1_epi16(static_cast<int16_t>(256 - weight_));
+        const __m128i take = _mm_set1_epi16(static_cast<int16_t>(weight_));
+        // Lanes 0-3 hold y0's channels times (256 - f), lanes 4-7 y1's times f.
+        auto weighted = [&](const uint8_t* px) {
+            const uint32_t* y = redGreenSteps_ + (px[0] * 256u + px[1]) * dim_ + blueIndex_[px[2]];
             const __m128i both = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(y)), zero);
-            const __m128i weighted =
-                _mm_mullo_epi16(both, _mm_loadu_si128(reinterpret_cast<const __m128i*>(blueWeights_[b])));
-            __m128i z = _mm_srli_epi16(_mm_add_epi16(_mm_add_epi16(weighted, _mm_srli_si128(weighted, 8)), round), 8);
+            return _mm_mullo_epi16(both, _mm_loadu_si128(reinterpret_cast<const __m128i*>(blueWeights_[px[2]])));
+        };
+        // Two pixels at a time: lanes 0-3 the first, lanes 4-7 the second.
+        int32_t i = 0;
+        for (; i + 2 <= count; i += 2, rgbx += 8) {
+            const __m128i a = weighted(rgbx);
+            const __m128i b = weighted(rgbx + 4);
+            __m128i z = _mm_add_epi16(_mm_unpacklo_epi64(a, b), _mm_unpackhi_epi64(a, b));
+            z = _mm_srli_epi16(_mm_add_epi16(z, round), 8);
+            if (partial) {
+                const __m128i in = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(rgbx)), zero);
+                z = _mm_add_epi16(_mm_add_epi16(_mm_mullo_epi16(in, keep), _mm_mullo_epi16(z, take)), round);
+                z = _mm_srli_epi16(z, 8);
+            }
+            _mm_storel_epi64(reinterpret_cast<__m128i*>(rgbx), _mm_packus_epi16(z, zero));
+        }
+        if (i < count) {
+            const __m128i a = weighted(rgbx);
+            __m128i z = _mm_srli_epi16(_mm_add_epi16(_mm_add_epi16(a, _mm_srli_si128(a, 8)), round), 8);
             if (partial) {
                 int32_t in;
                 std::memcpy(&in, rgbx, 4);
-                const __m128i pair = _mm_unpacklo_epi64(_mm_unpacklo_epi8(_mm_cvtsi32_si128(in), zero), z);
-                const __m128i mixed = _mm_mullo_epi16(pair, blend);
-                z = _mm_srli_epi16(_mm_add_epi16(_mm_add_epi16(mixed, _mm_srli_si128(mixed, 8)), round), 8);
+                const __m128i pixel = _mm_unpacklo_epi8(_mm_cvtsi32_si128(in), zero);
+                z = _mm_add_epi16(_mm_add_epi16(_mm_mullo_epi16(pixel, keep), _mm_mullo_epi16(z, take)), round);
+                z = _mm_srli_epi16(z, 8);
             }
             const int32_t value = _mm_cvtsi128_si32(_mm_packus_epi16(z, zero));
             std::memcpy(rgbx, &value, 4);
