@@ -1,7 +1,8 @@
-// The 8-bit trilinear table lookup prepared for whole rows: lattice indices
-// and fractions of every input byte are worked out once per frame, so each
-// pixel costs only the corner reads and the interpolation steps of the
-// fixed-point rule (ApplyLut8 in kiv_color_math), with identical results.
+// The 8-bit trilinear table lookup prepared for whole rows, with results
+// identical to the fixed-point rule (ApplyLut8 in kiv_color_math). Lattice
+// indices and fractions of every input byte are worked out once per frame;
+// with SSE2 the table's ready-made red and green steps leave only the blue
+// step and the strength blend per pixel.
 #pragma once
 #include <cstdint>
 
@@ -19,7 +20,7 @@ public:
     // rgbx: `count` pixels of red, green, blue and a fourth byte, changed in
     // place; the fourth byte is left undefined.
     void ApplyRow(uint8_t* rgbx, int32_t count) const;
-    // The plain version, kept as the reference for the vector one.
+    // Without vectors: all three steps per pixel from the table's bytes.
     void ApplyRowScalar(uint8_t* rgbx, int32_t count) const;
 
 private:
