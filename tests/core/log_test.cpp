@@ -3,8 +3,9 @@
 // when the file is truncated or appended to.
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
-#include <regex>
 #include <string>
 #include <thread>
 
@@ -20,8 +21,27 @@ const char kEnabledLine[] = "[LOG] runtime logging enabled, file is recreated fo
 const char kDisabledLine[] = "[LOG] runtime logging disabled.\r\n";
 const char kClosedLine[] = "==== kivcapture log closed ====\r\n";
 
-const std::regex kHeader(R"(==== kivcapture log started (\d{4})-(\d{2})-(\d{2}) (\d{2}):(\d{2}):(\d{2}) pid=(\d+) ====\r\n)");
-const std::regex kMessagePrefix(R"(\[(\d{2}):(\d{2}):(\d{2})\.(\d{3})\]\[tid=(\d+)\]\[([^:\]]*):(-?\d+)\] )");
+struct HeaderLine {
+    unsigned year = 0, month = 0, day = 0;
+    unsigned long pid = 0;
+};
+
+// Lines are read back with sscanf and written again with the documented
+// format; a line matches only if both spellings agree byte for byte (so zero
+// padding, separators and the CRLF ending are all checked).
+bool ParseHeader(const std::string& raw, HeaderLine* out = nullptr) {
+    unsigned y, mo, d, h, mi, se;
+    unsigned long pid;
+    if (std::sscanf(raw.c_str(), "==== kivcapture log started %4u-%2u-%2u %2u:%2u:%2u pid=%lu ====", &y, &mo, &d, &h,
+                    &mi, &se, &pid) != 7)
+        return false;
+    char again[128];
+    std::snprintf(again, sizeof(again), "==== kivcapture log started %04u-%02u-%02u %02u:%02u:%02u pid=%lu ====\r\n",
+                  y, mo, d, h, mi, se, pid);
+    if (raw != again || mo < 1 || mo > 12 || d < 1 || d > 31 || h > 23 || mi > 59 || se > 60) return false;
+    if (out) *out = HeaderLine{y, mo, d, pid};
+    return true;
+}
 
 struct MessageLine {
     unsigned long tid = 0;
@@ -30,21 +50,28 @@ struct MessageLine {
     std::string text;
 };
 
-// The prefix is matched with a regex; the text (up to 2047 characters) is
-// compared as a plain string.
 bool ParseMessage(const std::string& raw, MessageLine* out) {
-    const size_t textStart = raw.find("] ");
-    if (textStart == std::string::npos || raw.size() < textStart + 4) return false;
+    unsigned h, mi, se, ms;
+    unsigned long tid;
+    int fileStart = -1;
+    if (std::sscanf(raw.c_str(), "[%2u:%2u:%2u.%3u][tid=%lu][%n", &h, &mi, &se, &ms, &tid, &fileStart) != 5 ||
+        fileStart < 0)
+        return false;
+    const size_t close = raw.find("] ", static_cast<size_t>(fileStart));
+    if (close == std::string::npos || raw.size() < close + 4) return false;
     if (raw.compare(raw.size() - 2, 2, "\r\n") != 0) return false;
-    const std::string prefix = raw.substr(0, textStart + 2);
-    std::smatch m;
-    if (!std::regex_match(prefix, m, kMessagePrefix)) return false;
-    if (std::stoi(m[1]) > 23 || std::stoi(m[2]) > 59 || std::stoi(m[3]) > 60) return false;
-    out->tid = std::stoul(m[5]);
-    out->file = m[6];
-    out->line = std::stoi(m[7]);
-    out->text = raw.substr(textStart + 2, raw.size() - textStart - 4);
-    return true;
+    const std::string fileAndLine = raw.substr(static_cast<size_t>(fileStart), close - static_cast<size_t>(fileStart));
+    const size_t colon = fileAndLine.rfind(':');
+    if (colon == std::string::npos) return false;
+    out->tid = tid;
+    out->file = fileAndLine.substr(0, colon);
+    out->line = std::atoi(fileAndLine.c_str() + colon + 1);
+    out->text = raw.substr(close + 2, raw.size() - close - 4);
+
+    char again[256];
+    std::snprintf(again, sizeof(again), "[%02u:%02u:%02u.%03u][tid=%lu][%s:%d] ", h, mi, se, ms, tid,
+                  out->file.c_str(), out->line);
+    return raw.compare(0, close + 2, again) == 0 && h <= 23 && mi <= 59 && se <= 60 && ms <= 999;
 }
 
 // Messages of the log in order, skipping header and service lines.
@@ -80,11 +107,10 @@ TEST_F(LogTest, FileBesideExecutableStartsWithHeaderAndEnabledLine) {
     ASSERT_TRUE(LogExists()) << ExpectedLogPath();
     const std::vector<std::string> lines = LogLines();
     ASSERT_EQ(lines.size(), 2u);
-    std::smatch m;
-    ASSERT_TRUE(std::regex_match(lines[0], m, kHeader)) << lines[0];
-    EXPECT_GE(std::stoi(m[1]), 2020);
-    EXPECT_LE(std::stoi(m[2]), 12);
-    EXPECT_EQ(std::stoul(m[7]), OsProcessId());
+    HeaderLine header;
+    ASSERT_TRUE(ParseHeader(lines[0], &header)) << lines[0];
+    EXPECT_GE(header.year, 2020u);
+    EXPECT_EQ(header.pid, OsProcessId());
     EXPECT_EQ(lines[1], kEnabledLine);
 }
 
@@ -211,11 +237,11 @@ TEST_F(LogTest, AfterShutdownLoggingStaysOnAndAppends) {
 
     const std::vector<std::string> lines = LogLines();
     ASSERT_GE(lines.size(), 4u);
-    EXPECT_TRUE(std::regex_match(lines[0], kHeader));
+    EXPECT_TRUE(ParseHeader(lines[0]));
     // closed line, then the header of the reopened file, then the message
     const size_t n = lines.size();
     EXPECT_EQ(lines[n - 3], kClosedLine);
-    EXPECT_TRUE(std::regex_match(lines[n - 2], kHeader)) << lines[n - 2];
+    EXPECT_TRUE(ParseHeader(lines[n - 2])) << lines[n - 2];
     MessageLine last;
     ASSERT_TRUE(ParseMessage(lines[n - 1], &last));
     EXPECT_EQ(last.text, "after shutdown");
