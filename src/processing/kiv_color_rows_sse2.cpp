@@ -160,60 +160,61 @@ int32_t BgraRowToRgbx(const uint8_t* bgra, int32_t pixels, uint8_t* rgbx) {
 }
 
 int32_t RgbxRowToYuy2(const uint8_t* rgbx, int32_t pixels, int32_t cs, int32_t range, uint8_t* yuy2) {
-    // Weights of the 8-bit RGB-to-YUV rule; Y = ((yr R + yg G + yb B + 128) >> 8) + yOffset.
+    // Weights of the 8-bit RGB-to-YUV rule: Y = ((yr R + yg G + yb B + 128) >> 8) + yOffset,
+    // U = ((ur R + ug G + ub B + 128) >> 8) + 128, V likewise.
     const bool bt601 = cs == 1;
-    int16_t yr, yg, yb, ur, ug, ub, vr, vg, vb;
-    int32_t yOffset;
+    int16_t yr, yg, yb, ur, ug, ub, vr, vg, vb, yOffset;
     if (range == 1) {
         yOffset = 0;
-        if (bt601) yr = 77, yg = 150, yb = 29, ur = -43, ug = -85, ub = 128, vr = 128, vg = -107, vb = -21;
-        else yr = 54, yg = 183, yb = 18, ur = -29, ug = -99, ub = 128, vr = 128, vg = -116, vb = -12;
+        if (bt601) {
+            yr = 77, yg = 150, yb = 29, ur = -43, ug = -85, ub = 128, vr = 128, vg = -107, vb = -21;
+        } else {
+            yr = 54, yg = 183, yb = 18, ur = -29, ug = -99, ub = 128, vr = 128, vg = -116, vb = -12;
+        }
     } else {
         yOffset = 16;
-        if (bt601) yr = 66, yg = 129, yb = 25, ur = -38, ug = -74, ub = 112, vr = 112, vg = -94, vb = -18;
-        else yr = 47, yg = 157, yb = 16, ur = -26, ug = -87, ub = 112, vr = 112, vg = -102, vb = -10;
+        if (bt601) {
+            yr = 66, yg = 129, yb = 25, ur = -38, ug = -74, ub = 112, vr = 112, vg = -94, vb = -18;
+        } else {
+            yr = 47, yg = 157, yb = 16, ur = -26, ug = -87, ub = 112, vr = 112, vg = -102, vb = -10;
+        }
     }
+    const __m128i low = _mm_set1_epi32(0xFF);
     const __m128i zero = _mm_setzero_si128();
-    const __m128i rgY = Pair(yr, yg), bY = Pair(yb, 128);
-    const __m128i rgU = Pair(ur, ug), bU = Pair(ub, 128);
-    const __m128i rgV = Pair(vr, vg), bV = Pair(vb, 128);
-    const __m128i one = _mm_set1_epi32(1);  // the "x 128" partner of blue
-    const __m128i yAdd = _mm_set1_epi32(yOffset), cAdd = _mm_set1_epi32(128);
     const __m128i max255 = _mm_set1_epi16(255);
+    // Y's weights are positive and sum to at most 256, so Y's sum fits an
+    // unsigned 16-bit lane. U's and V's weighted sums lie within +-32640 and
+    // fit a signed lane; (x + 128) >> 8 is taken as ((x >> 1) + 64) >> 7, which
+    // is the same floor without the sum leaving the lane.
+    auto weighted = [](__m128i r, __m128i g, __m128i b, int16_t wr, int16_t wg, int16_t wb) {
+        return _mm_add_epi16(_mm_add_epi16(_mm_mullo_epi16(r, _mm_set1_epi16(wr)), _mm_mullo_epi16(g, _mm_set1_epi16(wg))),
+                             _mm_mullo_epi16(b, _mm_set1_epi16(wb)));
+    };
+    auto chroma = [&](__m128i sum) {
+        const __m128i c = _mm_srai_epi16(_mm_add_epi16(_mm_srai_epi16(sum, 1), _mm_set1_epi16(64)), 7);
+        return _mm_max_epi16(_mm_min_epi16(_mm_add_epi16(c, _mm_set1_epi16(128)), max255), zero);
+    };
     int32_t x = 0;
-    for (; x + 4 <= pixels; x += 4) {
-        // Four pixels R G B x as 16-bit lanes, then (R, G) and (B, 1) pairs.
-        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(rgbx + x * 4));
-        const __m128i lo = _mm_unpacklo_epi8(v, zero);  // pixels 0, 1
-        const __m128i hi = _mm_unpackhi_epi8(v, zero);  // pixels 2, 3
-        // R G pairs in 32-bit lanes: shuffle 16-bit lanes r g b x r g b x.
-        const __m128i rg = _mm_castps_si128(_mm_shuffle_ps(_mm_castsi128_ps(lo), _mm_castsi128_ps(hi), _MM_SHUFFLE(2, 0, 2, 0)));
-        const __m128i bx = _mm_castps_si128(_mm_shuffle_ps(_mm_castsi128_ps(lo), _mm_castsi128_ps(hi), _MM_SHUFFLE(3, 1, 3, 1)));
-        // Replace x with 1 so the pair's second weight adds the rounding 128.
-        const __m128i b1 = _mm_or_si128(_mm_and_si128(bx, _mm_set1_epi32(0xFFFF)), _mm_slli_epi32(one, 16));
-        const __m128i y = _mm_add_epi32(_mm_srai_epi32(_mm_add_epi32(_mm_madd_epi16(rg, rgY), _mm_madd_epi16(b1, bY)), 8), yAdd);
-        const __m128i u = _mm_add_epi32(_mm_srai_epi32(_mm_add_epi32(_mm_madd_epi16(rg, rgU), _mm_madd_epi16(b1, bU)), 8), cAdd);
-        const __m128i w = _mm_add_epi32(_mm_srai_epi32(_mm_add_epi32(_mm_madd_epi16(rg, rgV), _mm_madd_epi16(b1, bV)), 8), cAdd);
-        // Clamp each pixel to 0..255 before averaging the pairs' chroma.
-        const __m128i y16 = _mm_max_epi16(_mm_min_epi16(_mm_packs_epi32(y, y), max255), zero);
-        const __m128i uv16 = _mm_max_epi16(_mm_min_epi16(_mm_packs_epi32(u, w), max255), zero);  // u0..u3 v0..v3
-        // Pair sums: lanes (u0 + u1, u2 + u3, v0 + v1, v2 + v3).
-        const __m128i sums = _mm_madd_epi16(uv16, _mm_set1_epi16(1));
-        const __m128i avg = _mm_srli_epi32(_mm_add_epi32(sums, one), 1);  // u01 u23 v01 v23
-        // Groups Y0 U Y1 V: 16-bit lanes y0 u01 y1 v01 y2 u23 y3 v23.
-        const __m128i uAvg = _mm_shuffle_epi32(avg, _MM_SHUFFLE(1, 1, 0, 0));  // u01 u01 u23 u23
-        const __m128i vAvg = _mm_shuffle_epi32(avg, _MM_SHUFFLE(3, 3, 2, 2));  // v01 v01 v23 v23
-        // Lanes (y_even | u << 16) and (y_odd | v << 16) for each pair.
-        const __m128i y32 = _mm_unpacklo_epi16(y16, zero);                       // y0 y1 y2 y3
-        const __m128i yEven = _mm_shuffle_epi32(y32, _MM_SHUFFLE(2, 2, 0, 0));  // y0 y0 y2 y2
-        const __m128i yOdd = _mm_shuffle_epi32(y32, _MM_SHUFFLE(3, 3, 1, 1));   // y1 y1 y3 y3
-        const __m128i first = _mm_or_si128(yEven, _mm_slli_epi32(uAvg, 16));    // (y0,u01) x2, (y2,u23) x2
-        const __m128i second = _mm_or_si128(yOdd, _mm_slli_epi32(vAvg, 16));    // (y1,v01) x2, (y3,v23) x2
-        // Interleave: (y0,u01) (y1,v01) (y2,u23) (y3,v23).
-        const __m128i groups = _mm_unpacklo_epi32(_mm_shuffle_epi32(first, _MM_SHUFFLE(3, 3, 2, 0)),
-                                                  _mm_shuffle_epi32(second, _MM_SHUFFLE(3, 3, 2, 0)));
-        const __m128i bytes = _mm_packus_epi16(groups, zero);
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(yuy2 + x * 2), bytes);
+    for (; x + 8 <= pixels; x += 8) {
+        const __m128i p0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(rgbx + x * 4));
+        const __m128i p1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(rgbx + x * 4 + 16));
+        // Red, green and blue of the eight pixels in 16-bit lanes.
+        const __m128i r = _mm_packs_epi32(_mm_and_si128(p0, low), _mm_and_si128(p1, low));
+        const __m128i g = _mm_packs_epi32(_mm_and_si128(_mm_srli_epi32(p0, 8), low), _mm_and_si128(_mm_srli_epi32(p1, 8), low));
+        const __m128i b = _mm_packs_epi32(_mm_and_si128(_mm_srli_epi32(p0, 16), low), _mm_and_si128(_mm_srli_epi32(p1, 16), low));
+        const __m128i y = _mm_add_epi16(_mm_srli_epi16(_mm_add_epi16(weighted(r, g, b, yr, yg, yb), _mm_set1_epi16(128)), 8),
+                                        _mm_set1_epi16(yOffset));
+        const __m128i u = chroma(weighted(r, g, b, ur, ug, ub));
+        const __m128i v = chroma(weighted(r, g, b, vr, vg, vb));
+        // Each pair's rounded chroma average lands in its even lane.
+        const __m128i uPair = _mm_and_si128(_mm_avg_epu16(u, _mm_srli_epi32(u, 16)), low);
+        const __m128i vPair = _mm_and_si128(_mm_avg_epu16(v, _mm_srli_epi32(v, 16)), low);
+        // Per pair as 32 bits: Y0 | U << 8 | Y1 << 16 | V << 24.
+        const __m128i yEven = _mm_and_si128(y, low);
+        const __m128i yOdd = _mm_srli_epi32(y, 16);
+        const __m128i groups = _mm_or_si128(_mm_or_si128(yEven, _mm_slli_epi32(uPair, 8)),
+                                            _mm_or_si128(_mm_slli_epi32(yOdd, 16), _mm_slli_epi32(vPair, 24)));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(yuy2 + x * 2), groups);
     }
     return x;
 }
