@@ -225,7 +225,10 @@ void ConvertToYuy2(const FrameJob& job, uint8_t* out) {
     for (int32_t row = 0; row < h; ++row) {
         if (f.format == KIV_PIXEL_FORMAT_NV12) {
             // NV12 input is brought to RGB through the float conversion.
-            for (int32_t x = 0; x < w; ++x) {
+            const uint8_t* uv = src.chroma + src.chromaStride * (row / 2);
+            const int32_t done =
+                Nv12RowToRgbxViaFloat(src.plane0 + src.stride0 * row, uv, w & ~1, job.cs, job.range, rgb);
+            for (int32_t x = done; x < w; ++x) {
                 float px[3] = {0.0f, 0.0f, 0.0f};
                 ReadPixelFloatAt(job, src, x, row, px);
                 for (int c = 0; c < 3; ++c) rgb[x * 4 + c] = FloatToByte(px[c]);

@@ -13,14 +13,15 @@ int Clamp255(int v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
 float Clamp01(float v) { return v > 0.0f ? (v < 1.0f ? v : 1.0f) : 0.0f; }  // NaN becomes 0
 int Lerp8(int a, int b, int f) { return a + (((b - a) * f + 128) >> 8); }
 
-struct FloatYuvToRgb {
-    float a, b, c, d;
-};
+}  // namespace
+
 FloatYuvToRgb FloatDecodeCoefficients(int32_t cs) {
     if (cs == 2) return {1.5748f, 0.187324f, 0.468124f, 1.8556f};
     if (cs == 3) return {1.4746f, 0.16455f, 0.57135f, 1.8814f};
     return {1.402f, 0.344136f, 0.714136f, 1.772f};
 }
+
+namespace {
 
 struct FloatRgbToYuv {
     float kr, kg, kb;

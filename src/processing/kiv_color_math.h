@@ -19,7 +19,12 @@ int32_t ResolveRange(int32_t range);
 void YuvToRgb8(int y, int u, int v, int32_t cs, int32_t range, uint8_t rgb[3]);
 void RgbToYuv8(const uint8_t rgb[3], int32_t cs, int32_t range, uint8_t yuv[3]);
 
-// Float conversions with BT.601, BT.709 and BT.2020 coefficients.
+// Float conversions with BT.601, BT.709 and BT.2020 coefficients:
+// R = Y + a Cr, G = Y - b Cb - c Cr, B = Y + d Cb.
+struct FloatYuvToRgb {
+    float a, b, c, d;
+};
+FloatYuvToRgb FloatDecodeCoefficients(int32_t cs);
 void YuvToRgbFloat(int y, int u, int v, int32_t cs, int32_t range, float rgb[3]);
 void RgbToYuvFloat(const float rgb[3], int32_t cs, int32_t range, uint8_t yuv[3]);
 

@@ -1,5 +1,9 @@
 #include "kiv_color_rows_sse2.h"
 
+#include "kiv_color_math.h"
+
+#include <cstring>
+
 #if defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)
 #include <emmintrin.h>
 
@@ -132,6 +136,41 @@ int32_t Nv12RowToRgbx(const uint8_t* luma, const uint8_t* uv, int32_t pixels, in
     return x;
 }
 
+int32_t Nv12RowToRgbxViaFloat(const uint8_t* luma, const uint8_t* uv, int32_t pixels, int32_t cs, int32_t range,
+                              uint8_t* rgbx) {
+    const FloatYuvToRgb k = FloatDecodeCoefficients(cs);
+    const bool full = range == 1;
+    const __m128i yBias = _mm_set1_epi32(full ? 0 : 16);
+    const __m128i cBias = _mm_set1_epi32(128);
+    const __m128 yScale = _mm_set1_ps(full ? 255.0f : 219.0f);
+    const __m128 cScale = _mm_set1_ps(full ? 255.0f : 224.0f);
+    const __m128 a = _mm_set1_ps(k.a), b = _mm_set1_ps(k.b), c = _mm_set1_ps(k.c), d = _mm_set1_ps(k.d);
+    const __m128 zero = _mm_setzero_ps(), one = _mm_set1_ps(1.0f);
+    const __m128 byteScale = _mm_set1_ps(255.0f), half = _mm_set1_ps(0.5f);
+    const __m128i zeroI = _mm_setzero_si128();
+    auto clamp01 = [&](__m128 v) { return _mm_min_ps(_mm_max_ps(v, zero), one); };
+    auto toByte = [&](__m128 v) { return _mm_cvttps_epi32(_mm_add_ps(_mm_mul_ps(v, byteScale), half)); };
+    int32_t x = 0;
+    for (; x + 4 <= pixels; x += 4) {
+        int32_t lumaBytes, chromaBytes;
+        std::memcpy(&lumaBytes, luma + x, 4);
+        std::memcpy(&chromaBytes, uv + x, 4);
+        const __m128i y = _mm_unpacklo_epi16(_mm_unpacklo_epi8(_mm_cvtsi32_si128(lumaBytes), zeroI), zeroI);
+        const __m128i uvLanes = _mm_unpacklo_epi16(_mm_unpacklo_epi8(_mm_cvtsi32_si128(chromaBytes), zeroI), zeroI);
+        const __m128i u = _mm_shuffle_epi32(uvLanes, _MM_SHUFFLE(2, 2, 0, 0));
+        const __m128i v = _mm_shuffle_epi32(uvLanes, _MM_SHUFFLE(3, 3, 1, 1));
+        const __m128 yn = clamp01(_mm_div_ps(_mm_cvtepi32_ps(_mm_sub_epi32(y, yBias)), yScale));
+        const __m128 cb = _mm_div_ps(_mm_cvtepi32_ps(_mm_sub_epi32(u, cBias)), cScale);
+        const __m128 cr = _mm_div_ps(_mm_cvtepi32_ps(_mm_sub_epi32(v, cBias)), cScale);
+        const __m128i r = toByte(clamp01(_mm_add_ps(yn, _mm_mul_ps(a, cr))));
+        const __m128i g = toByte(clamp01(_mm_sub_ps(_mm_sub_ps(yn, _mm_mul_ps(b, cb)), _mm_mul_ps(c, cr))));
+        const __m128i bl = toByte(clamp01(_mm_add_ps(yn, _mm_mul_ps(d, cb))));
+        const __m128i packed = _mm_or_si128(_mm_or_si128(r, _mm_slli_epi32(g, 8)), _mm_slli_epi32(bl, 16));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(rgbx + x * 4), packed);
+    }
+    return x;
+}
+
 int32_t RgbxRowToBgra(const uint8_t* rgbx, int32_t pixels, uint8_t* bgra) {
     const __m128i green = _mm_set1_epi32(0x0000FF00);
     const __m128i low = _mm_set1_epi32(0x000000FF);
@@ -226,6 +265,7 @@ int32_t RgbxRowToYuy2(const uint8_t* rgbx, int32_t pixels, int32_t cs, int32_t r
 namespace kiv::color {
 int32_t Yuy2RowToRgbx(const uint8_t*, int32_t, int32_t, int32_t, uint8_t*) { return 0; }
 int32_t Nv12RowToRgbx(const uint8_t*, const uint8_t*, int32_t, int32_t, int32_t, uint8_t*) { return 0; }
+int32_t Nv12RowToRgbxViaFloat(const uint8_t*, const uint8_t*, int32_t, int32_t, int32_t, uint8_t*) { return 0; }
 int32_t RgbxRowToBgra(const uint8_t*, int32_t, uint8_t*) { return 0; }
 int32_t BgraRowToRgbx(const uint8_t*, int32_t, uint8_t*) { return 0; }
 int32_t RgbxRowToYuy2(const uint8_t*, int32_t, int32_t, int32_t, uint8_t*) { return 0; }

@@ -12,6 +12,11 @@ int32_t Yuy2RowToRgbx(const uint8_t* yuy2, int32_t pixels, int32_t cs, int32_t r
 // NV12 luma row and its chroma row (U, V pairs) to red, green, blue, x.
 int32_t Nv12RowToRgbx(const uint8_t* luma, const uint8_t* uv, int32_t pixels, int32_t cs, int32_t range,
                       uint8_t* rgbx);
+// NV12 through the float conversion (YuvToRgbFloat), each channel then
+// clamped and scaled as FloatToByte does, to red, green, blue, x. The same
+// single-precision operations in the same order, so the same bytes.
+int32_t Nv12RowToRgbxViaFloat(const uint8_t* luma, const uint8_t* uv, int32_t pixels, int32_t cs, int32_t range,
+                              uint8_t* rgbx);
 // Red, green, blue, x to blue, green, red, 255.
 int32_t RgbxRowToBgra(const uint8_t* rgbx, int32_t pixels, uint8_t* bgra);
 // Blue, green, red, a to red, green, blue, x.

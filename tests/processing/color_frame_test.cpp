@@ -158,6 +158,44 @@ TEST_F(ColorFrameTest, SaturatedColoursMatchTheReference) {
     }
 }
 
+TEST_F(ColorFrameTest, Nv12ThroughTheFloatReaderIsExactOverTheYuvCube) {
+    // Every luma value against a grid of chroma pairs, one pair per two rows.
+    const int w = 256;
+    std::vector<std::pair<int, int>> chroma;
+    for (int u = 0; u < 256; u += 5)
+        for (int v = 0; v < 256; v += 5) chroma.emplace_back(u, v);
+    chroma.emplace_back(255, 255);
+    const int h = static_cast<int>(chroma.size()) * 2;
+    std::vector<uint8_t> luma(static_cast<size_t>(w) * h), uv(static_cast<size_t>(w) * h / 2);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) luma[static_cast<size_t>(y) * w + x] = static_cast<uint8_t>(x);
+    for (size_t row = 0; row < chroma.size(); ++row)
+        for (int x = 0; x < w; x += 2) {
+            uv[row * w + x] = static_cast<uint8_t>(chroma[row].first);
+            uv[row * w + x + 1] = static_cast<uint8_t>(chroma[row].second);
+        }
+    KivVideoFrame in{};
+    in.planes[0] = luma.data();
+    in.planes[1] = uv.data();
+    in.strides[0] = w;
+    in.strides[1] = w;
+    in.width = w;
+    in.height = h;
+    in.format = KIV_PIXEL_FORMAT_NV12;
+    in.timestamp = 777;
+    in.frameIndex = 9;
+    for (int cs : {1, 2, 3}) {
+        for (int range : {1, 2}) {
+            SCOPED_TRACE(testing::Message() << "cs " << cs << " range " << range);
+            KivVideoColorEngineConfig config{0, 0, KIV_PIXEL_FORMAT_YUY2, cs, range, 1.0f};
+            ASSERT_EQ(KIV_SetVideoColorEngineConfig(handle, &config), KIV_OK);
+            ASSERT_EQ(static_cast<KivPortBase*>(handle)->OnVideoFrame(&in), KIV_OK);
+            ExpectMatchesReference(catcher->frames.back(), in, KIV_PIXEL_FORMAT_YUY2, cs, range, nullptr, 1.0f);
+            catcher->frames.clear();
+        }
+    }
+}
+
 TEST_F(ColorFrameTest, LargeFramesMatchTheReference) {
     // Wide rows exercise the vector paths and their tails.
     std::mt19937 rng(2);
