@@ -144,7 +144,9 @@ uint8_t* Scratch(const FrameJob& job, size_t bytes) {
 
 namespace {
 
-bool ReadPixelFloatAt(const FrameJob& job, const SourceLayout& src, int32_t x, int32_t y, float rgb[3]) {
+// The three bytes the float reader works from at (x, y): red, green, blue for
+// RGB input, or Y, U and the V in use for YUV input.
+bool PixelBytes(const FrameJob& job, const SourceLayout& src, int32_t x, int32_t y, uint8_t in[3]) {
     const KivVideoFrame& f = *job.in;
     if (!f.planes[0] || x < 0 || y < 0 || x >= f.width || y >= f.height) return false;
     const uint8_t* line = src.plane0 + src.stride0 * y;
@@ -152,27 +154,43 @@ bool ReadPixelFloatAt(const FrameJob& job, const SourceLayout& src, int32_t x, i
         case KIV_PIXEL_FORMAT_RGB24:
         case KIV_PIXEL_FORMAT_RGB32: {
             const uint8_t* p = line + x * (f.format == KIV_PIXEL_FORMAT_RGB24 ? 3 : 4);
-            rgb[0] = p[2] / 255.0f;
-            rgb[1] = p[1] / 255.0f;
-            rgb[2] = p[0] / 255.0f;
+            in[0] = p[2];
+            in[1] = p[1];
+            in[2] = p[0];
             return true;
         }
         case KIV_PIXEL_FORMAT_YUY2: {
             const uint8_t* group = line + (x / 2) * 4;
-            const int luma = (x & 1) ? group[2] : group[0];
-            const int u = group[1];
+            in[0] = (x & 1) ? group[2] : group[0];
+            in[1] = group[1];
             // An unpaired last pixel of an odd-width row has no V of its own.
-            const int v = ((x & 1) == 0 && x == f.width - 1 && (f.width & 1)) ? u : group[3];
-            YuvToRgbFloat(luma, u, v, job.cs, job.range, rgb);
+            in[2] = ((x & 1) == 0 && x == f.width - 1 && (f.width & 1)) ? group[1] : group[3];
             return true;
         }
         case KIV_PIXEL_FORMAT_NV12: {
             const uint8_t* uv = src.chroma + src.chromaStride * (y / 2) + (x & ~1);
-            YuvToRgbFloat(line[x], uv[0], uv[1], job.cs, job.range, rgb);
+            in[0] = line[x];
+            in[1] = uv[0];
+            in[2] = uv[1];
             return true;
         }
         default: return false;
     }
+}
+
+void BytesToFloat(const FrameJob& job, const uint8_t in[3], float rgb[3]) {
+    if (job.in->format == KIV_PIXEL_FORMAT_RGB24 || job.in->format == KIV_PIXEL_FORMAT_RGB32) {
+        for (int c = 0; c < 3; ++c) rgb[c] = in[c] / 255.0f;
+    } else {
+        YuvToRgbFloat(in[0], in[1], in[2], job.cs, job.range, rgb);
+    }
+}
+
+bool ReadPixelFloatAt(const FrameJob& job, const SourceLayout& src, int32_t x, int32_t y, float rgb[3]) {
+    uint8_t in[3];
+    if (!PixelBytes(job, src, x, y, in)) return false;
+    BytesToFloat(job, in, rgb);
+    return true;
 }
 
 }  // namespace
@@ -258,25 +276,56 @@ void ConvertToNv12(const FrameJob& job, uint8_t* luma, uint8_t* chroma) {
     const KivVideoFrame& f = *job.in;
     const int32_t w = f.width, h = f.height;
     const size_t cw = static_cast<size_t>((w + 1) & ~1);
-    // Each pixel's conversion is a pure function of the pixel, so evaluating
-    // it once and keeping its U and V for the block average gives the same
-    // bytes as evaluating the block's pixels again.
     const SourceLayout src = Layout(f);
-    uint8_t* uv = Scratch(job, static_cast<size_t>(w) * 4);
+    const bool rgbInput = f.format == KIV_PIXEL_FORMAT_RGB24 || f.format == KIV_PIXEL_FORMAT_RGB32;
+    // Row buffers, planar: the input bytes, the float colour, and the U and V
+    // of two rows. Each pixel's conversion is a pure function of the pixel,
+    // so evaluating it once and keeping its U and V for the block average
+    // gives the same bytes as evaluating the block's pixels again.
+    const size_t n = (static_cast<size_t>(w) + 3) & ~size_t{3};
+    uint8_t* base = Scratch(job, n * (3 + 4 + 3 * sizeof(float)));
+    uint8_t* in[3] = {base, base + n, base + 2 * n};
+    uint8_t* uv[2][2] = {{base + 3 * n, base + 4 * n}, {base + 5 * n, base + 6 * n}};
+    float* rgb[3];
+    for (int c = 0; c < 3; ++c) rgb[c] = reinterpret_cast<float*>(base + 7 * n) + c * n;
     for (int32_t by = 0; by < h; by += 2) {
         const int32_t rows = by + 1 < h ? 2 : 1;
         for (int32_t dy = 0; dy < rows; ++dy) {
-            uint8_t* lumaRow = luma + static_cast<size_t>(by + dy) * static_cast<size_t>(w);
-            uint8_t* uvRow = uv + static_cast<size_t>(dy) * static_cast<size_t>(w) * 2;
+            const int32_t y = by + dy;
             for (int32_t x = 0; x < w; ++x) {
-                float rgb[3] = {0.0f, 0.0f, 0.0f};
-                ReadPixelFloatAt(job, src, x, by + dy, rgb);
-                if (job.lut) ApplyLutFloat(*job.lut, job.strength, rgb);
+                uint8_t px[3];
+                PixelBytes(job, src, x, y, px);
+                in[0][x] = px[0];
+                in[1][x] = px[1];
+                in[2][x] = px[2];
+            }
+            int32_t x = rgbInput ? 0 : YuvBytesToFloatRow(in[0], in[1], in[2], w, job.cs, job.range, rgb[0], rgb[1], rgb[2]);
+            for (; x < w; ++x) {
+                const uint8_t px[3] = {in[0][x], in[1][x], in[2][x]};
+                float out[3];
+                BytesToFloat(job, px, out);
+                rgb[0][x] = out[0];
+                rgb[1][x] = out[1];
+                rgb[2][x] = out[2];
+            }
+            if (job.lut) {
+                for (x = 0; x < w; ++x) {
+                    float c[3] = {rgb[0][x], rgb[1][x], rgb[2][x]};
+                    ApplyLutFloat(*job.lut, job.strength, c);
+                    rgb[0][x] = c[0];
+                    rgb[1][x] = c[1];
+                    rgb[2][x] = c[2];
+                }
+            }
+            uint8_t* lumaRow = luma + static_cast<size_t>(y) * static_cast<size_t>(w);
+            x = FloatRowToYuvBytes(rgb[0], rgb[1], rgb[2], w, job.cs, job.range, lumaRow, uv[dy][0], uv[dy][1]);
+            for (; x < w; ++x) {
+                const float c[3] = {rgb[0][x], rgb[1][x], rgb[2][x]};
                 uint8_t yuv[3];
-                RgbToYuvFloat(rgb, job.cs, job.range, yuv);
+                RgbToYuvFloat(c, job.cs, job.range, yuv);
                 lumaRow[x] = yuv[0];
-                uvRow[x * 2] = yuv[1];
-                uvRow[x * 2 + 1] = yuv[2];
+                uv[dy][0][x] = yuv[1];
+                uv[dy][1][x] = yuv[2];
             }
         }
         uint8_t* dst = chroma + cw * static_cast<size_t>(by / 2);
@@ -284,9 +333,8 @@ void ConvertToNv12(const FrameJob& job, uint8_t* luma, uint8_t* chroma) {
             int sumU = 0, sumV = 0, count = 0;
             for (int32_t dy = 0; dy < rows; ++dy) {
                 for (int32_t dx = 0; dx < 2 && bx + dx < w; ++dx) {
-                    const uint8_t* p = uv + static_cast<size_t>(dy) * static_cast<size_t>(w) * 2 + (bx + dx) * 2;
-                    sumU += p[0];
-                    sumV += p[1];
+                    sumU += uv[dy][0][bx + dx];
+                    sumV += uv[dy][1][bx + dx];
                     ++count;
                 }
             }

@@ -21,18 +21,11 @@ FloatYuvToRgb FloatDecodeCoefficients(int32_t cs) {
     return {1.402f, 0.344136f, 0.714136f, 1.772f};
 }
 
-namespace {
-
-struct FloatRgbToYuv {
-    float kr, kg, kb;
-};
 FloatRgbToYuv FloatEncodeCoefficients(int32_t cs) {
     if (cs == 2) return {0.2126f, 0.7152f, 0.0722f};
     if (cs == 3) return {0.2627f, 0.678f, 0.0593f};
     return {0.299f, 0.587f, 0.114f};
 }
-
-}  // namespace
 
 int32_t ResolveColorSpace(int32_t cs, int32_t width, int32_t height) {
     if (cs >= 1 && cs <= 3) return cs;

@@ -25,6 +25,11 @@ struct FloatYuvToRgb {
     float a, b, c, d;
 };
 FloatYuvToRgb FloatDecodeCoefficients(int32_t cs);
+// Y = kr R + kg G + kb B.
+struct FloatRgbToYuv {
+    float kr, kg, kb;
+};
+FloatRgbToYuv FloatEncodeCoefficients(int32_t cs);
 void YuvToRgbFloat(int y, int u, int v, int32_t cs, int32_t range, float rgb[3]);
 void RgbToYuvFloat(const float rgb[3], int32_t cs, int32_t range, uint8_t yuv[3]);
 

@@ -171,6 +171,70 @@ int32_t Nv12RowToRgbxViaFloat(const uint8_t* luma, const uint8_t* uv, int32_t pi
     return x;
 }
 
+namespace {
+
+inline __m128i LoadFourBytes(const uint8_t* p) {
+    int32_t bytes;
+    std::memcpy(&bytes, p, 4);
+    const __m128i zero = _mm_setzero_si128();
+    return _mm_unpacklo_epi16(_mm_unpacklo_epi8(_mm_cvtsi32_si128(bytes), zero), zero);
+}
+
+inline void StoreFourBytes(__m128i lanes, uint8_t* p) {
+    const int32_t bytes = _mm_cvtsi128_si32(_mm_packus_epi16(_mm_packs_epi32(lanes, lanes), lanes));
+    std::memcpy(p, &bytes, 4);
+}
+
+// min(max(v, 0), 1); maxps returns its second operand for a NaN, so NaN
+// becomes 0 as in the plain code.
+inline __m128 Clamp01(__m128 v) { return _mm_min_ps(_mm_max_ps(v, _mm_setzero_ps()), _mm_set1_ps(1.0f)); }
+
+}  // namespace
+
+int32_t YuvBytesToFloatRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, int32_t pixels, int32_t cs,
+                           int32_t range, float* r, float* g, float* b) {
+    const FloatYuvToRgb k = FloatDecodeCoefficients(cs);
+    const bool full = range == 1;
+    const __m128i yBias = _mm_set1_epi32(full ? 0 : 16), cBias = _mm_set1_epi32(128);
+    const __m128 yScale = _mm_set1_ps(full ? 255.0f : 219.0f), cScale = _mm_set1_ps(full ? 255.0f : 224.0f);
+    const __m128 a = _mm_set1_ps(k.a), bb = _mm_set1_ps(k.b), c = _mm_set1_ps(k.c), d = _mm_set1_ps(k.d);
+    int32_t x = 0;
+    for (; x + 4 <= pixels; x += 4) {
+        const __m128 yn = Clamp01(_mm_div_ps(_mm_cvtepi32_ps(_mm_sub_epi32(LoadFourBytes(y + x), yBias)), yScale));
+        const __m128 cb = _mm_div_ps(_mm_cvtepi32_ps(_mm_sub_epi32(LoadFourBytes(u + x), cBias)), cScale);
+        const __m128 cr = _mm_div_ps(_mm_cvtepi32_ps(_mm_sub_epi32(LoadFourBytes(v + x), cBias)), cScale);
+        _mm_storeu_ps(r + x, Clamp01(_mm_add_ps(yn, _mm_mul_ps(a, cr))));
+        _mm_storeu_ps(g + x, Clamp01(_mm_sub_ps(_mm_sub_ps(yn, _mm_mul_ps(bb, cb)), _mm_mul_ps(c, cr))));
+        _mm_storeu_ps(b + x, Clamp01(_mm_add_ps(yn, _mm_mul_ps(d, cb))));
+    }
+    return x;
+}
+
+int32_t FloatRowToYuvBytes(const float* r, const float* g, const float* b, int32_t pixels, int32_t cs, int32_t range,
+                           uint8_t* y, uint8_t* u, uint8_t* v) {
+    const FloatRgbToYuv k = FloatEncodeCoefficients(cs);
+    const bool full = range == 1;
+    const __m128 kr = _mm_set1_ps(k.kr), kg = _mm_set1_ps(k.kg), kb = _mm_set1_ps(k.kb);
+    const __m128 cbDivisor = _mm_set1_ps(2.0f * (1.0f - k.kb)), crDivisor = _mm_set1_ps(2.0f * (1.0f - k.kr));
+    const __m128 yScale = _mm_set1_ps(full ? 255.0f : 219.0f), cScale = _mm_set1_ps(full ? 255.0f : 224.0f);
+    const __m128 yOffset = _mm_set1_ps(16.0f), cOffset = _mm_set1_ps(128.0f), half = _mm_set1_ps(0.5f);
+    int32_t x = 0;
+    for (; x + 4 <= pixels; x += 4) {
+        const __m128 rr = Clamp01(_mm_loadu_ps(r + x)), gg = Clamp01(_mm_loadu_ps(g + x)), bl = Clamp01(_mm_loadu_ps(b + x));
+        const __m128 luma = _mm_add_ps(_mm_add_ps(_mm_mul_ps(kr, rr), _mm_mul_ps(kg, gg)), _mm_mul_ps(kb, bl));
+        const __m128 cb = _mm_div_ps(_mm_sub_ps(bl, luma), cbDivisor);
+        const __m128 cr = _mm_div_ps(_mm_sub_ps(rr, luma), crDivisor);
+        __m128 y8 = _mm_mul_ps(luma, yScale);
+        if (!full) y8 = _mm_add_ps(y8, yOffset);
+        const __m128 u8 = _mm_add_ps(_mm_mul_ps(cb, cScale), cOffset);
+        const __m128 v8 = _mm_add_ps(_mm_mul_ps(cr, cScale), cOffset);
+        StoreFourBytes(_mm_cvttps_epi32(_mm_add_ps(y8, half)), y + x);
+        StoreFourBytes(_mm_cvttps_epi32(_mm_add_ps(u8, half)), u + x);
+        StoreFourBytes(_mm_cvttps_epi32(_mm_add_ps(v8, half)), v + x);
+    }
+    return x;
+}
+
 int32_t RgbxRowToBgra(const uint8_t* rgbx, int32_t pixels, uint8_t* bgra) {
     const __m128i green = _mm_set1_epi32(0x0000FF00);
     const __m128i low = _mm_set1_epi32(0x000000FF);
@@ -266,6 +330,14 @@ namespace kiv::color {
 int32_t Yuy2RowToRgbx(const uint8_t*, int32_t, int32_t, int32_t, uint8_t*) { return 0; }
 int32_t Nv12RowToRgbx(const uint8_t*, const uint8_t*, int32_t, int32_t, int32_t, uint8_t*) { return 0; }
 int32_t Nv12RowToRgbxViaFloat(const uint8_t*, const uint8_t*, int32_t, int32_t, int32_t, uint8_t*) { return 0; }
+int32_t YuvBytesToFloatRow(const uint8_t*, const uint8_t*, const uint8_t*, int32_t, int32_t, int32_t, float*, float*,
+                           float*) {
+    return 0;
+}
+int32_t FloatRowToYuvBytes(const float*, const float*, const float*, int32_t, int32_t, int32_t, uint8_t*, uint8_t*,
+                           uint8_t*) {
+    return 0;
+}
 int32_t RgbxRowToBgra(const uint8_t*, int32_t, uint8_t*) { return 0; }
 int32_t BgraRowToRgbx(const uint8_t*, int32_t, uint8_t*) { return 0; }
 int32_t RgbxRowToYuy2(const uint8_t*, int32_t, int32_t, int32_t, uint8_t*) { return 0; }

@@ -17,6 +17,12 @@ int32_t Nv12RowToRgbx(const uint8_t* luma, const uint8_t* uv, int32_t pixels, in
 // single-precision operations in the same order, so the same bytes.
 int32_t Nv12RowToRgbxViaFloat(const uint8_t* luma, const uint8_t* uv, int32_t pixels, int32_t cs, int32_t range,
                               uint8_t* rgbx);
+// Planar Y, U, V bytes to planar red, green, blue floats as YuvToRgbFloat,
+// and planar floats to Y, U, V bytes as RgbToYuvFloat, four pixels at a time.
+int32_t YuvBytesToFloatRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, int32_t pixels, int32_t cs,
+                           int32_t range, float* r, float* g, float* b);
+int32_t FloatRowToYuvBytes(const float* r, const float* g, const float* b, int32_t pixels, int32_t cs, int32_t range,
+                           uint8_t* y, uint8_t* u, uint8_t* v);
 // Red, green, blue, x to blue, green, red, 255.
 int32_t RgbxRowToBgra(const uint8_t* rgbx, int32_t pixels, uint8_t* bgra);
 // Blue, green, red, a to red, green, blue, x.
