@@ -309,7 +309,7 @@ void ConvertToNv12(const FrameJob& job, uint8_t* luma, uint8_t* chroma) {
                 rgb[2][x] = out[2];
             }
             if (job.lut) {
-                for (x = 0; x < w; ++x) {
+                for (x = ApplyLutFloatRow(*job.lut, job.strength, rgb[0], rgb[1], rgb[2], w); x < w; ++x) {
                     float c[3] = {rgb[0][x], rgb[1][x], rgb[2][x]};
                     ApplyLutFloat(*job.lut, job.strength, c);
                     rgb[0][x] = c[0];

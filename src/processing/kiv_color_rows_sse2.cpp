@@ -1,6 +1,7 @@
 #include "kiv_color_rows_sse2.h"
 
 #include "kiv_color_math.h"
+#include "kiv_cube_lut.h"
 
 #include <cstring>
 
@@ -235,6 +236,63 @@ int32_t FloatRowToYuvBytes(const float* r, const float* g, const float* b, int32
     return x;
 }
 
+int32_t ApplyLutFloatRow(const Kiv3DLutData& lut, float strength, float* r, float* g, float* b, int32_t pixels) {
+    const int n = lut.dim;
+    if (n < 2 || lut.values.empty()) return pixels;  // colours pass unchanged
+    float* channel[3] = {r, g, b};
+    __m128 low[3], span[3];
+    for (int c = 0; c < 3; ++c) {
+        low[c] = _mm_set1_ps(lut.domainMin[c]);
+        span[c] = _mm_set1_ps(lut.domainMax[c] - lut.domainMin[c]);
+    }
+    const __m128 last = _mm_set1_ps(static_cast<float>(n - 1));
+    const __m128i lastIndex = _mm_set1_epi32(n - 1), oneI = _mm_set1_epi32(1);
+    const __m128 one = _mm_set1_ps(1.0f);
+    const float s = strength > 0.0f ? (strength < 1.0f ? strength : 1.0f) : 0.0f;
+    const float* values = lut.values.data();
+    alignas(16) int32_t lo[3][4], hi[3][4];
+    int32_t x = 0;
+    for (; x + 4 <= pixels; x += 4) {
+        __m128 f[3], g1[3];
+        for (int c = 0; c < 3; ++c) {
+            const __m128 v = _mm_loadu_ps(channel[c] + x);
+            const __m128 pos = _mm_mul_ps(Clamp01(_mm_div_ps(_mm_sub_ps(v, low[c]), span[c])), last);
+            const __m128i l = _mm_cvttps_epi32(pos);  // floor: pos is not negative
+            const __m128i h = _mm_add_epi32(l, _mm_and_si128(_mm_cmplt_epi32(l, lastIndex), oneI));
+            _mm_store_si128(reinterpret_cast<__m128i*>(lo[c]), l);
+            _mm_store_si128(reinterpret_cast<__m128i*>(hi[c]), h);
+            f[c] = _mm_sub_ps(pos, _mm_cvtepi32_ps(l));
+            g1[c] = _mm_sub_ps(one, f[c]);
+        }
+        // Lanes are pixels; each channel's sum runs over the corners in the
+        // same order as the plain code, so every lane gets its bytes exactly.
+        __m128 acc[3] = {_mm_setzero_ps(), _mm_setzero_ps(), _mm_setzero_ps()};
+        for (int corner = 0; corner < 8; ++corner) {
+            const __m128 wr = (corner & 1) ? f[0] : g1[0];
+            const __m128 wg = (corner & 2) ? f[1] : g1[1];
+            const __m128 wb = (corner & 4) ? f[2] : g1[2];
+            const __m128 w = _mm_mul_ps(_mm_mul_ps(wr, wg), wb);
+            const float* entry[4];
+            for (int p = 0; p < 4; ++p) {
+                const int ir = (corner & 1) ? hi[0][p] : lo[0][p];
+                const int ig = (corner & 2) ? hi[1][p] : lo[1][p];
+                const int ib = (corner & 4) ? hi[2][p] : lo[2][p];
+                entry[p] = values + static_cast<size_t>(ir + n * (ig + n * ib)) * 3;
+            }
+            for (int c = 0; c < 3; ++c) {
+                const __m128 v = _mm_set_ps(entry[3][c], entry[2][c], entry[1][c], entry[0][c]);
+                acc[c] = _mm_add_ps(acc[c], _mm_mul_ps(w, v));
+            }
+        }
+        const __m128 weight = _mm_set1_ps(s);
+        for (int c = 0; c < 3; ++c) {
+            const __m128 in = _mm_loadu_ps(channel[c] + x);
+            _mm_storeu_ps(channel[c] + x, Clamp01(_mm_add_ps(in, _mm_mul_ps(_mm_sub_ps(acc[c], in), weight))));
+        }
+    }
+    return x;
+}
+
 int32_t RgbxRowToBgra(const uint8_t* rgbx, int32_t pixels, uint8_t* bgra) {
     const __m128i green = _mm_set1_epi32(0x0000FF00);
     const __m128i low = _mm_set1_epi32(0x000000FF);
@@ -338,6 +396,7 @@ int32_t FloatRowToYuvBytes(const float*, const float*, const float*, int32_t, in
                            uint8_t*) {
     return 0;
 }
+int32_t ApplyLutFloatRow(const Kiv3DLutData&, float, float*, float*, float*, int32_t) { return 0; }
 int32_t RgbxRowToBgra(const uint8_t*, int32_t, uint8_t*) { return 0; }
 int32_t BgraRowToRgbx(const uint8_t*, int32_t, uint8_t*) { return 0; }
 int32_t RgbxRowToYuy2(const uint8_t*, int32_t, int32_t, int32_t, uint8_t*) { return 0; }

@@ -43,7 +43,7 @@ struct RandomFrame {
 };
 
 std::string RandomCube(int n, std::mt19937& rng) {
-    std::string text = "LUT_3D_SIZE " + std::to_string(n) + "\nDOMAIN_MIN 0 0 0\nDOMAIN_MAX 1 1 1\n";
+    std::string text = "LUT_3D_SIZE " + std::to_string(n) + "\nDOMAIN_MIN 0.1 -0.2 0\nDOMAIN_MAX 0.9 1.3 0.5\n";
     std::uniform_real_distribution<float> unit(-0.1f, 1.1f);
     char line[96];
     for (int i = 0; i < n * n * n; ++i) {

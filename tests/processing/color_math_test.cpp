@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <random>
 
 #include "kiv_color_math.h"
 #include "kiv_cube_lut.h"
+#include "kiv_color_rows_sse2.h"
 #include "kiv_lut8_fast.h"
 #include "processing_test_helpers.h"
 
@@ -246,6 +248,45 @@ TEST(ColorLut, RowLookupIsBitExactWithTheReferenceRule) {
                 for (size_t c = 0; c < 3; ++c) {
                     ASSERT_EQ(row[i + c], expected[i + c]) << "pixel " << i / 4;
                     ASSERT_EQ(scalar[i + c], expected[i + c]) << "pixel " << i / 4;
+                }
+            }
+        }
+    }
+}
+
+// The row lookup of the float path must give the reference rule's floats bit
+// for bit, not merely the same bytes after rounding.
+TEST(ColorLut, FloatRowLookupIsBitExactWithTheReferenceRule) {
+    std::mt19937 rng(21);
+    std::uniform_real_distribution<float> wide(-0.3f, 1.3f);
+    for (int n : {2, 5, 17}) {
+        Kiv3DLutData lut;
+        lut.dim = n;
+        lut.values.resize(static_cast<size_t>(n) * n * n * 3);
+        for (float& v : lut.values) v = std::uniform_real_distribution<float>(0.0f, 1.0f)(rng);
+        lut.bytes.assign(lut.values.size(), 0);
+        const float domains[][6] = {{0, 0, 0, 1, 1, 1}, {0.1f, -0.2f, 0.3f, 0.9f, 1.4f, 0.5f}, {1, 1, 1, 0, 0, 0}};
+        for (const auto& d : domains) {
+            for (int c = 0; c < 3; ++c) {
+                lut.domainMin[c] = d[c];
+                lut.domainMax[c] = d[c + 3];
+            }
+            for (float strength : {1.0f, 0.6f, 0.0f}) {
+                const int count = 203;
+                std::vector<float> r(count), g(count), b(count);
+                for (int i = 0; i < count; ++i) r[i] = wide(rng), g[i] = wide(rng), b[i] = wide(rng);
+                r[0] = std::nanf("");
+                std::vector<float> er = r, eg = g, eb = b;
+                for (int i = 0; i < count; ++i) {
+                    float px[3] = {er[i], eg[i], eb[i]};
+                    ApplyLutFloat(lut, strength, px);
+                    er[i] = px[0], eg[i] = px[1], eb[i] = px[2];
+                }
+                const int done = ApplyLutFloatRow(lut, strength, r.data(), g.data(), b.data(), count);
+                for (int i = 0; i < done; ++i) {
+                    ASSERT_EQ(std::memcmp(&r[i], &er[i], 4), 0) << "N " << n << " pixel " << i;
+                    ASSERT_EQ(std::memcmp(&g[i], &eg[i], 4), 0) << "N " << n << " pixel " << i;
+                    ASSERT_EQ(std::memcmp(&b[i], &eb[i], 4), 0) << "N " << n << " pixel " << i;
                 }
             }
         }
