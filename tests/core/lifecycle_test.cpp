@@ -21,9 +21,11 @@ protected:
     }
 };
 
-using CreateFn = void* (*)();
-void* CreateRecorderWithoutText() { return KIV_CreateRecorder(nullptr); }
-void* CreateRecorderWithText() { return KIV_CreateRecorder("kivcapture"); }
+// The exported functions use the interface's calling convention (stdcall on
+// 32-bit Windows), and so do these pointers.
+using CreateFn = void*(KIV_CALL*)();
+void* KIV_CALL CreateRecorderWithoutText() { return KIV_CreateRecorder(nullptr); }
+void* KIV_CALL CreateRecorderWithText() { return KIV_CreateRecorder("kivcapture"); }
 
 struct Creator {
     const char* name;
@@ -118,8 +120,8 @@ TEST_F(LifecycleTest, DeviceQueriesNeedInit) {
     EXPECT_EQ(KIV_GetAudioInputDeviceCount(), 0);
 }
 
-using CountFn = int32_t (*)();
-using InfoFn = KivResult (*)(int32_t, KivDeviceInfo*);
+using CountFn = int32_t(KIV_CALL*)();
+using InfoFn = KivResult(KIV_CALL*)(int32_t, KivDeviceInfo*);
 
 void CheckDeviceList(const char* what, CountFn count, InfoFn info) {
     const int32_t n = count();
