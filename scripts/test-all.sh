@@ -60,13 +60,16 @@ configure_and_build() {
   if ! cmake -S "$ROOT" -B "$dir" -G Ninja "$@" >"$log" 2>&1; then
     tail -30 "$log"; echo "configure failed, full log: $log"; return 1
   fi
-  local targets=()
-  if [ -n "${BUILD_TARGETS:-}" ]; then
-    # ctest -N lists the tests of the configured tree; test and target names agree
-    for name in $(ctest --test-dir "$dir" -N $BUILD_TARGETS 2>/dev/null | sed -n 's/^ *Test *#[0-9]*: //p'); do
+  # BUILD_TEST_SELECTION (ctest arguments such as "-L concurrency") limits the
+  # build to those tests (test and target names agree); BUILD_TARGET_NAMES
+  # names the targets outright.
+  local targets=() name
+  if [ -n "${BUILD_TEST_SELECTION:-}" ]; then
+    for name in $(ctest --test-dir "$dir" -N $BUILD_TEST_SELECTION 2>/dev/null | sed -n 's/^ *Test *#[0-9]*: //p'); do
       targets+=(--target "$name")
     done
   fi
+  for name in ${BUILD_TARGET_NAMES:-}; do targets+=(--target "$name"); done
   if ! cmake --build "$dir" -j "$JOBS" "${targets[@]}" >>"$log" 2>&1; then
     grep -E 'error|Error|FAILED' "$log" | head -40; echo "build failed, full log: $log"; return 1
   fi
@@ -135,7 +138,7 @@ if want tsan; then
   label=(-L concurrency)
   [ -n "${KIV_TSAN_ALL:-}" ] && label=()
   # Only the tests that run here are built.
-  if BUILD_TARGETS="${label[*]:-}" configure_and_build "$BUILD/ci-tsan" "$LOGS/tsan-build.log" \
+  if BUILD_TEST_SELECTION="${label[*]:-}" configure_and_build "$BUILD/ci-tsan" "$LOGS/tsan-build.log" \
        -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKIV_SANITIZE=thread -DKIV_BUILD_BENCH=OFF; then
     TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1" run_ctest tsan "$BUILD/ci-tsan" "$t" "${label[@]}"
   else
@@ -148,7 +151,8 @@ if want fuzz; then
   t=$(date +%s)
   if [ ! -f "$ROOT/tests/fuzz/CMakeLists.txt" ]; then
     record fuzz skip 0 0 "$(elapsed "$t")" "no tests/fuzz"
-  elif configure_and_build "$BUILD/ci-fuzz" "$LOGS/fuzz-build.log" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  elif BUILD_TARGET_NAMES="$(cd "$ROOT/tests/fuzz" && ls *_fuzz.cpp | sed 's/\.cpp$//')" \
+       configure_and_build "$BUILD/ci-fuzz" "$LOGS/fuzz-build.log" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
          -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DKIV_BUILD_FUZZ=ON -DKIV_BUILD_TESTS=OFF \
          -DKIV_BUILD_BENCH=OFF; then
     passed=0; failed=0
@@ -209,8 +213,8 @@ fi
 check_dll() {
   local dll=$1 objdump=$2 bad=0
   local exports imports
-  exports=$("$objdump" -p "$dll" | awk '/\[Ordinal\/Name Pointer\] Table/{on=1; next} on && /^\s*\[ *[0-9]+\]/{print $NF; next} on && NF==0{on=0}')
-  imports=$("$objdump" -p "$dll" | sed -n 's/^\s*DLL Name: //p')
+  exports=$("$objdump" -p "$dll" | awk '/\[Ordinal\/Name Pointer\] Table/{on=1; next} on && /^[ \t]*\[ *[0-9]+\]/{print $NF; next} on && NF==0{on=0}')
+  imports=$("$objdump" -p "$dll" | sed -n 's/^[[:space:]]*DLL Name: //p')
   echo "$(basename "$(dirname "$(dirname "$dll")")"): $(echo "$exports" | grep -c .) exports, imports: $(echo $imports)"
   if [ -z "$exports" ]; then echo "  no exports found"; bad=1; fi
   local e
