@@ -13,28 +13,8 @@
 #include <vector>
 
 #include "kivcapture.h"
+#include "support/counting_allocator.h"
 #include "processing/kiv_video_osd.h"
-
-namespace {
-std::atomic<long long> g_allocations{0};
-[[gnu::noinline]] void Release(void* p) noexcept { std::free(p); }
-}  // namespace
-
-void* operator new(std::size_t size) {
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    if (void* p = std::malloc(size ? size : 1)) return p;
-    throw std::bad_alloc();
-}
-void* operator new[](std::size_t size) { return operator new(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    return std::malloc(size ? size : 1);
-}
-void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept { return operator new(size, tag); }
-void operator delete(void* p) noexcept { Release(p); }
-void operator delete[](void* p) noexcept { Release(p); }
-void operator delete(void* p, std::size_t) noexcept { Release(p); }
-void operator delete[](void* p, std::size_t) noexcept { Release(p); }
 
 namespace {
 
@@ -130,10 +110,10 @@ void OverlayFrame(benchmark::State& state) {
     }
 
     osd.OnVideoFrame(&frame);  // grows the canvas
-    const long long before = g_allocations.load();
+    const long long before = kivbench::AllocationCount();
     for (auto _ : state) benchmark::DoNotOptimize(osd.OnVideoFrame(&frame));
     state.counters["allocs/frame"] =
-        static_cast<double>(g_allocations.load() - before) / static_cast<double>(state.iterations());
+        static_cast<double>(kivbench::AllocationCount() - before) / static_cast<double>(state.iterations());
 }
 
 void Scenes(benchmark::internal::Benchmark* b) {

@@ -10,30 +10,9 @@
 #include <vector>
 
 #include "kivcapture.h"
+#include "support/counting_allocator.h"
 #include "ports/kiv_port_base.h"
 #include "ports/kiv_video_mux.h"
-
-namespace {
-std::atomic<long long> g_allocations{0};
-// Out of line so the compiler does not pair free() with the new expressions.
-[[gnu::noinline]] void Release(void* p) noexcept { std::free(p); }
-}  // namespace
-
-void* operator new(std::size_t size) {
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    if (void* p = std::malloc(size ? size : 1)) return p;
-    throw std::bad_alloc();
-}
-void* operator new[](std::size_t size) { return operator new(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    return std::malloc(size ? size : 1);
-}
-void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept { return operator new(size, tag); }
-void operator delete(void* p) noexcept { Release(p); }
-void operator delete[](void* p) noexcept { Release(p); }
-void operator delete(void* p, std::size_t) noexcept { Release(p); }
-void operator delete[](void* p, std::size_t) noexcept { Release(p); }
 
 namespace {
 
@@ -80,15 +59,15 @@ KivPortBase* Port(void* handle) { return static_cast<KivPortBase*>(handle); }
 void RunPushes(benchmark::State& state, Graph& graph, int hops, uint64_t callbacksPerFrame) {
     // Creating the ports went through operator new, so a zero here would mean
     // the counting operators are not in use and the figure below is void.
-    if (g_allocations.load() == 0) state.SkipWithError("allocation counter not hooked");
+    if (kivbench::AllocationCount() == 0) state.SkipWithError("allocation counter not hooked");
     for (int warm = 0; warm < 16; ++warm) KIV_PushVideoFrame(graph.source, &graph.frame);
     graph.delivered = 0;
-    const long long allocationsBefore = g_allocations.load();
+    const long long allocationsBefore = kivbench::AllocationCount();
     for (auto _ : state) {
         ++graph.frame.frameIndex;
         KIV_PushVideoFrame(graph.source, &graph.frame);
     }
-    const long long allocations = g_allocations.load() - allocationsBefore;
+    const long long allocations = kivbench::AllocationCount() - allocationsBefore;
     const double frames = double(state.iterations());
     state.counters["allocs_per_frame"] = double(allocations) / frames;
     state.counters["per_hop"] = benchmark::Counter(frames * hops, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);

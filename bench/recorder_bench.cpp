@@ -17,29 +17,9 @@
 #include <vector>
 
 #include "kivcapture.h"
+#include "support/counting_allocator.h"
 #include "record/kiv_recorder.h"
 #include "record/nv12_convert.h"
-
-namespace {
-std::atomic<long long> g_allocations{0};
-[[gnu::noinline]] void Release(void* p) noexcept { std::free(p); }
-}  // namespace
-
-void* operator new(std::size_t size) {
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    if (void* p = std::malloc(size ? size : 1)) return p;
-    throw std::bad_alloc();
-}
-void* operator new[](std::size_t size) { return operator new(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    return std::malloc(size ? size : 1);
-}
-void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept { return operator new(size, tag); }
-void operator delete(void* p) noexcept { Release(p); }
-void operator delete[](void* p) noexcept { Release(p); }
-void operator delete(void* p, std::size_t) noexcept { Release(p); }
-void operator delete[](void* p, std::size_t) noexcept { Release(p); }
 
 namespace {
 
@@ -134,7 +114,7 @@ void BM_PassThrough1080p(benchmark::State& state) {
         Graph graph;
         state.ResumeTiming();
         KIV_Start(graph.recorder);
-        const long long before = g_allocations.load();
+        const long long before = kivbench::AllocationCount();
         for (size_t i = 0; i < stream.units.size(); ++i) {
             // Seven queued frames keep the worker busy for far longer than
             // this nap, and napping leaves the worker its core.
@@ -150,7 +130,7 @@ void BM_PassThrough1080p(benchmark::State& state) {
             std::this_thread::sleep_for(std::chrono::microseconds(100));
         }
         KIV_Stop(graph.recorder);
-        allocations += g_allocations.load() - before;
+        allocations += kivbench::AllocationCount() - before;
         state.PauseTiming();
         KivRecorderStats s{};
         KIV_GetRecorderStats(graph.recorder, &s);
@@ -187,7 +167,7 @@ void BM_UpstreamPush1080p(benchmark::State& state) {
             const KivVideoFrame f = H264Frame(au, index++);
             KIV_PushVideoFrame(graph.source, &f);
         }
-        const long long before = g_allocations.load();
+        const long long before = kivbench::AllocationCount();
         for (auto _ : state) {
             const auto& au = stream.units[static_cast<size_t>(index) % stream.units.size()];
             const KivVideoFrame f = H264Frame(au, index++);
@@ -195,7 +175,7 @@ void BM_UpstreamPush1080p(benchmark::State& state) {
             bytes += au.size();
         }
         state.counters["allocs/frame"] =
-            static_cast<double>(g_allocations.load() - before) / static_cast<double>(state.iterations());
+            static_cast<double>(kivbench::AllocationCount() - before) / static_cast<double>(state.iterations());
         state.SetBytesProcessed(static_cast<int64_t>(bytes));
         KIV_Stop(graph.recorder);
     }
