@@ -7,6 +7,14 @@
 #include <fstream>
 #include <sstream>
 
+#if defined(_WIN32)
+#include <process.h>
+#define KIVTEST_PID _getpid()
+#else
+#include <unistd.h>
+#define KIVTEST_PID getpid()
+#endif
+
 #include "../../src/ports/kiv_frame.h"
 
 namespace kivtest {
@@ -54,7 +62,8 @@ std::string ReadFile(const std::string& path) {
 }
 
 std::string TempDir(const std::string& name) {
-    std::filesystem::path dir = std::filesystem::temp_directory_path() / ("kivtest_" + name);
+    std::filesystem::path dir = std::filesystem::temp_directory_path() /
+                                 ("kivtest_" + name + "_" + std::to_string(KIVTEST_PID));
     std::error_code ec;
     std::filesystem::remove_all(dir, ec);
     std::filesystem::create_directories(dir, ec);

@@ -27,7 +27,8 @@ std::basic_string<KivWChar> Wide(const std::string& text);
 // Reads a whole file; empty when it cannot be opened.
 std::string ReadFile(const std::string& path);
 
-// A fresh folder for a test's files, under the system temp folder.
+// A fresh folder for a test's files under the system temp folder; the
+// process id keeps concurrent runs of the same suite apart.
 std::string TempDir(const std::string& name);
 
 }  // namespace kivtest
