@@ -47,6 +47,8 @@ record() {
   cpu_seconds
   took="$took/cpu $((CPU_NOW - CPU_MARK))s"
   CPU_MARK=$CPU_NOW
+  # a stage that failed without a failing test (configure or build) counts once
+  [ "$result" = FAIL ] && [ "$failed" -eq 0 ] && failed=1
   TOTAL_PASSED=$((TOTAL_PASSED + passed))
   TOTAL_FAILED=$((TOTAL_FAILED + failed))
   [ "$result" = FAIL ] && FAILED_STAGES+=("$stage")
