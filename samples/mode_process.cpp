@@ -171,6 +171,9 @@ void AddOverlayItems(void* osd, const std::string& outDir) {
     caption.opacity = 1.0f;
     caption.size = 40;
     CopyWide(caption.text, ToWide("kivcapture process sample"));
+    // A family Wine finds through fontconfig; where it is missing the overlay
+    // falls back to its default font.
+    CopyWide(caption.fontName, ToWide("DejaVu Sans"));
     KIV_SetVideoOsdText(osd, &caption);
 
     KivVideoOsdItem line{};
