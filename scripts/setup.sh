@@ -16,7 +16,8 @@ PACKAGES=(
   g++-mingw-w64-i686-posix g++-mingw-w64-x86-64-posix mingw-w64-tools binutils-mingw-w64-i686
   binutils-mingw-w64-x86-64
   wine wine64 xvfb xauth x11-utils pulseaudio pulseaudio-utils ffmpeg
-  procps coreutils file
+  # overlay text tests and the sample draw with a family Wine finds through fontconfig
+  fonts-dejavu-core procps coreutils file
 )
 
 SUDO=()
