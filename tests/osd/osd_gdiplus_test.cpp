@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -22,36 +21,9 @@ struct Box {
     bool Contains(int px, int py) const { return px >= x && px < x + w && py >= y && py < y + h; }
 };
 
-// A bottom-up 24-bit BMP: red with a pure green block in its top-left 2x2.
+// A red picture with a pure green block in its top-left 2x2.
 void WriteBmp(const std::string& path, int w, int h) {
-    const int rowBytes = (w * 3 + 3) & ~3;
-    const uint32_t pixelBytes = static_cast<uint32_t>(rowBytes * h);
-    std::vector<uint8_t> file(54 + pixelBytes, 0);
-    auto put32 = [&](size_t at, uint32_t v) {
-        for (int i = 0; i < 4; ++i) file[at + i] = static_cast<uint8_t>(v >> (8 * i));
-    };
-    file[0] = 'B';
-    file[1] = 'M';
-    put32(2, static_cast<uint32_t>(file.size()));
-    put32(10, 54);
-    put32(14, 40);
-    put32(18, static_cast<uint32_t>(w));
-    put32(22, static_cast<uint32_t>(h));
-    file[26] = 1;
-    file[28] = 24;
-    put32(34, pixelBytes);
-    for (int row = 0; row < h; ++row) {
-        const int y = h - 1 - row;  // file rows run bottom-up
-        for (int x = 0; x < w; ++x) {
-            uint8_t* p = &file[54 + row * rowBytes + x * 3];
-            const bool green = x < 2 && y < 2;
-            p[0] = 0;
-            p[1] = green ? 255 : 0;
-            p[2] = green ? 0 : 255;
-        }
-    }
-    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(file.data()),
-                                                static_cast<std::streamsize>(file.size()));
+    osdtest::WriteBmp24(path, w, h, [](int x, int y) { return x < 2 && y < 2 ? 0x00FF00u : 0xFF0000u; });
 }
 
 class OsdGdiplusTest : public ::testing::Test {

@@ -4,37 +4,17 @@
 // A measuring tool, not a test: the native benchmark covers the portable part.
 #include <chrono>
 #include <cstdio>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "osd_test_util.h"
 #include "processing/kiv_video_osd.h"
 #include "test_support.h"
 
 namespace {
 
 constexpr int kWidth = 1920, kHeight = 1080, kFrames = 30;
-
-void WriteBmp24(const std::string& path, int size) {
-    const int rowBytes = size * 3;
-    std::vector<uint8_t> file(54 + static_cast<size_t>(rowBytes) * size, 0);
-    auto put32 = [&](size_t at, uint32_t v) {
-        for (int i = 0; i < 4; ++i) file[at + i] = static_cast<uint8_t>(v >> (8 * i));
-    };
-    file[0] = 'B';
-    file[1] = 'M';
-    put32(2, static_cast<uint32_t>(file.size()));
-    put32(10, 54);
-    put32(14, 40);
-    put32(18, static_cast<uint32_t>(size));
-    put32(22, static_cast<uint32_t>(size));
-    file[26] = 1;
-    file[28] = 24;
-    for (size_t i = 54; i < file.size(); ++i) file[i] = static_cast<uint8_t>(i * 7);
-    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(file.data()),
-                                                static_cast<std::streamsize>(file.size()));
-}
 
 double MsPerFrame(int32_t format, const KivVideoOsdItem& item, int32_t kind) {
     KivVideoOsd osd;
@@ -64,7 +44,7 @@ int main() {
     for (size_t i = 0; i < font.size(); ++i) text.fontName[i] = font[i];
 
     const std::string path = kivtest::TempDir("osd_timing") + "/picture.bmp";
-    WriteBmp24(path, 256);
+    osdtest::WriteBmp24(path, 256, 256, [](int x, int y) { return uint32_t(x * 0x010203 + y * 0x030201) & 0xFFFFFFu; });
     KivVideoOsdItem picture{};
     picture.visible = 1;
     picture.opacity = 1.0f;

@@ -3,8 +3,10 @@
 #pragma once
 #include <cstdint>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "kivcapture.h"
@@ -70,6 +72,40 @@ private:
     uint32_t bgra_;
     std::vector<uint32_t> pixels_;
 };
+
+// Writes a bottom-up 24-bit BMP whose pixel (x, y), counted from the top,
+// is colour(x, y) as 0xRRGGBB.
+template <class Colour>
+void WriteBmp24(const std::string& path, int w, int h, Colour colour) {
+    const int rowBytes = (w * 3 + 3) & ~3;
+    const uint32_t pixelBytes = static_cast<uint32_t>(rowBytes * h);
+    std::vector<uint8_t> file(54 + pixelBytes, 0);
+    auto put32 = [&](size_t at, uint32_t v) {
+        for (int i = 0; i < 4; ++i) file[at + i] = static_cast<uint8_t>(v >> (8 * i));
+    };
+    file[0] = 'B';
+    file[1] = 'M';
+    put32(2, static_cast<uint32_t>(file.size()));
+    put32(10, 54);
+    put32(14, 40);
+    put32(18, static_cast<uint32_t>(w));
+    put32(22, static_cast<uint32_t>(h));
+    file[26] = 1;
+    file[28] = 24;
+    put32(34, pixelBytes);
+    for (int row = 0; row < h; ++row) {
+        const int y = h - 1 - row;  // file rows run bottom-up
+        for (int x = 0; x < w; ++x) {
+            const uint32_t rgb = colour(x, y);
+            uint8_t* p = &file[54 + static_cast<size_t>(row) * rowBytes + static_cast<size_t>(x) * 3];
+            p[0] = static_cast<uint8_t>(rgb);
+            p[1] = static_cast<uint8_t>(rgb >> 8);
+            p[2] = static_cast<uint8_t>(rgb >> 16);
+        }
+    }
+    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(file.data()),
+                                                static_cast<std::streamsize>(file.size()));
+}
 
 inline KivVideoOsdItem Item(int32_t x, int32_t y, int32_t width, int32_t height) {
     KivVideoOsdItem item;
