@@ -27,20 +27,26 @@ kiv_pe_arch() {
   esac
 }
 
-# Runs a command with every descriptor above 2 closed, so no lock file or
-# pipe of ours leaks into long-lived children.
-kiv_clean() {
-  (
-    for fd in $(ls "/proc/$BASHPID/fd"); do
-      [ "$fd" -gt 2 ] && eval "exec $fd>&-" 2>/dev/null
-    done
-    exec "$@"
-  )
+# Closes every descriptor above 2 of the current shell, so no lock file or
+# pipe of ours leaks into long-lived children. Call it in the same (sub)shell
+# that then execs: a background job is a subshell of its own, and a lock
+# descriptor left open there keeps the lock held for as long as it lives.
+kiv_close_fds() {
+  local fd
+  for fd in $(ls "/proc/$BASHPID/fd"); do
+    [ "$fd" -gt 2 ] && eval "exec $fd>&-" 2>/dev/null
+  done
 }
+
+# Runs a command with every descriptor above 2 closed.
+kiv_clean() { ( kiv_close_fds; exec "$@" ); }
 
 # Starts a daemon detached from the caller's terminal and pipes (ctest waits
 # for every process that holds its output pipe).
-kiv_detach() { kiv_clean setsid "$@" </dev/null >/dev/null 2>&1 & }
+kiv_detach() { ( kiv_close_fds; exec setsid "$@" </dev/null >/dev/null 2>&1 ) & }
+
+# flock with a bound: a stale holder must not hang a test run.
+kiv_lock() { flock -w "${KIV_LOCK_WAIT:-300}" "$1" || { kiv_wine_log "timed out waiting for $2"; return 1; }; }
 
 kiv_ensure_display() {
   if [ -n "${DISPLAY:-}" ] && xdpyinfo -display "$DISPLAY" >/dev/null 2>&1; then return 0; fi
@@ -48,7 +54,7 @@ kiv_ensure_display() {
   xdpyinfo -display "$DISPLAY" >/dev/null 2>&1 && return 0
   mkdir -p "$KIV_LOCK_DIR"
   (
-    flock 9
+    kiv_lock 9 "the X display lock" || exit 1
     if ! xdpyinfo -display "$DISPLAY" >/dev/null 2>&1; then
       kiv_wine_log "starting Xvfb on $DISPLAY"
       kiv_detach Xvfb "$DISPLAY" -screen 0 1280x1024x24 -nolisten tcp -noreset
@@ -68,7 +74,7 @@ kiv_ensure_pulse() {
   pactl info >/dev/null 2>&1 && return 0
   mkdir -p "$KIV_PULSE_DIR" "$KIV_LOCK_DIR"
   (
-    flock 9
+    kiv_lock 9 "the PulseAudio lock" || exit 1
     if ! pactl info >/dev/null 2>&1; then
       kiv_wine_log "starting PulseAudio with null devices"
       rm -f "$KIV_PULSE_DIR/native"
@@ -117,7 +123,7 @@ kiv_wine_prepare() {
 
   mkdir -p "$build"
   (
-    flock 9
+    kiv_lock 9 "the Wine prefix lock" || exit 1
     if [ ! -f "$WINEPREFIX/.kiv-ready" ]; then
       kiv_wine_log "creating Wine prefix $WINEPREFIX (first start takes a while)"
       rm -rf "$WINEPREFIX"
