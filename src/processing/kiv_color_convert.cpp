@@ -178,6 +178,39 @@ bool PixelBytes(const FrameJob& job, const SourceLayout& src, int32_t x, int32_t
     }
 }
 
+// PixelBytes for every pixel of row y, into three planar rows.
+void RowBytes(const FrameJob& job, const SourceLayout& src, int32_t y, uint8_t* in0, uint8_t* in1, uint8_t* in2) {
+    const KivVideoFrame& f = *job.in;
+    const int32_t w = f.width;
+    const uint8_t* line = src.plane0 + src.stride0 * y;
+    int32_t x = 0;
+    if (f.format == KIV_PIXEL_FORMAT_NV12) {
+        const uint8_t* uv = src.chroma + src.chromaStride * (y / 2);
+        std::memcpy(in0, line, static_cast<size_t>(w));
+        for (; x < w; ++x) {
+            in1[x] = uv[x & ~1];
+            in2[x] = uv[(x & ~1) + 1];
+        }
+        return;
+    }
+    if (f.format == KIV_PIXEL_FORMAT_YUY2) {
+        for (; x + 1 < w; x += 2) {
+            const uint8_t* group = line + x * 2;
+            in0[x] = group[0];
+            in0[x + 1] = group[2];
+            in1[x] = in1[x + 1] = group[1];
+            in2[x] = in2[x + 1] = group[3];
+        }
+    }
+    for (; x < w; ++x) {
+        uint8_t px[3] = {0, 0, 0};
+        PixelBytes(job, src, x, y, px);
+        in0[x] = px[0];
+        in1[x] = px[1];
+        in2[x] = px[2];
+    }
+}
+
 void BytesToFloat(const FrameJob& job, const uint8_t in[3], float rgb[3]) {
     if (job.in->format == KIV_PIXEL_FORMAT_RGB24 || job.in->format == KIV_PIXEL_FORMAT_RGB32) {
         for (int c = 0; c < 3; ++c) rgb[c] = in[c] / 255.0f;
@@ -292,13 +325,7 @@ void ConvertToNv12(const FrameJob& job, uint8_t* luma, uint8_t* chroma) {
         const int32_t rows = by + 1 < h ? 2 : 1;
         for (int32_t dy = 0; dy < rows; ++dy) {
             const int32_t y = by + dy;
-            for (int32_t x = 0; x < w; ++x) {
-                uint8_t px[3];
-                PixelBytes(job, src, x, y, px);
-                in[0][x] = px[0];
-                in[1][x] = px[1];
-                in[2][x] = px[2];
-            }
+            RowBytes(job, src, y, in[0], in[1], in[2]);
             int32_t x = rgbInput ? 0 : YuvBytesToFloatRow(in[0], in[1], in[2], w, job.cs, job.range, rgb[0], rgb[1], rgb[2]);
             for (; x < w; ++x) {
                 const uint8_t px[3] = {in[0][x], in[1][x], in[2][x]};

@@ -190,6 +190,12 @@ inline void StoreFourBytes(__m128i lanes, uint8_t* p) {
 // becomes 0 as in the plain code.
 inline __m128 Clamp01(__m128 v) { return _mm_min_ps(_mm_max_ps(v, _mm_setzero_ps()), _mm_set1_ps(1.0f)); }
 
+// Lane P of v in all four lanes.
+template <int P>
+inline __m128 Lane(__m128 v) {
+    return _mm_shuffle_ps(v, v, _MM_SHUFFLE(P, P, P, P));
+}
+
 }  // namespace
 
 int32_t YuvBytesToFloatRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, int32_t pixels, int32_t cs,
@@ -239,6 +245,7 @@ int32_t FloatRowToYuvBytes(const float* r, const float* g, const float* b, int32
 int32_t ApplyLutFloatRow(const Kiv3DLutData& lut, float strength, float* r, float* g, float* b, int32_t pixels) {
     const int n = lut.dim;
     if (n < 2 || lut.values.empty()) return pixels;  // colours pass unchanged
+    if (lut.paddedValues.size() != lut.values.size() / 3 * 4) return 0;
     float* channel[3] = {r, g, b};
     __m128 low[3], span[3];
     for (int c = 0; c < 3; ++c) {
@@ -248,46 +255,50 @@ int32_t ApplyLutFloatRow(const Kiv3DLutData& lut, float strength, float* r, floa
     const __m128 last = _mm_set1_ps(static_cast<float>(n - 1));
     const __m128i lastIndex = _mm_set1_epi32(n - 1), oneI = _mm_set1_epi32(1);
     const __m128 one = _mm_set1_ps(1.0f);
-    const float s = strength > 0.0f ? (strength < 1.0f ? strength : 1.0f) : 0.0f;
-    const float* values = lut.values.data();
-    alignas(16) int32_t lo[3][4], hi[3][4];
+    const __m128 weight = _mm_set1_ps(strength > 0.0f ? (strength < 1.0f ? strength : 1.0f) : 0.0f);
+    const float* entries = lut.paddedValues.data();
+    const int32_t rowStep = n, planeStep = n * n;
+    alignas(16) int32_t lo[3][4], step[3][4];
     int32_t x = 0;
     for (; x + 4 <= pixels; x += 4) {
+        // Lattice position, upper-neighbour step and weights of four pixels.
         __m128 f[3], g1[3];
         for (int c = 0; c < 3; ++c) {
             const __m128 v = _mm_loadu_ps(channel[c] + x);
             const __m128 pos = _mm_mul_ps(Clamp01(_mm_div_ps(_mm_sub_ps(v, low[c]), span[c])), last);
             const __m128i l = _mm_cvttps_epi32(pos);  // floor: pos is not negative
-            const __m128i h = _mm_add_epi32(l, _mm_and_si128(_mm_cmplt_epi32(l, lastIndex), oneI));
             _mm_store_si128(reinterpret_cast<__m128i*>(lo[c]), l);
-            _mm_store_si128(reinterpret_cast<__m128i*>(hi[c]), h);
+            _mm_store_si128(reinterpret_cast<__m128i*>(step[c]), _mm_and_si128(_mm_cmplt_epi32(l, lastIndex), oneI));
             f[c] = _mm_sub_ps(pos, _mm_cvtepi32_ps(l));
             g1[c] = _mm_sub_ps(one, f[c]);
         }
-        // Lanes are pixels; each channel's sum runs over the corners in the
-        // same order as the plain code, so every lane gets its bytes exactly.
-        __m128 acc[3] = {_mm_setzero_ps(), _mm_setzero_ps(), _mm_setzero_ps()};
+        const float* base[4];
+        int32_t offset[4][8];
+        for (int p = 0; p < 4; ++p) {
+            base[p] = entries + static_cast<size_t>(lo[0][p] + rowStep * (lo[1][p] + n * lo[2][p])) * 4;
+            const int32_t dr = step[0][p] * 4, dg = step[1][p] * rowStep * 4, db = step[2][p] * planeStep * 4;
+            const int32_t o[8] = {0, dr, dg, dr + dg, db, dr + db, dg + db, dr + dg + db};
+            std::memcpy(offset[p], o, sizeof(o));
+        }
+        // Per pixel, the lanes are red, green, blue and a spare: each
+        // channel's sum runs over the corners in the same order as the plain
+        // code, so every channel gets its bytes exactly. The four pixels'
+        // sums are interleaved so their loads overlap.
+        __m128 sum[4] = {_mm_setzero_ps(), _mm_setzero_ps(), _mm_setzero_ps(), _mm_setzero_ps()};
         for (int corner = 0; corner < 8; ++corner) {
             const __m128 wr = (corner & 1) ? f[0] : g1[0];
             const __m128 wg = (corner & 2) ? f[1] : g1[1];
             const __m128 wb = (corner & 4) ? f[2] : g1[2];
             const __m128 w = _mm_mul_ps(_mm_mul_ps(wr, wg), wb);
-            const float* entry[4];
-            for (int p = 0; p < 4; ++p) {
-                const int ir = (corner & 1) ? hi[0][p] : lo[0][p];
-                const int ig = (corner & 2) ? hi[1][p] : lo[1][p];
-                const int ib = (corner & 4) ? hi[2][p] : lo[2][p];
-                entry[p] = values + static_cast<size_t>(ir + n * (ig + n * ib)) * 3;
-            }
-            for (int c = 0; c < 3; ++c) {
-                const __m128 v = _mm_set_ps(entry[3][c], entry[2][c], entry[1][c], entry[0][c]);
-                acc[c] = _mm_add_ps(acc[c], _mm_mul_ps(w, v));
-            }
+            sum[0] = _mm_add_ps(sum[0], _mm_mul_ps(Lane<0>(w), _mm_loadu_ps(base[0] + offset[0][corner])));
+            sum[1] = _mm_add_ps(sum[1], _mm_mul_ps(Lane<1>(w), _mm_loadu_ps(base[1] + offset[1][corner])));
+            sum[2] = _mm_add_ps(sum[2], _mm_mul_ps(Lane<2>(w), _mm_loadu_ps(base[2] + offset[2][corner])));
+            sum[3] = _mm_add_ps(sum[3], _mm_mul_ps(Lane<3>(w), _mm_loadu_ps(base[3] + offset[3][corner])));
         }
-        const __m128 weight = _mm_set1_ps(s);
+        _MM_TRANSPOSE4_PS(sum[0], sum[1], sum[2], sum[3]);  // now red, green, blue of the four pixels
         for (int c = 0; c < 3; ++c) {
             const __m128 in = _mm_loadu_ps(channel[c] + x);
-            _mm_storeu_ps(channel[c] + x, Clamp01(_mm_add_ps(in, _mm_mul_ps(_mm_sub_ps(acc[c], in), weight))));
+            _mm_storeu_ps(channel[c] + x, Clamp01(_mm_add_ps(in, _mm_mul_ps(_mm_sub_ps(sum[c], in), weight))));
         }
     }
     return x;

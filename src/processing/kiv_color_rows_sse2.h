@@ -26,7 +26,8 @@ int32_t YuvBytesToFloatRow(const uint8_t* y, const uint8_t* u, const uint8_t* v,
 int32_t FloatRowToYuvBytes(const float* r, const float* g, const float* b, int32_t pixels, int32_t cs, int32_t range,
                            uint8_t* y, uint8_t* u, uint8_t* v);
 // ApplyLutFloat over planar float rows: the lattice positions and corner
-// weights of four pixels at a time, then the same per-pixel sums.
+// weights of four pixels at a time, then the same per-pixel sums over whole
+// table entries (paddedValues; without them it does nothing and returns 0).
 int32_t ApplyLutFloatRow(const Kiv3DLutData& lut, float strength, float* r, float* g, float* b, int32_t pixels);
 // Red, green, blue, x to blue, green, red, 255.
 int32_t RgbxRowToBgra(const uint8_t* rgbx, int32_t pixels, uint8_t* bgra);

@@ -208,6 +208,12 @@ void BuildRedGreenSteps(Kiv3DLutData* lut) {
     }
 }
 
+void BuildPaddedValues(Kiv3DLutData* lut) {
+    const size_t entries = lut->values.size() / 3;
+    lut->paddedValues.assign(entries * 4, 0.0f);
+    for (size_t i = 0; i < entries; ++i) std::memcpy(&lut->paddedValues[i * 4], &lut->values[i * 3], 3 * sizeof(float));
+}
+
 bool ReadWholeFile(const KivWChar* path, std::vector<char>* out) {
     if (!path || path[0] == 0 || !out) return false;
     std::FILE* f = OpenWideFile(path, "rb");
@@ -248,6 +254,7 @@ bool ParseCubeForColorEngine(const char* text, Kiv3DLutData* out) {
         out->bytes[i] = static_cast<uint8_t>(v * 255.0f + 0.5f);
     }
     BuildRedGreenSteps(out);
+    BuildPaddedValues(out);
     return true;
 }
 

@@ -21,6 +21,9 @@ struct Kiv3DLutData {
     // `bytes` with the same rounding, so lookups through it give identical
     // results; only the blue step is left per pixel.
     std::vector<uint32_t> redGreenSteps;
+    // `values` with a zero after each blue: N^3 * 4 floats, so the float
+    // lookup reads a whole entry with one vector load.
+    std::vector<float> paddedValues;
 };
 
 // The render port's table: 16-bit RGBA texels with an opaque alpha, ready to
@@ -44,7 +47,9 @@ bool ReadWholeFile(const KivWChar* path, std::vector<char>* out);
 bool ParseCubeForColorEngine(const char* text, Kiv3DLutData* out);
 bool ParseCubeForRender(const char* text, KivRenderLutData* out);
 
-// Fills redGreenSteps from dim and bytes (the parser does this itself).
+// Fill redGreenSteps from dim and bytes, and paddedValues from values (the
+// parser does both itself).
 void BuildRedGreenSteps(Kiv3DLutData* lut);
+void BuildPaddedValues(Kiv3DLutData* lut);
 
 }  // namespace kiv

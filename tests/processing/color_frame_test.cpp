@@ -200,7 +200,7 @@ TEST_F(ColorFrameTest, LargeFramesMatchTheReference) {
     // Wide rows exercise the vector paths and their tails.
     std::mt19937 rng(2);
     for (int32_t inFmt : {KIV_PIXEL_FORMAT_YUY2, KIV_PIXEL_FORMAT_RGB32, KIV_PIXEL_FORMAT_NV12}) {
-        for (int32_t outFmt : {KIV_PIXEL_FORMAT_RGB32, KIV_PIXEL_FORMAT_YUY2, KIV_PIXEL_FORMAT_RGB24}) {
+        for (int32_t outFmt : {KIV_PIXEL_FORMAT_RGB32, KIV_PIXEL_FORMAT_YUY2, KIV_PIXEL_FORMAT_RGB24, KIV_PIXEL_FORMAT_NV12}) {
             SCOPED_TRACE(testing::Message() << "in " << inFmt << " out " << outFmt);
             KivVideoColorEngineConfig config{2, 1, outFmt, 0, 0, 0.8f};
             ASSERT_EQ(KIV_SetVideoColorEngineConfig(handle, &config), KIV_OK);

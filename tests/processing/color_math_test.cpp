@@ -265,6 +265,7 @@ TEST(ColorLut, FloatRowLookupIsBitExactWithTheReferenceRule) {
         lut.values.resize(static_cast<size_t>(n) * n * n * 3);
         for (float& v : lut.values) v = std::uniform_real_distribution<float>(0.0f, 1.0f)(rng);
         lut.bytes.assign(lut.values.size(), 0);
+        kiv::BuildPaddedValues(&lut);
         const float domains[][6] = {{0, 0, 0, 1, 1, 1}, {0.1f, -0.2f, 0.3f, 0.9f, 1.4f, 0.5f}, {1, 1, 1, 0, 0, 0}};
         for (const auto& d : domains) {
             for (int c = 0; c < 3; ++c) {
