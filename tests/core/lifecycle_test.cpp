@@ -52,8 +52,6 @@ TEST(Version, ConstantsAnswerAsDocumented) {
     EXPECT_EQ(v.minor, 0);
     EXPECT_EQ(v.patch, 6);
     EXPECT_EQ(KIV_GetVersionEx(nullptr), nullptr);
-    // the API number is derived from the same three parts
-    EXPECT_EQ(KIV_GetApiVersion(), v.major * 10000 + v.minor * 100 + v.patch);
 }
 
 TEST_F(LifecycleTest, DefaultPipelineModeTakesOnlyZeroOrOne) {

@@ -1,10 +1,10 @@
 #include "log_file.h"
 
+#include "test_support.h"
+
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #ifdef _WIN32
 #include <process.h>
@@ -22,12 +22,7 @@ std::string ExpectedLogPath() {
     return (exe.parent_path() / "kivcapture.log").string();
 }
 
-std::string ReadLog() {
-    std::ifstream in(ExpectedLogPath(), std::ios::binary);
-    std::ostringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
+std::string ReadLog() { return ReadFile(ExpectedLogPath()); }
 
 bool LogExists() { return fs::exists(ExpectedLogPath()); }
 
@@ -49,12 +44,7 @@ std::vector<std::string> LogLines() {
     return lines;
 }
 
-int CountInLog(const std::string& text) {
-    const std::string log = ReadLog();
-    int count = 0;
-    for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + text.size())) ++count;
-    return count;
-}
+int CountInLog(const std::string& text) { return static_cast<int>(CountOf(ReadLog(), text)); }
 
 unsigned long OsProcessId() {
 #ifdef _WIN32

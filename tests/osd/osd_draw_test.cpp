@@ -30,7 +30,23 @@ struct Rgb32Canvas {
             for (int x = 0; x < out.width; ++x) n += Red(x, y) != 0;
         return n;
     }
+    // The picture row by row: '#' opaque red, '.' untouched, '?' anything else.
+    std::vector<std::string> RedRows() const {
+        std::vector<std::string> rows(static_cast<size_t>(out.height), std::string(static_cast<size_t>(out.width), '.'));
+        for (int y = 0; y < out.height; ++y)
+            for (int x = 0; x < out.width; ++x) rows[y][x] = Red(x, y) == 255 ? '#' : Red(x, y) == 0 ? '.' : '?';
+        return rows;
+    }
 };
+
+// The expected RedRows of a one-pixel outline with corners (x0, y0), (x1, y1).
+std::vector<std::string> Outline(int w, int h, int x0, int y0, int x1, int y1) {
+    std::vector<std::string> rows(static_cast<size_t>(h), std::string(static_cast<size_t>(w), '.'));
+    for (int y = y0; y <= y1; ++y)
+        for (int x = x0; x <= x1; ++x)
+            if (x == x0 || x == x1 || y == y0 || y == y1) rows[y][x] = '#';
+    return rows;
+}
 
 OsdItem Rect(int x, int y, int w, int h, int size, uint32_t color = 0xFFFF0000u, float opacity = 1.0f) {
     KivVideoOsdItem record = osdtest::Item(x, y, w, h);
@@ -40,50 +56,30 @@ OsdItem Rect(int x, int y, int w, int h, int size, uint32_t color = 0xFFFF0000u,
     return kiv::OsdItemFromRecord(record, kiv::kOsdRect);
 }
 
-TEST(OsdRect, NegativeWidthIsMirroredAndClipped) {
-    Rgb32Canvas c(32, 32);
-    kiv::OsdDrawRect(c.canvas, Rect(10, 10, -20, 5, 1));
-    // Columns -10..10 clip to 0..10; rows 10..15.
-    for (int x = 0; x <= 10; ++x) {
-        EXPECT_EQ(c.Red(x, 10), 255) << x;
-        EXPECT_EQ(c.Red(x, 15), 255) << x;
-    }
-    EXPECT_EQ(c.Red(11, 10), 0);
-    for (int y = 10; y <= 15; ++y) {
-        EXPECT_EQ(c.Red(0, y), 255);
-        EXPECT_EQ(c.Red(10, y), 255);
-    }
-    EXPECT_EQ(c.Red(5, 12), 0);  // an outline, never filled
-    EXPECT_EQ(c.Red(0, 9), 0);
-    EXPECT_EQ(c.Red(0, 16), 0);
-    EXPECT_EQ(c.CountRed(), 11 * 2 + 4 * 2);
-}
-
-TEST(OsdRect, NegativeHeightAndCanvasEdges) {
-    Rgb32Canvas c(16, 12);
-    kiv::OsdDrawRect(c.canvas, Rect(-5, 20, 100, -100, 1));
-    // Everything clips to the canvas: the outline runs along its border.
-    for (int x = 0; x < 16; ++x) {
-        EXPECT_EQ(c.Red(x, 0), 255);
-        EXPECT_EQ(c.Red(x, 11), 255);
-    }
-    for (int y = 0; y < 12; ++y) {
-        EXPECT_EQ(c.Red(0, y), 255);
-        EXPECT_EQ(c.Red(15, y), 255);
-    }
-    EXPECT_EQ(c.CountRed(), 16 * 2 + 10 * 2);
-}
-
-TEST(OsdRect, DegenerateRectanglesDrawNothing) {
-    Rgb32Canvas c(16, 16);
-    kiv::OsdDrawRect(c.canvas, Rect(4, 4, 0, 8, 2));      // no width
-    kiv::OsdDrawRect(c.canvas, Rect(4, 4, 8, 0, 2));      // no height
-    kiv::OsdDrawRect(c.canvas, Rect(-50, 2, 10, 8, 2));   // wholly left of the canvas
-    kiv::OsdDrawRect(c.canvas, Rect(2, 40, 10, 8, 2));    // wholly below
+TEST(OsdRect, OutlinesAreClippedToTheCanvasBeforeDrawing) {
     OsdItem hidden = Rect(2, 2, 8, 8, 2);
     hidden.visible = false;
-    kiv::OsdDrawRect(c.canvas, hidden);
-    EXPECT_EQ(c.CountRed(), 0);
+    const struct {
+        const char* what;
+        int w, h;
+        OsdItem item;
+        int x0, y0, x1, y1;  // the outline drawn; x0 < 0 when nothing is
+    } cases[] = {
+        {"negative width: columns -10..10 clip to 0..10", 32, 32, Rect(10, 10, -20, 5, 1), 0, 10, 10, 15},
+        {"negative height, overhanging every edge", 16, 12, Rect(-5, 20, 100, -100, 1), 0, 0, 15, 11},
+        {"plain RGB colour is opaque", 8, 8, Rect(0, 0, 7, 7, 1, 0x00FF0000u), 0, 0, 7, 7},
+        {"no width", 16, 16, Rect(4, 4, 0, 8, 2), -1, 0, 0, 0},
+        {"no height", 16, 16, Rect(4, 4, 8, 0, 2), -1, 0, 0, 0},
+        {"wholly left of the canvas", 16, 16, Rect(-50, 2, 10, 8, 2), -1, 0, 0, 0},
+        {"wholly below", 16, 16, Rect(2, 40, 10, 8, 2), -1, 0, 0, 0},
+        {"hidden", 16, 16, hidden, -1, 0, 0, 0},
+    };
+    for (const auto& k : cases) {
+        SCOPED_TRACE(k.what);
+        Rgb32Canvas c(k.w, k.h);
+        kiv::OsdDrawRect(c.canvas, k.item);
+        EXPECT_EQ(c.RedRows(), k.x0 < 0 ? Outline(k.w, k.h, 0, 0, -1, -1) : Outline(k.w, k.h, k.x0, k.y0, k.x1, k.y1));
+    }
 }
 
 TEST(OsdRect, CornersBlendTwiceAtHalfOpacity) {
@@ -117,12 +113,6 @@ TEST(OsdRect, ThicknessIsCappedAt32) {
     EXPECT_EQ(c.Red(50, 32), 0);
     EXPECT_EQ(c.Red(68, 50), 255);  // ring 31 of the right side
     EXPECT_EQ(c.Red(67, 50), 0);
-}
-
-TEST(OsdRect, PlainRgbColourIsOpaque) {
-    Rgb32Canvas c(8, 8);
-    kiv::OsdDrawRect(c.canvas, Rect(0, 0, 7, 7, 1, 0x00FF0000u));
-    EXPECT_EQ(c.Red(3, 0), 255);
 }
 
 struct FakeSetup {

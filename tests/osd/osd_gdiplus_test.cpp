@@ -10,7 +10,7 @@
 #include "test_support.h"
 
 using kivtest::OwnedFrame;
-using osdtest::FrameSink;
+using kivtest::FrameCatcher;
 
 namespace {
 
@@ -32,13 +32,13 @@ protected:
     void* source = KIV_CreateVideoFrameSource();
     void* osd = KIV_CreateVideoOsd();
     void* out = KIV_CreateVideoMux();
-    FrameSink sink;
+    FrameCatcher sink;
     OwnedFrame in{KIV_PIXEL_FORMAT_RGB32, kWidth, kHeight, 0};
 
     void SetUp() override {
         ASSERT_EQ(KIV_Connect(source, osd), KIV_OK);
         ASSERT_EQ(KIV_ConnectVideoOsdOutput(osd, 1, out), KIV_OK);
-        KIV_SetVideoFrameCallback(out, FrameSink::OnFrame, &sink);
+        KIV_SetVideoFrameCallback(out, FrameCatcher::OnFrame, &sink);
     }
     void TearDown() override {
         KIV_Disconnect(source, osd);

@@ -1,11 +1,10 @@
 // Shared helpers of the overlay tests: a scripted rasteriser, an item record
-// builder and a sink that keeps copies of the frames it receives.
+// builder and a BMP writer.
 #pragma once
 #include <cstdint>
 #include <cstring>
 #include <fstream>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -125,40 +124,5 @@ void SetText(KivWChar (&field)[N], const char* ascii) {
     for (; ascii[i] && i + 1 < N; ++i) field[i] = static_cast<KivWChar>(ascii[i]);
     field[i] = 0;
 }
-
-// Keeps a copy of every frame given to its callback; attach it to a video mux
-// so the overlay's outputs are observed as an application would.
-struct FrameSink {
-    struct Copy {
-        KivVideoFrame frame{};
-        std::vector<uint8_t> plane0, plane1;
-    };
-    std::mutex mutex;
-    std::vector<Copy> frames;
-    const KivVideoFrame* lastPointer = nullptr;
-
-    static void KIV_CALL OnFrame(const KivVideoFrame* frame, void* user) {
-        auto* self = static_cast<FrameSink*>(user);
-        Copy copy;
-        copy.frame = *frame;
-        const int32_t h = frame->height;
-        if (frame->format == KIV_PIXEL_FORMAT_MJPG || frame->format == KIV_PIXEL_FORMAT_H264) {
-            copy.plane0.assign(frame->planes[0], frame->planes[0] + frame->strides[0]);
-        } else {
-            copy.plane0.assign(frame->planes[0], frame->planes[0] + static_cast<size_t>(frame->strides[0]) * h);
-            if (frame->format == KIV_PIXEL_FORMAT_NV12 && frame->planes[1]) {
-                copy.plane1.assign(frame->planes[1],
-                                   frame->planes[1] + static_cast<size_t>(frame->strides[1]) * ((h + 1) / 2));
-            }
-        }
-        std::lock_guard<std::mutex> lock(self->mutex);
-        self->lastPointer = frame;
-        self->frames.push_back(std::move(copy));
-    }
-    size_t Count() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return frames.size();
-    }
-};
 
 }  // namespace osdtest

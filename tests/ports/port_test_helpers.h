@@ -72,9 +72,6 @@ public:
     std::atomic<int> audio{0};
 };
 
-}  // namespace porttest
-
-namespace porttest {
 
 // A pass-through filter: emits every video frame it receives.
 class ForwardingPort : public KivPortBase {

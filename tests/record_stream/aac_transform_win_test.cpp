@@ -205,24 +205,19 @@ TEST_P(AacTransformPump, ConfiguresPumpsDrainsAndReleases) {
         EXPECT_EQ(report.outputBufferSize, 16384u) << "4096 reported, 16384 used";
         EXPECT_EQ(report.providesSamples, GetParam());
 
+        // PCM in: rate, channels, bits, block alignment, bytes a second, independent samples.
         EXPECT_TRUE(IsEqualGUID(fake.inSubtype, MFAudioFormat_PCM));
-        EXPECT_EQ(fake.inRate, 48000u);
-        EXPECT_EQ(fake.inChannels, 2u);
-        EXPECT_EQ(fake.inBits, 16u);
-        EXPECT_EQ(fake.inAlign, 4u);
-        EXPECT_EQ(fake.inAvg, 192000u);
-        EXPECT_EQ(fake.inIndependent, 1u);
+        EXPECT_EQ((std::vector<UINT32>{fake.inRate, fake.inChannels, fake.inBits, fake.inAlign, fake.inAvg,
+                                       fake.inIndependent}),
+                  (std::vector<UINT32>{48000, 2, 16, 4, 192000, 1}));
+        // AAC out: rate, channels, bits, bytes a second, block alignment, profile.
         EXPECT_TRUE(IsEqualGUID(fake.outSubtype, MFAudioFormat_AAC));
-        EXPECT_EQ(fake.outRate, 48000u);
-        EXPECT_EQ(fake.outChannels, 2u);
-        EXPECT_EQ(fake.outBits, 16u);
-        EXPECT_EQ(fake.outAvg, 16000u);
-        EXPECT_EQ(fake.outAlign, 1u);
-        EXPECT_EQ(fake.outProfile, 0x29u);
+        EXPECT_EQ((std::vector<UINT32>{fake.outRate, fake.outChannels, fake.outBits, fake.outAvg, fake.outAlign,
+                                       fake.outProfile}),
+                  (std::vector<UINT32>{48000, 2, 16, 16000, 1, 0x29}));
         EXPECT_FALSE(fake.outPayloadTypeSet) << "raw access units are the default";
-        ASSERT_EQ(fake.messages.size(), 2u);
-        EXPECT_EQ(fake.messages[0], MFT_MESSAGE_NOTIFY_BEGIN_STREAMING);
-        EXPECT_EQ(fake.messages[1], MFT_MESSAGE_NOTIFY_START_OF_STREAM);
+        EXPECT_EQ(fake.messages, (std::vector<MFT_MESSAGE_TYPE>{MFT_MESSAGE_NOTIFY_BEGIN_STREAMING,
+                                                                 MFT_MESSAGE_NOTIFY_START_OF_STREAM}));
 
         // Ten buffers of 20 ms: 9600 frames make 9 full access units.
         Collector sink;
@@ -234,8 +229,8 @@ TEST_P(AacTransformPump, ConfiguresPumpsDrainsAndReleases) {
         ASSERT_EQ(fake.inputTimes.size(), 10u);
         EXPECT_EQ(fake.inputTimes[3], 600000);
         EXPECT_EQ(fake.inputDurations[3], 200000);
-        for (DWORD id : fake.inputIds) EXPECT_EQ(id, 3u);
-        for (DWORD id : fake.outputIds) EXPECT_EQ(id, 5u);
+        EXPECT_EQ(fake.inputIds, std::vector<DWORD>(fake.inputIds.size(), 3));
+        EXPECT_EQ(fake.outputIds, std::vector<DWORD>(fake.outputIds.size(), 5));
         if (!GetParam()) {
             EXPECT_GE(fake.smallestOutputBuffer, 16384u);
         }

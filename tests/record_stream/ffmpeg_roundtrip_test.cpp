@@ -4,7 +4,6 @@
 // must match the frames decoded from the original elementary stream.
 #include <gtest/gtest.h>
 
-#include <map>
 #include <sstream>
 
 #include "aac_config.h"
@@ -35,34 +34,6 @@ struct StreamCase {
 std::string Dir() {
     static const std::string dir = kivtest::TempDir("record_stream_ffmpeg");
     return dir;
-}
-
-std::map<std::string, std::string> Probe(const std::string& args) {
-    std::string out;
-    Run("ffprobe -v error " + args + " -of default=nw=1 2>&1", &out);
-    std::map<std::string, std::string> values;
-    std::istringstream lines(out);
-    std::string line;
-    while (std::getline(lines, line)) {
-        const size_t eq = line.find('=');
-        if (eq != std::string::npos && !values.count(line.substr(0, eq))) values[line.substr(0, eq)] = line.substr(eq + 1);
-    }
-    return values;
-}
-
-// Checksums of the decoded frames of one stream, in output order.
-std::vector<std::string> DecodedFrameHashes(const std::string& path, const std::string& map) {
-    std::string out;
-    const int status = Run("ffmpeg -v error -i '" + path + "' -map " + map + " -fps_mode passthrough -f framemd5 - 2>&1", &out);
-    std::vector<std::string> hashes;
-    if (status != 0) return {"ffmpeg failed: " + out};
-    std::istringstream lines(out);
-    std::string line;
-    while (std::getline(lines, line)) {
-        if (line.empty() || line[0] == '#') continue;
-        hashes.push_back(line.substr(line.rfind(',') + 1));
-    }
-    return hashes;
 }
 
 std::string MakeVideo(const StreamCase& c) {

@@ -108,33 +108,15 @@ TEST(Mp4Layout, FtypThen64BitMdatThenMoovWithCo64) {
     EXPECT_EQ(U32(file, mvhd.payload + 20), 10000000u);
     EXPECT_EQ(U64(file, mvhd.payload + 24), 1200000u);
 
+    // Sample bytes and the avcC record are proven by decoding real streams in
+    // the round-trip tests; here the table layout ffmpeg does not insist on.
     const TrackTables t = ReadTables(file, 0);
     EXPECT_FALSE(t.hasStco);
     ASSERT_EQ(t.offsets.size(), 3u);
-    for (size_t i = 0; i < frames.size(); ++i) {
-        const Bytes expected = LengthPrefixed(NalUnits(frames[i]));
-        ASSERT_EQ(t.sizes[i], expected.size());
-        EXPECT_EQ(Bytes(file.begin() + long(t.offsets[i]), file.begin() + long(t.offsets[i] + t.sizes[i])), expected);
-    }
     EXPECT_EQ(t.offsets[0], 52u) << "the first sample follows the mdat header";
-    EXPECT_TRUE(t.hasStss);
+    for (size_t i = 0; i < frames.size(); ++i) EXPECT_EQ(t.sizes[i], LengthPrefixed(NalUnits(frames[i])).size());
     EXPECT_EQ(t.stss, std::vector<uint32_t>{1});
     EXPECT_EQ(t.stts, (std::vector<std::pair<uint32_t, uint32_t>>{{3, 400000}}));
-
-    Box avcC;
-    ASSERT_TRUE(FindBox(file, "moov/trak/mdia/minf/stbl/stsd", &avcC));
-    // stsd payload: version/flags, count, then the avc1 entry; avcC closes it.
-    const uint64_t avc1 = avcC.payload + 8;
-    EXPECT_EQ(std::string(file.begin() + long(avc1 + 4), file.begin() + long(avc1 + 8)), "avc1");
-    EXPECT_EQ(U32(file, avc1 + 8 + 24) >> 16, 320u);
-    const uint64_t avcCBox = avc1 + 8 + 78;
-    EXPECT_EQ(std::string(file.begin() + long(avcCBox + 4), file.begin() + long(avcCBox + 8)), "avcC");
-    const Bytes record(file.begin() + long(avcCBox + 8), file.begin() + long(avcCBox + U32(file, avcCBox)));
-    Bytes expected = {1, 0x4D, 0x40, 0x1F, 0xFF, 0xE1, 0, uint8_t(kSps.size())};
-    expected.insert(expected.end(), kSps.begin(), kSps.end());
-    expected.insert(expected.end(), {1, 0, uint8_t(kPps.size())});
-    expected.insert(expected.end(), kPps.begin(), kPps.end());
-    EXPECT_EQ(record, expected) << "Main profile: no extension bytes";
 }
 
 TEST(Mp4Layout, SampleDurationsFollowTheRecordedTimes) {
@@ -177,32 +159,15 @@ TEST(Mp4Layout, AudioTrackCarriesTheAudioSpecificConfig) {
     ASSERT_TRUE(writer.WriteAudioSample(au.data(), au.size(), 4 * 232199, 232199));
     ASSERT_TRUE(writer.Finalize());
 
+    // ffprobe reads the track's codec, channels and decoded audio in the
+    // round-trip tests; here the 44.1 kHz time scale and the sample tables.
     const Bytes file = ReadAll(path);
-    Box mdhd;
-    ASSERT_TRUE(FindBox(file, "moov/trak/mdia/mdhd", &mdhd, 0));
-    Box audioTrak;
+    Box audioTrak, mdhd;
     ASSERT_TRUE(FindBox(file, "moov/trak", &audioTrak, 1));
     const Bytes trak(file.begin() + long(audioTrak.offset), file.begin() + long(audioTrak.offset + audioTrak.size));
-    Box hdlr, audioMdhd, esds, smhd;
-    ASSERT_TRUE(FindBox(trak, "trak/mdia/hdlr", &hdlr));
-    EXPECT_EQ(std::string(trak.begin() + long(hdlr.payload + 8), trak.begin() + long(hdlr.payload + 12)), "soun");
-    ASSERT_TRUE(FindBox(trak, "trak/mdia/mdhd", &audioMdhd));
-    EXPECT_EQ(U32(trak, audioMdhd.payload + 20), 44100u);
-    EXPECT_EQ(U64(trak, audioMdhd.payload + 24), 5u * 1024);
-    EXPECT_TRUE(FindBox(trak, "trak/mdia/minf/smhd", &smhd));
-    Box stsd;
-    ASSERT_TRUE(FindBox(trak, "trak/mdia/minf/stbl/stsd", &stsd));
-    const uint64_t mp4a = stsd.payload + 8;
-    EXPECT_EQ(std::string(trak.begin() + long(mp4a + 4), trak.begin() + long(mp4a + 8)), "mp4a");
-    EXPECT_EQ(U32(trak, mp4a + 8 + 16) >> 16, 2u) << "channels";
-    EXPECT_EQ(U32(trak, mp4a + 8 + 24), 44100u << 16);
-    const uint64_t esdsAt = mp4a + 8 + 28;
-    EXPECT_EQ(std::string(trak.begin() + long(esdsAt + 4), trak.begin() + long(esdsAt + 8)), "esds");
-    // The decoder specific info (tag 5, length 2) holds 12 10.
-    const Bytes esdsBytes(trak.begin() + long(esdsAt), trak.begin() + long(esdsAt + U32(trak, esdsAt)));
-    const Bytes dsi = {5, 2, 0x12, 0x10, 6, 1, 2};
-    EXPECT_NE(std::search(esdsBytes.begin(), esdsBytes.end(), dsi.begin(), dsi.end()), esdsBytes.end());
-
+    ASSERT_TRUE(FindBox(trak, "trak/mdia/mdhd", &mdhd));
+    EXPECT_EQ(U32(trak, mdhd.payload + 20), 44100u);
+    EXPECT_EQ(U64(trak, mdhd.payload + 24), 5u * 1024);
     const TrackTables t = ReadTables(file, 1);
     EXPECT_FALSE(t.hasStss);
     EXPECT_EQ(t.stts, (std::vector<std::pair<uint32_t, uint32_t>>{{5, 1024}}));
@@ -233,7 +198,7 @@ TEST(Mp4Layout, AvcCExtensionOnlyForHighProfiles) {
     EXPECT_FALSE(kiv::BuildAvcC(kSps.data(), kSps.size(), kPps.data(), 0, info, &record));
 }
 
-TEST(Mp4Layout, OpenRefusesBadParametersWithoutCreatingAFile) {
+TEST(Mp4Layout, OpenRefusesBadParametersAndEmptyFilesStayValid) {
     const std::string path = TempFile("refused.mp4");
     std::remove(path.c_str());
     const auto wide = WidePath(path);
@@ -256,14 +221,12 @@ TEST(Mp4Layout, OpenRefusesBadParametersWithoutCreatingAFile) {
     const Bytes frame = AnnexB({kIdr});
     EXPECT_FALSE(writer.WriteVideoSample(frame.data(), frame.size(), 0, 1, true));
     EXPECT_FALSE(writer.Finalize());
-}
 
-TEST(Mp4Layout, ClosingWithoutVideoLeavesTheMdatSizeZero) {
-    const std::string path = TempFile("empty.mp4");
-    kiv::Mp4Writer writer;
-    ASSERT_EQ(writer.Open(WidePath(path).c_str(), 320, 240, kSps, kPps, MainInfo()), kiv::Mp4OpenResult::kOk);
+    // A sample without any NAL unit is refused; closing then leaves an empty
+    // 64-bit mdat.
+    ASSERT_EQ(writer.Open(wide.c_str(), 320, 240, kSps, kPps, MainInfo()), kiv::Mp4OpenResult::kOk);
     const Bytes notAnnexB = {0x65, 1, 2};
-    EXPECT_FALSE(writer.WriteVideoSample(notAnnexB.data(), notAnnexB.size(), 0, 1, true)) << "no NAL unit";
+    EXPECT_FALSE(writer.WriteVideoSample(notAnnexB.data(), notAnnexB.size(), 0, 1, true));
     EXPECT_TRUE(writer.Finalize());
     const Bytes file = ReadAll(path);
     ASSERT_EQ(file.size(), 52u);

@@ -110,7 +110,7 @@ TEST_F(RecorderApi, LogLinesOfConfigurationStartAndCallbacks) {
     ASSERT_EQ(KIV_SetRecorderAudioCallback(rec, nullptr, nullptr), KIV_OK);
     ASSERT_EQ(KIV_Start(rec), KIV_OK);
     ASSERT_EQ(KIV_Stop(rec), KIV_OK);
-    const std::string log = rectest::ReadLog();
+    const std::string log = kivtest::LibraryLog();
     KIV_EnableLog(0);
     EXPECT_NE(log.find("[kiv_recorder.cpp:"), std::string::npos);
     EXPECT_NE(log.find("] Recorder config file=/tmp/kivtest_recorder_api/c.mp4 size=640x360 inputFps=25 recordFps=0 "
@@ -144,7 +144,7 @@ TEST_F(RecorderApi, EncodePathWithoutAPlatformEncoderFailsCleanly) {
     }
     EXPECT_EQ(Stats(rec).encodedFrames, 0);
     EXPECT_EQ(KIV_Stop(rec), KIV_OK);
-    const std::string log = rectest::ReadLog();
+    const std::string log = kivtest::LibraryLog();
     KIV_EnableLog(0);
 #if defined(_WIN32)
     // Systems without the sink writer refuse at its creation.
@@ -152,8 +152,7 @@ TEST_F(RecorderApi, EncodePathWithoutAPlatformEncoderFailsCleanly) {
 #else
     const std::string failure = "] MFCreateSinkWriterFromURL failed hr=0x80004001 file=" + file + "\r\n";
 #endif
-    size_t at = 0, count = 0;
-    while ((at = log.find(failure, at)) != std::string::npos) ++count, ++at;
+    const size_t count = kivtest::CountOf(log, failure);
     if (count > 0) {
         EXPECT_EQ(count, 3u) << "every frame tries to open the file again";
         EXPECT_FALSE(std::filesystem::exists(file));

@@ -73,12 +73,6 @@ protected:
         ASSERT_TRUE(rectest::WaitUntil([&] { return Stats(recorder_).inputFrames == pushed_; }));
     }
 
-    static size_t Count(const std::string& log, const std::string& text) {
-        size_t n = 0;
-        for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++n;
-        return n;
-    }
-
     kivtest::LibraryScope library_;
     void* source_ = nullptr;
     void* recorder_ = nullptr;
@@ -96,13 +90,13 @@ TEST_F(RecorderPassThrough, WaitsForParameterSetsAndLogsEveryThirtiethDrop) {
     const KivRecorderStats s = Stats(recorder_);
     EXPECT_EQ(s.droppedFrames, 61);
     EXPECT_EQ(s.encodedFrames, 2);
-    const std::string log = rectest::ReadLog();
+    const std::string log = kivtest::LibraryLog();
     const std::string waiting = "] Raw H264 recorder waiting for SPS/PPS before MP4 writer start dropped=";
-    EXPECT_EQ(Count(log, waiting), 3u);
-    EXPECT_EQ(Count(log, waiting + "1 sampleBytes=9\r\n"), 1u);
-    EXPECT_EQ(Count(log, waiting + "31 sampleBytes=9\r\n"), 1u);
-    EXPECT_EQ(Count(log, waiting + "61 sampleBytes=9\r\n"), 1u);
-    EXPECT_EQ(Count(log, "] Raw H264 first sample source=AnnexB inputBytes=8 annexBBytes=9 nalCount=1 firstNal=1 key=0 "
+    EXPECT_EQ(kivtest::CountOf(log, waiting), 3u);
+    EXPECT_EQ(kivtest::CountOf(log, waiting + "1 sampleBytes=9\r\n"), 1u);
+    EXPECT_EQ(kivtest::CountOf(log, waiting + "31 sampleBytes=9\r\n"), 1u);
+    EXPECT_EQ(kivtest::CountOf(log, waiting + "61 sampleBytes=9\r\n"), 1u);
+    EXPECT_EQ(kivtest::CountOf(log, "] Raw H264 first sample source=AnnexB inputBytes=8 annexBBytes=9 nalCount=1 firstNal=1 key=0 "
                          "sps=0 pps=0\r\n"),
               1u);
     EXPECT_TRUE(std::filesystem::exists(dir + "/wait.mp4"));
@@ -117,14 +111,14 @@ TEST_F(RecorderPassThrough, AWriterThatCannotOpenDisablesThePathUntilTheNextStar
     EXPECT_EQ(Stats(recorder_).droppedFrames, 242);
     EXPECT_EQ(Stats(recorder_).encodedFrames, 0);
     ASSERT_EQ(KIV_Stop(recorder_), KIV_OK);
-    const std::string log = rectest::ReadLog();
-    EXPECT_EQ(Count(log, "] Raw H264 custom MP4 open failed file="), 1u);
-    EXPECT_EQ(Count(log, "] Raw H264 recorder fatal: writer init failed. Stop direct record and inspect "
+    const std::string log = kivtest::LibraryLog();
+    EXPECT_EQ(kivtest::CountOf(log, "] Raw H264 custom MP4 open failed file="), 1u);
+    EXPECT_EQ(kivtest::CountOf(log, "] Raw H264 recorder fatal: writer init failed. Stop direct record and inspect "
                          "sequence-header/media-type logs above.\r\n"),
               1u);
     const std::string disabled = "] Raw H264 recorder disabled after fatal writer init failure. dropped=";
-    EXPECT_EQ(Count(log, disabled), 1u);
-    EXPECT_EQ(Count(log, disabled + "241 input=241\r\n"), 1u);
+    EXPECT_EQ(kivtest::CountOf(log, disabled), 1u);
+    EXPECT_EQ(kivtest::CountOf(log, disabled + "241 input=241\r\n"), 1u);
     EXPECT_FALSE(std::filesystem::exists(dir + "/missing-folder"));
 
     Start(dir + "/good.mp4");
@@ -157,11 +151,11 @@ TEST_F(RecorderPassThrough, EncodedPacketsDescribeEachWrittenFrame) {
         EXPECT_EQ(p.height, 240);
         EXPECT_EQ(p.size, i == 0 ? 4 + 10 + 4 + 4 + 4 + 5 : 4 + 5);  // normalised to 4-byte start codes
     }
-    const std::string log = rectest::ReadLog();
-    EXPECT_EQ(Count(log, "] Raw H264 custom MP4 sequence header sps=10 pps=4 profile=66 level=30 chroma=1 "
+    const std::string log = kivtest::LibraryLog();
+    EXPECT_EQ(kivtest::CountOf(log, "] Raw H264 custom MP4 sequence header sps=10 pps=4 profile=66 level=30 chroma=1 "
                          "bitDepth=8/8 parsed=1\r\n"),
               1u);
-    EXPECT_EQ(Count(log, "] Raw H264 custom MP4 finalize segment=0 file="), 1u);
+    EXPECT_EQ(kivtest::CountOf(log, "] Raw H264 custom MP4 finalize segment=0 file="), 1u);
 }
 
 }  // namespace

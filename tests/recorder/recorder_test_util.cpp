@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <thread>
 
-#include "kiv_state.h"
 #include "test_support.h"
 
 namespace rectest {
@@ -110,39 +109,6 @@ KivRecorderConfig Config(const std::string& path) {
     const auto wide = kivtest::Wide(path);
     std::copy(wide.begin(), wide.end(), c.filePath);
     return c;
-}
-
-std::string ReadLog() { return kivtest::ReadFile(kiv::LogFilePath()); }
-
-std::string Run(const std::string& command, int* status) {
-    std::string out;
-#if defined(_WIN32)
-    (void)command;
-    if (status) *status = -1;
-#else
-    FILE* pipe = popen(command.c_str(), "r");
-    if (!pipe) {
-        if (status) *status = -1;
-        return out;
-    }
-    char buffer[4096];
-    size_t n;
-    while ((n = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0) out.append(buffer, n);
-    const int rc = pclose(pipe);
-    if (status) *status = rc;
-#endif
-    return out;
-}
-
-bool HaveFfmpeg() {
-#if defined(_WIN32)
-    return false;
-#else
-    int a = -1, b = -1;
-    Run("ffmpeg -version >/dev/null 2>&1", &a);
-    Run("ffprobe -version >/dev/null 2>&1", &b);
-    return a == 0 && b == 0;
-#endif
 }
 
 }  // namespace rectest

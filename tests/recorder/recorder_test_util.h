@@ -1,5 +1,5 @@
 // Helpers shared by the recorder tests: a scripted encoder, waiting for the
-// worker, the log file and the ffmpeg tools.
+// worker.
 #pragma once
 #include <chrono>
 #include <condition_variable>
@@ -60,12 +60,5 @@ struct Nv12Frame {
 };
 
 KivRecorderConfig Config(const std::string& path);
-
-// The library log, read whole; empty when logging is off.
-std::string ReadLog();
-
-// Runs a shell command and returns its standard output; *status gets the exit code.
-std::string Run(const std::string& command, int* status = nullptr);
-bool HaveFfmpeg();
 
 }  // namespace rectest

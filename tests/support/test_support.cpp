@@ -15,6 +15,7 @@
 #define KIVTEST_PID getpid()
 #endif
 
+#include "../../src/core/kiv_state.h"
 #include "../../src/ports/kiv_frame.h"
 
 namespace kivtest {
@@ -29,6 +30,33 @@ OwnedFrame::OwnedFrame(int32_t format, int32_t width, int32_t height, uint8_t fi
     const int64_t need = kiv::RequiredFrameBytes(format, width, height);
     bytes.assign(static_cast<size_t>(need > 0 ? need : 1), fill);
     kiv::FillPackedLayout(&frame, bytes.data());
+}
+
+FrameCatcher::FrameCatcher(void* port) { KIV_SetVideoFrameCallback(port, &FrameCatcher::OnFrame, this); }
+
+void KIV_CALL FrameCatcher::OnFrame(const KivVideoFrame* f, void* user) {
+    CaughtFrame c;
+    c.meta = *f;
+    c.record = f;
+    c.originalPlane0 = f->planes[0];
+    const size_t stride0 = f->strides[0] > 0 ? static_cast<size_t>(f->strides[0]) : 0;
+    if (f->planes[0] && !kiv::IsUncompressed(f->format)) {
+        c.plane0.assign(f->planes[0], f->planes[0] + stride0);
+    } else if (f->planes[0] && f->height > 0) {
+        c.plane0.assign(f->planes[0], f->planes[0] + stride0 * static_cast<size_t>(f->height));
+    }
+    if (f->format == KIV_PIXEL_FORMAT_NV12 && f->planes[1] && f->strides[1] > 0 && f->height > 0) {
+        c.plane1.assign(f->planes[1],
+                        f->planes[1] + static_cast<size_t>(f->strides[1]) * static_cast<size_t>((f->height + 1) / 2));
+    }
+    auto* self = static_cast<FrameCatcher*>(user);
+    std::lock_guard<std::mutex> lock(self->mutex_);
+    self->frames.push_back(std::move(c));
+}
+
+size_t FrameCatcher::Count() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return frames.size();
 }
 
 std::basic_string<KivWChar> Wide(const std::string& text) {
@@ -59,6 +87,14 @@ std::string ReadFile(const std::string& path) {
     std::ostringstream ss;
     ss << in.rdbuf();
     return ss.str();
+}
+
+std::string LibraryLog() { return ReadFile(kiv::LogFilePath()); }
+
+size_t CountOf(const std::string& text, const std::string& what) {
+    size_t count = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++count;
+    return count;
 }
 
 std::string TempDir(const std::string& name) {

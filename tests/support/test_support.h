@@ -1,6 +1,7 @@
 // Helpers shared by the test suites.
 #pragma once
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -21,11 +22,41 @@ struct OwnedFrame {
     OwnedFrame(int32_t format, int32_t width, int32_t height, uint8_t fill = 0);
 };
 
+// A video frame handed to a callback: the record, where it and its first
+// plane were, and copies of the planes (height rows of strides[0] bytes; NV12
+// chroma rows; compressed frames: strides[0] payload bytes).
+struct CaughtFrame {
+    KivVideoFrame meta{};
+    const KivVideoFrame* record = nullptr;
+    const uint8_t* originalPlane0 = nullptr;
+    std::vector<uint8_t> plane0, plane1;
+};
+
+// Keeps every frame a port hands to its video callback.
+class FrameCatcher {
+public:
+    FrameCatcher() = default;
+    // Installs itself as the port's video frame callback.
+    explicit FrameCatcher(void* port);
+    static void KIV_CALL OnFrame(const KivVideoFrame* frame, void* user);
+    size_t Count();
+    std::vector<CaughtFrame> frames;
+
+private:
+    std::mutex mutex_;
+};
+
 // UTF-16 copy of an ASCII/UTF-8 string for the wide-character interfaces.
 std::basic_string<KivWChar> Wide(const std::string& text);
 
 // Reads a whole file; empty when it cannot be opened.
 std::string ReadFile(const std::string& path);
+
+// The library's log file, read whole; empty when logging never started.
+std::string LibraryLog();
+
+// How many times `what` occurs in `text` (overlapping matches count).
+size_t CountOf(const std::string& text, const std::string& what);
 
 // A fresh folder for a test's files under the system temp folder; the
 // process id keeps concurrent runs of the same suite apart.

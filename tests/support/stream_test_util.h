@@ -2,6 +2,7 @@
 // and running the ffmpeg tools.
 #pragma once
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -71,7 +72,16 @@ bool WriteAll(const std::string& path, const Bytes& data);
 std::basic_string<KivWChar> WidePath(const std::string& path);
 
 // Runs a shell command; returns its exit status and standard output.
+// The ffmpeg tools run only in the native build: elsewhere Run fails.
 int Run(const std::string& command, std::string* output = nullptr);
 bool HaveFfmpegTools();
+
+// "key=value" lines of `ffprobe -v error <args> -of default=nw=1`; the first
+// value of each key is kept.
+std::map<std::string, std::string> Probe(const std::string& args);
+
+// framemd5 checksums of the decoded frames of one stream ("0:v", "0:a") in
+// output order; a single "ffmpeg failed" entry when decoding fails.
+std::vector<std::string> DecodedFrameHashes(const std::string& path, const std::string& map = "0:v");
 
 }  // namespace streamtest

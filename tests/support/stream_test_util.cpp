@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 
 namespace streamtest {
 
@@ -229,6 +230,32 @@ bool HaveFfmpegTools() {
 #else
     return Run("ffmpeg -version >/dev/null 2>&1") == 0 && Run("ffprobe -version >/dev/null 2>&1") == 0;
 #endif
+}
+
+std::map<std::string, std::string> Probe(const std::string& args) {
+    std::string out;
+    Run("ffprobe -v error " + args + " -of default=nw=1 2>&1", &out);
+    std::map<std::string, std::string> values;
+    std::istringstream lines(out);
+    std::string line;
+    while (std::getline(lines, line)) {
+        const size_t eq = line.find('=');
+        if (eq != std::string::npos) values.emplace(line.substr(0, eq), line.substr(eq + 1));
+    }
+    return values;
+}
+
+std::vector<std::string> DecodedFrameHashes(const std::string& path, const std::string& map) {
+    std::string out;
+    const int status = Run("ffmpeg -v error -i '" + path + "' -map " + map + " -fps_mode passthrough -f framemd5 - 2>&1", &out);
+    if (status != 0) return {"ffmpeg failed: " + out};
+    std::vector<std::string> hashes;
+    std::istringstream lines(out);
+    std::string line;
+    while (std::getline(lines, line)) {
+        if (!line.empty() && line[0] != '#') hashes.push_back(line.substr(line.rfind(',') + 1));
+    }
+    return hashes;
 }
 
 }  // namespace streamtest
