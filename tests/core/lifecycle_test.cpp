@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "kivcapture.h"
+#include "ports/kiv_port_base.h"
 
 namespace {
 
@@ -30,17 +31,18 @@ void* KIV_CALL CreateRecorderWithText() { return KIV_CreateRecorder("kivcapture"
 struct Creator {
     const char* name;
     CreateFn create;
+    int32_t type;
 };
 
 const Creator kCreators[] = {
-    {"KIV_CreateVideoFrameSource", KIV_CreateVideoFrameSource},
-    {"KIV_CreateVideoMux", KIV_CreateVideoMux},
-    {"KIV_CreateAudioMux", KIV_CreateAudioMux},
-    {"KIV_CreateVideoOsd", KIV_CreateVideoOsd},
-    {"KIV_CreateVideoCrop", KIV_CreateVideoCrop},
-    {"KIV_CreateVideoColorEngine", KIV_CreateVideoColorEngine},
-    {"KIV_CreateRecorder(null)", CreateRecorderWithoutText},
-    {"KIV_CreateRecorder(text)", CreateRecorderWithText},
+    {"KIV_CreateVideoFrameSource", KIV_CreateVideoFrameSource, KIV_PORT_VIDEO_FRAME_SOURCE},
+    {"KIV_CreateVideoMux", KIV_CreateVideoMux, KIV_PORT_VIDEO_MUX},
+    {"KIV_CreateAudioMux", KIV_CreateAudioMux, KIV_PORT_AUDIO_MUX},
+    {"KIV_CreateVideoOsd", KIV_CreateVideoOsd, KIV_PORT_VIDEO_OSD},
+    {"KIV_CreateVideoCrop", KIV_CreateVideoCrop, KIV_PORT_VIDEO_CROP},
+    {"KIV_CreateVideoColorEngine", KIV_CreateVideoColorEngine, KIV_PORT_VIDEO_COLOR_ENGINE},
+    {"KIV_CreateRecorder(null)", CreateRecorderWithoutText, KIV_PORT_RECORDER},
+    {"KIV_CreateRecorder(text)", CreateRecorderWithText, KIV_PORT_RECORDER},
 };
 
 TEST(Version, ConstantsAnswerAsDocumented) {
@@ -82,6 +84,7 @@ TEST_F(LifecycleTest, CreationNeedsInit) {
     for (const Creator& c : kCreators) {
         void* port = c.create();
         ASSERT_NE(port, nullptr) << c.name;
+        EXPECT_EQ(static_cast<KivPortBase*>(port)->Type(), c.type) << c.name;
         EXPECT_EQ(KIV_DestroyPort(port), KIV_OK) << c.name;
     }
     ASSERT_EQ(KIV_Shutdown(), KIV_OK);

@@ -55,15 +55,6 @@ protected:
     void TearDown() override { EXPECT_EQ(KIV_DestroyPort(osd), KIV_OK); }
 };
 
-TEST(OsdCreate, NeedsAnInitialisedLibrary) {
-    EXPECT_EQ(KIV_CreateVideoOsd(), nullptr);
-    LibraryScope library;
-    void* osd = KIV_CreateVideoOsd();
-    ASSERT_NE(osd, nullptr);
-    EXPECT_EQ(static_cast<KivPortBase*>(osd)->Type(), KIV_PORT_VIDEO_OSD);
-    EXPECT_EQ(KIV_DestroyPort(osd), KIV_OK);
-}
-
 TEST_F(OsdPortTest, BadInputIsRejectedAndChangesNothing) {
     KivVideoOsdItem item = WithId(5);
     ASSERT_EQ(KIV_AddVideoOsdText(osd, &item), KIV_OK);

@@ -110,51 +110,41 @@ TEST(FrameCopy, NegativeStrideBecomesTopDown) {
     ExpectPlane(copy.Frame().planes[0], rowBytes, 0, h, rowBytes);
 }
 
-TEST(FrameCopy, Nv12OddHeightAndZeroChromaStride) {
-    const int w = 6, h = 5, chromaRows = 3;
-    TestPlane luma(0, h, w, w + 2, false);
-    TestPlane chroma(1, chromaRows, w, w, false);
-    KivVideoFrame f = MakeFrame(KIV_PIXEL_FORMAT_NV12, w, h);
-    f.planes[0] = luma.top;
-    f.strides[0] = w + 2;
-    f.planes[1] = chroma.top;
-    f.strides[1] = 0;  // falls back to the width
-    f.planes[2] = luma.top;  // planes 2 and 3 are not NV12's business
-    kiv::FrameCopy copy;
-    ASSERT_TRUE(copy.Copy(f));
-    const KivVideoFrame& out = copy.Frame();
-    EXPECT_EQ(out.strides[0], w + 2);
-    EXPECT_EQ(out.strides[1], w);
-    EXPECT_EQ(out.planes[2], nullptr);
-    ExpectPlane(out.planes[0], out.strides[0], 0, h, w);
-    ExpectPlane(out.planes[1], out.strides[1], 1, chromaRows, w);
-}
-
-TEST(FrameCopy, Nv12ZeroLumaStrideAndBottomUpPlanes) {
-    const int w = 4, h = 3;
-    TestPlane luma(0, h, w, w, false);
-    TestPlane chroma(1, 2, w, w, true);
-    KivVideoFrame f = MakeFrame(KIV_PIXEL_FORMAT_NV12, w, h);
-    f.planes[0] = luma.top;
-    f.strides[0] = 0;
-    f.planes[1] = chroma.top;
-    f.strides[1] = -w;
-    kiv::FrameCopy copy;
-    ASSERT_TRUE(copy.Copy(f));
-    EXPECT_EQ(copy.Frame().strides[0], w);
-    EXPECT_EQ(copy.Frame().strides[1], w);
-    ExpectPlane(copy.Frame().planes[0], w, 0, h, w);
-    ExpectPlane(copy.Frame().planes[1], w, 1, 2, w);
-}
-
-TEST(FrameCopy, Nv12WithoutChromaPlaneCopiesLumaOnly) {
-    TestPlane luma(0, 2, 2, 2, false);
-    KivVideoFrame f = MakeFrame(KIV_PIXEL_FORMAT_NV12, 2, 2);
-    f.planes[0] = luma.top;
-    f.strides[0] = 2;
-    kiv::FrameCopy copy;
-    ASSERT_TRUE(copy.Copy(f));
-    EXPECT_EQ(copy.Frame().planes[1], nullptr);
+TEST(FrameCopy, Nv12StridesAndPlanes) {
+    const struct {
+        const char* what;
+        int w, h, lumaPitch, lumaStride;   // stride as given; 0 means the width
+        int chromaRows, chromaStride;      // no chroma plane when chromaRows is 0
+        bool chromaBottomUp;
+        int32_t outStride0, outStride1;
+    } cases[] = {
+        {"odd height, zero chroma stride", 6, 5, 8, 8, 3, 0, false, 8, 6},
+        {"zero luma stride, bottom-up chroma", 4, 3, 4, 0, 2, -4, true, 4, 4},
+        {"no chroma plane: luma only", 2, 2, 2, 2, 0, 0, false, 2, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        TestPlane luma(0, c.h, c.w, c.lumaPitch, false);
+        TestPlane chroma(1, c.chromaRows, c.w, c.w, c.chromaBottomUp);
+        KivVideoFrame f = MakeFrame(KIV_PIXEL_FORMAT_NV12, c.w, c.h);
+        f.planes[0] = luma.top;
+        f.strides[0] = c.lumaStride;
+        f.planes[1] = c.chromaRows ? chroma.top : nullptr;
+        f.strides[1] = c.chromaStride;
+        f.planes[2] = luma.top;  // planes 2 and 3 are not NV12's business
+        kiv::FrameCopy copy;
+        ASSERT_TRUE(copy.Copy(f));
+        const KivVideoFrame& out = copy.Frame();
+        EXPECT_EQ(out.strides[0], c.outStride0);
+        EXPECT_EQ(out.strides[1], c.outStride1);
+        EXPECT_EQ(out.planes[2], nullptr);
+        ExpectPlane(out.planes[0], out.strides[0], 0, c.h, c.w);
+        if (c.chromaRows) {
+            ExpectPlane(out.planes[1], out.strides[1], 1, c.chromaRows, c.w);
+        } else {
+            EXPECT_EQ(out.planes[1], nullptr);
+        }
+    }
 }
 
 TEST(FrameCopy, CompressedPayloadUsesStrideAsLength) {

@@ -78,15 +78,12 @@ TEST(CubeParse, ValuesAreClampedAndStoredInEachUsersFormat) {
     Kiv3DLutData e;
     KivRenderLutData r;
     ASSERT_EQ(ParseBoth(text, &e, &r), std::make_pair(true, true));
-    const float expected[] = {1.0f, 0.0f, 0.5f, 0.25f, 1.0f, 0.0f};
-    for (int i = 0; i < 6; ++i) {
-        EXPECT_FLOAT_EQ(e.values[i], expected[i]);
-        EXPECT_EQ(e.bytes[i], static_cast<uint8_t>(expected[i] * 255.0f + 0.5f));
-        EXPECT_EQ(r.texels[i / 3 * 4 + i % 3], static_cast<uint16_t>(expected[i] * 65535.0f + 0.5f));
-    }
-    EXPECT_EQ(e.bytes[2], 128);  // 0.5 * 255 + 0.5 = 128.0
-    EXPECT_EQ(r.texels[3], 65535);
-    EXPECT_EQ(r.texels[7], 65535);
+    // Clamped to 0..1; bytes and 16-bit texels rounded to nearest, texels
+    // with an opaque fourth channel.
+    EXPECT_EQ(std::vector<float>(e.values.begin(), e.values.begin() + 6), (std::vector<float>{1, 0, 0.5f, 0.25f, 1, 0}));
+    EXPECT_EQ(std::vector<uint8_t>(e.bytes.begin(), e.bytes.begin() + 6), (std::vector<uint8_t>{255, 0, 128, 64, 255, 0}));
+    EXPECT_EQ(std::vector<uint16_t>(r.texels.begin(), r.texels.begin() + 8),
+              (std::vector<uint16_t>{65535, 0, 32768, 65535, 16384, 65535, 0, 65535}));
     // The last entry: not-a-number becomes 0, exponent forms are read.
     EXPECT_FLOAT_EQ(e.values[21], 0.0f);
     EXPECT_FLOAT_EQ(e.values[22], 0.1f);

@@ -6,20 +6,6 @@
 
 namespace {
 
-TEST(ProcessingApi, CreationNeedsAnInitialisedLibrary) {
-    EXPECT_EQ(KIV_CreateVideoCrop(), nullptr);
-    EXPECT_EQ(KIV_CreateVideoColorEngine(), nullptr);
-    kivtest::LibraryScope library;
-    void* crop = KIV_CreateVideoCrop();
-    void* engine = KIV_CreateVideoColorEngine();
-    ASSERT_NE(crop, nullptr);
-    ASSERT_NE(engine, nullptr);
-    EXPECT_EQ(static_cast<KivPortBase*>(crop)->Type(), KIV_PORT_VIDEO_CROP);
-    EXPECT_EQ(static_cast<KivPortBase*>(engine)->Type(), KIV_PORT_VIDEO_COLOR_ENGINE);
-    EXPECT_EQ(KIV_DestroyPort(crop), KIV_OK);
-    EXPECT_EQ(KIV_DestroyPort(engine), KIV_OK);
-}
-
 TEST(ProcessingApi, WrongHandlesAreRejectedAndChangeNothing) {
     kivtest::LibraryScope library;
     void* crop = KIV_CreateVideoCrop();
