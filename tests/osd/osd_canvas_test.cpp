@@ -108,11 +108,7 @@ TEST(OsdCanvasBuild, Nv12WithoutChromaPointerOrStrides) {
     const int w = 6, h = 3;
     std::vector<uint8_t> buffer(w * h + w * 2);
     for (size_t i = 0; i < buffer.size(); ++i) buffer[i] = static_cast<uint8_t>(i);
-    KivVideoFrame in{};
-    in.planes[0] = buffer.data();
-    in.width = w;
-    in.height = h;
-    in.format = KIV_PIXEL_FORMAT_NV12;
+    KivVideoFrame in = kivtest::FrameOver(KIV_PIXEL_FORMAT_NV12, w, h, buffer.data(), 0);
     in.timestamp = 1234;
     in.frameIndex = 9;
     in.reserved = 5;
@@ -133,14 +129,7 @@ TEST(OsdCanvasBuild, Nv12ShortStridesArePaddedBlack) {
     // Width 5: the chroma rows are 6 bytes on the canvas, the source gives 4.
     const int w = 5, h = 2;
     std::vector<uint8_t> luma(4 * h, 200), chroma(4, 60);
-    KivVideoFrame in{};
-    in.planes[0] = luma.data();
-    in.planes[1] = chroma.data();
-    in.strides[0] = 4;
-    in.strides[1] = 4;
-    in.width = w;
-    in.height = h;
-    in.format = KIV_PIXEL_FORMAT_NV12;
+    const KivVideoFrame in = kivtest::FrameOver(KIV_PIXEL_FORMAT_NV12, w, h, luma.data(), 4, chroma.data(), 4);
     OsdCanvas canvas;
     ASSERT_EQ(canvas.Build(in), KIV_OK);
     const KivVideoFrame out = canvas.Frame(in);
@@ -215,14 +204,7 @@ TEST(OsdCanvasBuild, YuvToRgb32MatchesFloatingPointReference) {
         nvChroma[i & ~1] = s[1];
         nvChroma[(i & ~1) + 1] = s[2];
     }
-    KivVideoFrame nv12{};
-    nv12.planes[0] = nvLuma.data();
-    nv12.planes[1] = nvChroma.data();
-    nv12.strides[0] = n;
-    nv12.strides[1] = n;
-    nv12.width = n;
-    nv12.height = 2;
-    nv12.format = KIV_PIXEL_FORMAT_NV12;
+    const KivVideoFrame nv12 = kivtest::FrameOver(KIV_PIXEL_FORMAT_NV12, n, 2, nvLuma.data(), n, nvChroma.data(), n);
 
     const KivVideoFrame* inputs[] = {&yuy2.frame, &nv12};
     for (const KivVideoFrame* in : inputs) {

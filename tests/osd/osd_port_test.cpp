@@ -38,16 +38,6 @@ KivVideoOsdItem WithId(int32_t id) {
     return item;
 }
 
-KivVideoFrame Compressed(int32_t format, std::vector<uint8_t>& payload) {
-    KivVideoFrame frame{};
-    frame.planes[0] = payload.data();
-    frame.strides[0] = static_cast<int32_t>(payload.size());
-    frame.width = 64;
-    frame.height = 48;
-    frame.format = format;
-    return frame;
-}
-
 class OsdPortTest : public ::testing::Test {
 protected:
     LibraryScope library;
@@ -270,14 +260,14 @@ TEST_F(OsdGraphTest, CompressedFramesPassOnlyWhenNothingIsVisible) {
     hidden.visible = 0;
     ASSERT_EQ(KIV_AddVideoOsdRect(osd, &hidden), KIV_OK);
     std::vector<uint8_t> payload(100, 7);
-    KivVideoFrame mjpg = Compressed(KIV_PIXEL_FORMAT_MJPG, payload);
+    KivVideoFrame mjpg = kivtest::FrameOver(KIV_PIXEL_FORMAT_MJPG, 64, 48, payload.data(), 100);
     ASSERT_EQ(KIV_PushVideoFrame(source, &mjpg), KIV_OK);
     ASSERT_EQ(overlay.Count(), 1u);
     EXPECT_EQ(overlay.frames[0].record, &mjpg);  // the very frame, not a copy
     EXPECT_EQ(overlay.frames[0].meta.planes[0], payload.data());
 
     AddRect(0, 0, 4, 4, 0xFFFFFFFFu);
-    KivVideoFrame h264 = Compressed(KIV_PIXEL_FORMAT_H264, payload);
+    KivVideoFrame h264 = kivtest::FrameOver(KIV_PIXEL_FORMAT_H264, 64, 48, payload.data(), 100);
     EXPECT_EQ(Port(osd)->OnVideoFrame(&h264), KIV_ERROR_UNSUPPORTED);
     EXPECT_EQ(overlay.Count(), 1u);
     EXPECT_EQ(plain.Count(), 2u);  // the ordinary output still gets it

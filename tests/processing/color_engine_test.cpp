@@ -104,12 +104,7 @@ TEST_F(ColorEngineTest, FramesPassUnchangedWhenThereIsNothingToDo) {
     // Compressed frames.
     Configure(1, 4);
     uint8_t payload[16] = {};
-    KivVideoFrame h264{};
-    h264.planes[0] = payload;
-    h264.strides[0] = sizeof payload;
-    h264.width = 8;
-    h264.height = 4;
-    h264.format = KIV_PIXEL_FORMAT_H264;
+    const KivVideoFrame h264 = kivtest::FrameOver(KIV_PIXEL_FORMAT_H264, 8, 4, payload, sizeof payload);
     ASSERT_EQ(port->OnVideoFrame(&h264), KIV_OK);
     EXPECT_EQ(catcher->frames.back().originalPlane0, payload);
     EXPECT_EQ(catcher->frames.back().meta.format, KIV_PIXEL_FORMAT_H264);

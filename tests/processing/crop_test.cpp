@@ -186,12 +186,7 @@ TEST_F(CropTest, Nv12ChromaFollowsTheLumaPlaneWhenNotGiven) {
     const int w = 32, h = 16;
     std::vector<uint8_t> buffer(static_cast<size_t>(w) * h * 3 / 2);
     for (size_t i = 0; i < buffer.size(); ++i) buffer[i] = static_cast<uint8_t>(i * 13 + 5);
-    KivVideoFrame in{};
-    in.planes[0] = buffer.data();
-    in.strides[0] = w;
-    in.width = w;
-    in.height = h;
-    in.format = KIV_PIXEL_FORMAT_NV12;
+    const KivVideoFrame in = kivtest::FrameOver(KIV_PIXEL_FORMAT_NV12, w, h, buffer.data(), w);
     Configure(6, 4, 8, 6);
     ASSERT_EQ(port->OnVideoFrame(&in), KIV_OK);
     const CaughtFrame& out = catcher->frames.back();
@@ -205,12 +200,7 @@ TEST_F(CropTest, Nv12ChromaFollowsTheLumaPlaneWhenNotGiven) {
 TEST_F(CropTest, CompressedFramesPassWithAMessage) {
     Configure(0, 0, 16, 16);
     uint8_t payload[64] = {1, 2, 3};
-    KivVideoFrame in{};
-    in.planes[0] = payload;
-    in.strides[0] = sizeof payload;
-    in.width = 640;
-    in.height = 480;
-    in.format = KIV_PIXEL_FORMAT_H264;
+    KivVideoFrame in = kivtest::FrameOver(KIV_PIXEL_FORMAT_H264, 640, 480, payload, sizeof payload);
     ASSERT_EQ(port->OnVideoFrame(&in), KIV_OK);
     EXPECT_EQ(catcher->frames.back().originalPlane0, payload);
     in.format = KIV_PIXEL_FORMAT_MJPG;

@@ -127,12 +127,8 @@ protected:
         EXPECT_EQ(KIV_Start(rec), KIV_OK);
         for (size_t i = 0; i < units.size(); ++i) {
             Bytes bytes = lengthPrefixed ? LengthPrefixed(NalUnits(units[i])) : units[i];
-            KivVideoFrame f{};
-            f.format = KIV_PIXEL_FORMAT_H264;
-            f.width = 320;
-            f.height = 240;
-            f.planes[0] = bytes.data();
-            f.strides[0] = static_cast<int32_t>(bytes.size());
+            KivVideoFrame f =
+                kivtest::FrameOver(KIV_PIXEL_FORMAT_H264, 320, 240, bytes.data(), static_cast<int32_t>(bytes.size()));
             f.timestamp = 10000000 + static_cast<int64_t>(i) * kFrame25;
             EXPECT_EQ(KIV_PushVideoFrame(source, &f), KIV_OK);
             const bool taken = rectest::WaitUntil([&] { return Stats(rec).inputFrames == static_cast<int64_t>(i) + 1; });

@@ -61,12 +61,8 @@ protected:
     }
 
     void Push(const std::vector<uint8_t>& au) {
-        KivVideoFrame f{};
-        f.format = KIV_PIXEL_FORMAT_H264;
-        f.width = 640;  // the configured size wins
-        f.height = 480;
-        f.planes[0] = const_cast<uint8_t*>(au.data());
-        f.strides[0] = static_cast<int32_t>(au.size());
+        // 640x480: the configured size wins.
+        KivVideoFrame f = kivtest::FrameOver(KIV_PIXEL_FORMAT_H264, 640, 480, au.data(), static_cast<int32_t>(au.size()));
         f.timestamp = 20000000 + pushed_ * 400000;
         ASSERT_EQ(KIV_PushVideoFrame(source_, &f), KIV_OK);
         ++pushed_;

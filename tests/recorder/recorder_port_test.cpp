@@ -8,6 +8,7 @@
 
 #include "record/kiv_recorder.h"
 #include "recorder_test_util.h"
+#include "test_support.h"
 
 using rectest::EncoderScript;
 using rectest::Nv12Frame;
@@ -201,12 +202,7 @@ TEST_F(RecorderPort, InputModesRefuseTheOtherKindOfFrame) {
     ASSERT_EQ(KIV_SetRecorderConfig(Handle(), &c), KIV_OK);
     ASSERT_EQ(recorder_->Start(), KIV_OK);
     uint8_t idr[] = {0, 0, 0, 1, 0x65, 0x88, 0x84, 0x00};
-    KivVideoFrame h{};
-    h.format = KIV_PIXEL_FORMAT_H264;
-    h.width = 64;
-    h.height = 32;
-    h.planes[0] = idr;
-    h.strides[0] = sizeof(idr);
+    const KivVideoFrame h = kivtest::FrameOver(KIV_PIXEL_FORMAT_H264, 64, 32, idr, sizeof idr);
     ASSERT_EQ(recorder_->OnVideoFrame(&h), KIV_OK);
     ASSERT_TRUE(WaitUntil([&] { return Stats(Handle()).inputFrames == 1; }));
     EXPECT_EQ(Stats(Handle()).encodedFrames, 0);

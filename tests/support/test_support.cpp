@@ -32,6 +32,19 @@ OwnedFrame::OwnedFrame(int32_t format, int32_t width, int32_t height, uint8_t fi
     kiv::FillPackedLayout(&frame, bytes.data());
 }
 
+KivVideoFrame FrameOver(int32_t format, int32_t width, int32_t height, const uint8_t* plane0, int32_t stride0,
+                        const uint8_t* plane1, int32_t stride1) {
+    KivVideoFrame f{};
+    f.format = format;
+    f.width = width;
+    f.height = height;
+    f.planes[0] = const_cast<uint8_t*>(plane0);  // the record's planes are not const; ports only read them
+    f.strides[0] = stride0;
+    f.planes[1] = const_cast<uint8_t*>(plane1);
+    f.strides[1] = stride1;
+    return f;
+}
+
 FrameCatcher::FrameCatcher(void* port) { KIV_SetVideoFrameCallback(port, &FrameCatcher::OnFrame, this); }
 
 void KIV_CALL FrameCatcher::OnFrame(const KivVideoFrame* f, void* user) {

@@ -22,6 +22,11 @@ struct OwnedFrame {
     OwnedFrame(int32_t format, int32_t width, int32_t height, uint8_t fill = 0);
 };
 
+// A frame record over the caller's bytes (compressed formats: stride0 is the
+// payload length).
+KivVideoFrame FrameOver(int32_t format, int32_t width, int32_t height, const uint8_t* plane0, int32_t stride0,
+                        const uint8_t* plane1 = nullptr, int32_t stride1 = 0);
+
 // A video frame handed to a callback: the record, where it and its first
 // plane were, and copies of the planes (height rows of strides[0] bytes; NV12
 // chroma rows; compressed frames: strides[0] payload bytes).
