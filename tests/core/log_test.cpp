@@ -102,25 +102,20 @@ protected:
     }
 };
 
-TEST_F(LogTest, FileBesideExecutableStartsWithHeaderAndEnabledLine) {
+TEST_F(LogTest, FileBesideExecutableStartsWithHeaderThenMessageLines) {
     ASSERT_EQ(KIV_EnableLog(1), KIV_OK);
     ASSERT_TRUE(LogExists()) << ExpectedLogPath();
-    const std::vector<std::string> lines = LogLines();
-    ASSERT_EQ(lines.size(), 2u);
-    HeaderLine header;
-    ASSERT_TRUE(ParseHeader(lines[0], &header)) << lines[0];
-    EXPECT_GE(header.year, 2020u);
-    EXPECT_EQ(header.pid, OsProcessId());
-    EXPECT_EQ(lines[1], kEnabledLine);
-}
-
-TEST_F(LogTest, MessageLineCarriesTimeThreadFileLineAndText) {
-    ASSERT_EQ(KIV_EnableLog(1), KIV_OK);
+    ASSERT_EQ(LogLines().size(), 2u);
     KivLogWrite("/src/kiv_core.cpp", 42, "value=%d name=%s", 7, "cam");
     std::thread([] { KivLogWrite("/src/kiv_core.cpp", 43, "from another thread"); }).join();
 
     const std::vector<std::string> lines = LogLines();
     ASSERT_EQ(lines.size(), 4u);
+    HeaderLine header;
+    ASSERT_TRUE(ParseHeader(lines[0], &header)) << lines[0];
+    EXPECT_GE(header.year, 2020u);
+    EXPECT_EQ(header.pid, OsProcessId());
+    EXPECT_EQ(lines[1], kEnabledLine);
     MessageLine first, second;
     ASSERT_TRUE(ParseMessage(lines[2], &first)) << lines[2];
     ASSERT_TRUE(ParseMessage(lines[3], &second)) << lines[3];
@@ -132,38 +127,33 @@ TEST_F(LogTest, MessageLineCarriesTimeThreadFileLineAndText) {
     EXPECT_NE(first.tid, 0u);
 }
 
-TEST_F(LogTest, SourceBaseNameAfterLaterSeparator) {
+TEST_F(LogTest, FileColumnIsTheBaseNameAndOverlongMessagesAreReplacedWhole) {
     ASSERT_EQ(KIV_EnableLog(1), KIV_OK);
+    const std::string fits(2047, 'x');
     KivLogWrite("C:\\work/src\\core/kiv_a.cpp", 1, "a");
     KivLogWrite("/work\\src/kiv_b.cpp\\kiv_c.cpp", 2, "b");
     KivLogWrite("plain.cpp", 3, "c");
     KivLogWrite(nullptr, 4, "d");
     KivLogWrite("dir/", 5, "e");
+    KivLogWrite("f.cpp", 6, "%s", fits.c_str());
+    KivLogWrite("f.cpp", 7, "long=%s", std::string(3000, 'z').c_str());
+    KivLogWrite("f.cpp", 8, "%s", std::string(2048, 'y').c_str());
+    KivLogWrite("f.cpp", 9, nullptr);
 
-    const std::vector<MessageLine> msgs = Messages();
-    ASSERT_EQ(msgs.size(), 5u);
-    EXPECT_EQ(msgs[0].file, "kiv_a.cpp");
-    EXPECT_EQ(msgs[1].file, "kiv_c.cpp");
-    EXPECT_EQ(msgs[2].file, "plain.cpp");
-    EXPECT_EQ(msgs[3].file, "");
-    EXPECT_EQ(msgs[4].file, "");
-}
-
-TEST_F(LogTest, MessageThatDoesNotFitIsReplacedWhole) {
-    ASSERT_EQ(KIV_EnableLog(1), KIV_OK);
-    const std::string fits(2047, 'x');
-    const std::string tooLong(2048, 'y');
-    KivLogWrite("f.cpp", 1, "%s", fits.c_str());
-    KivLogWrite("f.cpp", 2, "long=%s", std::string(3000, 'z').c_str());
-    KivLogWrite("f.cpp", 3, "%s", tooLong.c_str());
-    KivLogWrite("f.cpp", 4, nullptr);
-
-    const std::vector<MessageLine> msgs = Messages();
-    ASSERT_EQ(msgs.size(), 4u);
-    EXPECT_EQ(msgs[0].text, fits);
-    EXPECT_EQ(msgs[1].text, "<log format failed: long=%s>");
-    EXPECT_EQ(msgs[2].text, "<log format failed: %s>");
-    EXPECT_EQ(msgs[3].text, "<log format failed: >");
+    std::vector<std::pair<std::string, std::string>> seen;  // file column, text
+    for (const MessageLine& m : Messages()) seen.emplace_back(m.file, m.text);
+    const std::vector<std::pair<std::string, std::string>> expected = {
+        {"kiv_a.cpp", "a"},
+        {"kiv_c.cpp", "b"},
+        {"plain.cpp", "c"},
+        {"", "d"},
+        {"", "e"},
+        {"f.cpp", fits},
+        {"f.cpp", "<log format failed: long=%s>"},
+        {"f.cpp", "<log format failed: %s>"},
+        {"f.cpp", "<log format failed: >"},
+    };
+    EXPECT_EQ(seen, expected);
 }
 
 TEST_F(LogTest, NothingIsWrittenWhileLoggingIsOff) {
