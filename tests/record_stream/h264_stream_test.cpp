@@ -188,69 +188,48 @@ TEST(H264Framing, LengthPrefixedConversion) {
     EXPECT_TRUE(out.empty());
 }
 
-// Profile, level and size of encoder output are compared with ffprobe's
-// reading in the round-trip tests; these cover what x264 does not write.
-TEST(H264Sps, MainProfileStopsAfterTheLevelFields) {
-    const kiv::H264SpsInfo info = Parse(SpsNal(SpsFields()));
-    EXPECT_TRUE(info.parsed);
-    EXPECT_EQ(info.constraintFlags, 0x40);
-    EXPECT_EQ(info.chromaFormat, 1);
-    EXPECT_EQ(info.lumaBitDepth, 8);
-    EXPECT_EQ(info.chromaBitDepth, 8);
-
-    // Only profile, level and the id are needed: four bytes parse.
-    const Bytes shortSps = {0x67, 77, 0x40, 31, 0x80};
-    const kiv::H264SpsInfo partial = Parse(shortSps);
-    EXPECT_TRUE(partial.parsed);
-    EXPECT_FALSE(partial.sizeParsed);
-    EXPECT_EQ(partial.width, 0);
+// Everything the reader reports, in one comparable list: parsed, profile,
+// constraint flags, level, chroma format, luma and chroma depth, size parsed,
+// width, height.
+std::vector<int> Summary(const kiv::H264SpsInfo& i) {
+    return {i.parsed, i.profile, i.constraintFlags, i.level, i.chromaFormat, i.lumaBitDepth, i.chromaBitDepth,
+            i.sizeParsed, i.width, i.height};
 }
 
-TEST(H264Sps, HighProfilesWithScalingListsCroppingAndDepths) {
-    SpsFields hd;
-    hd.profile = 100;
-    hd.level = 40;
-    hd.scalingLists = true;
-    hd.widthMbsMinus1 = 119;
-    hd.heightUnitsMinus1 = 67;
-    hd.crop[3] = 4;  // 4 units of 2 lines: 1088 -> 1080
-    kiv::H264SpsInfo info = Parse(SpsNal(hd));
-    EXPECT_TRUE(info.parsed);
-    EXPECT_EQ(info.profile, 100);
-    EXPECT_EQ(info.level, 40);
-    ASSERT_TRUE(info.sizeParsed);
-    EXPECT_EQ(info.width, 1920);
-    EXPECT_EQ(info.height, 1080);
-
-    SpsFields hi444;
-    hi444.profile = 244;
-    hi444.chroma = 3;
-    hi444.lumaMinus8 = 2;
-    hi444.chromaMinus8 = 4;
-    hi444.scalingLists = true;
-    hi444.pocType = 1;
-    hi444.crop[0] = 3;  // 4:4:4 crops in single pixels
-    info = Parse(SpsNal(hi444));
-    EXPECT_TRUE(info.parsed);
-    EXPECT_EQ(info.chromaFormat, 3);
-    EXPECT_EQ(info.lumaBitDepth, 10);
-    EXPECT_EQ(info.chromaBitDepth, 12);
-    EXPECT_TRUE(info.sizeParsed);
-    EXPECT_EQ(info.width, 317);
-
-    SpsFields interlaced;
-    interlaced.frameMbsOnly = false;
-    interlaced.heightUnitsMinus1 = 17;  // 18 map units of 32 lines
-    interlaced.crop[3] = 2;              // 2 units of 4 lines
-    info = Parse(SpsNal(interlaced));
-    EXPECT_EQ(info.height, 576 - 8);
-
-    // 144 is deliberately not in the list of profiles with chroma fields.
-    SpsFields old444;
-    old444.profile = 144;
-    info = Parse(SpsNal(old444));
-    EXPECT_EQ(info.chromaFormat, 1);
-    EXPECT_EQ(info.width, 320);
+// Profile, level and size of encoder output are also compared with ffprobe's
+// reading in the round-trip tests; these cover what x264 does not write.
+TEST(H264Sps, FieldsOfHandBuiltParameterSets) {
+    auto with = [](void (*edit)(SpsFields&)) {
+        SpsFields f;
+        edit(f);
+        return SpsNal(f);
+    };
+    const struct {
+        const char* what;
+        Bytes nal;
+        std::vector<int> expected;
+    } cases[] = {
+        {"main profile stops after the level fields", SpsNal(SpsFields()), {1, 77, 0x40, 31, 1, 8, 8, 1, 320, 240}},
+        {"only profile, level and id present", {0x67, 77, 0x40, 31, 0x80}, {1, 77, 0x40, 31, 1, 8, 8, 0, 0, 0}},
+        {"high 1080p with scaling lists, 1088 cropped by 4 units of 2 lines",
+         with([](SpsFields& f) {
+             f.profile = 100; f.level = 40; f.scalingLists = true; f.widthMbsMinus1 = 119; f.heightUnitsMinus1 = 67;
+             f.crop[3] = 4;
+         }),
+         {1, 100, 0x40, 40, 1, 8, 8, 1, 1920, 1080}},
+        {"4:4:4 with depths, scaling lists, POC type 1, cropped in single pixels",
+         with([](SpsFields& f) {
+             f.profile = 244; f.chroma = 3; f.lumaMinus8 = 2; f.chromaMinus8 = 4; f.scalingLists = true; f.pocType = 1;
+             f.crop[0] = 3;
+         }),
+         {1, 244, 0x40, 31, 3, 10, 12, 1, 317, 240}},
+        {"interlaced: 18 map units of 32 lines, cropped by 2 units of 4 lines",
+         with([](SpsFields& f) { f.frameMbsOnly = false; f.heightUnitsMinus1 = 17; f.crop[3] = 2; }),
+         {1, 77, 0x40, 31, 1, 8, 8, 1, 320, 568}},
+        {"profile 144 is deliberately not one with chroma fields", with([](SpsFields& f) { f.profile = 144; }),
+         {1, 144, 0x40, 31, 1, 8, 8, 1, 320, 240}},
+    };
+    for (const auto& c : cases) EXPECT_EQ(Summary(Parse(c.nal)), c.expected) << c.what;
 }
 
 TEST(H264Sps, EmulationPreventionBytesAreRemoved) {
