@@ -14,6 +14,7 @@ bool FileWriter::Open(const KivWChar* path) {
     position_ = 0;
     end_ = 0;
     failed_ = false;
+    cutAtClose_ = false;
     if (path == nullptr || path[0] == 0 || !file_.Create(path)) {
         failed_ = true;
         return false;
@@ -78,9 +79,20 @@ bool FileWriter::Patch(uint64_t offset, const void* data, size_t size) {
     return true;
 }
 
+bool FileWriter::RewindAfterFailure(uint64_t end) {
+    if (!file_.IsOpen() || end > file_.SizeOnDisk() || !file_.SeekTo(end)) return false;
+    used_ = 0;
+    position_ = end;
+    end_ = end;
+    failed_ = false;
+    cutAtClose_ = true;
+    return true;
+}
+
 bool FileWriter::Close() {
     if (!file_.IsOpen()) return false;
-    const bool flushed = Flush();
+    bool flushed = Flush();
+    if (flushed && cutAtClose_) flushed = file_.Truncate(end_);
     const bool closed = file_.Close();
     if (!closed) failed_ = true;
     return flushed && closed;

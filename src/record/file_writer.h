@@ -23,6 +23,10 @@ public:
     bool IsOpen() const { return handle_ != nullptr; }
     bool WriteAll(const uint8_t* data, size_t size);
     bool SeekTo(uint64_t offset);
+    // The file's size as the system has it (0 when unknown).
+    uint64_t SizeOnDisk() const;
+    // Cuts the file to `size` bytes and leaves the position there.
+    bool Truncate(uint64_t size);
     // Returns false when closing (flushing to the system) failed.
     bool Close();
 
@@ -57,13 +61,22 @@ public:
     // Overwrites bytes at an earlier position, then returns to the end.
     bool Patch(uint64_t offset, const void* data, size_t size);
 
+    // After a failure: how many bytes reached the file. Writes are appends,
+    // so every byte below this is in place.
+    uint64_t BytesOnDisk() const { return file_.SizeOnDisk(); }
+    // After a failure: forgets the buffered bytes, clears the failure and
+    // goes on writing at `end` (at most BytesOnDisk()); Close then cuts the
+    // file there, so what follows `end` now is all the file holds.
+    bool RewindAfterFailure(uint64_t end);
+
+    // Hands the buffered bytes to the system; false once the writer failed.
+    bool Flush();
+
     // Flushes and closes; true when everything reached the file. Safe to call
     // more than once and on a writer that never opened.
     bool Close();
 
 private:
-    bool Flush();
-
     RawFile file_;
     size_t bufferSize_;
     std::vector<uint8_t> buffer_;
@@ -71,6 +84,7 @@ private:
     uint64_t position_ = 0;  // logical position of the next byte
     uint64_t end_ = 0;       // file size including buffered bytes
     bool failed_ = false;
+    bool cutAtClose_ = false;  // rewound: bytes beyond end_ are left-overs
 };
 
 // UTF-8 form of a UTF-16 path (unpaired surrogates become U+FFFD).

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -36,6 +37,17 @@ bool RawFile::WriteAll(const uint8_t* data, size_t size) {
 bool RawFile::SeekTo(uint64_t offset) {
     if (!handle_ || offset > uint64_t(INT64_MAX)) return false;
     return ::lseek(Fd(handle_), off_t(offset), SEEK_SET) == off_t(offset);
+}
+
+uint64_t RawFile::SizeOnDisk() const {
+    struct stat st {};
+    if (!handle_ || ::fstat(Fd(handle_), &st) != 0 || st.st_size < 0) return 0;
+    return uint64_t(st.st_size);
+}
+
+bool RawFile::Truncate(uint64_t size) {
+    if (!handle_ || size > uint64_t(INT64_MAX)) return false;
+    return ::ftruncate(Fd(handle_), off_t(size)) == 0 && SeekTo(size);
 }
 
 bool RawFile::Close() {

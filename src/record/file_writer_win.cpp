@@ -32,6 +32,16 @@ bool RawFile::SeekTo(uint64_t offset) {
     return ::SetFilePointerEx(static_cast<HANDLE>(handle_), to, nullptr, FILE_BEGIN) != FALSE;
 }
 
+uint64_t RawFile::SizeOnDisk() const {
+    LARGE_INTEGER size;
+    if (!handle_ || !::GetFileSizeEx(static_cast<HANDLE>(handle_), &size) || size.QuadPart < 0) return 0;
+    return uint64_t(size.QuadPart);
+}
+
+bool RawFile::Truncate(uint64_t size) {
+    return SeekTo(size) && ::SetEndOfFile(static_cast<HANDLE>(handle_)) != FALSE;
+}
+
 bool RawFile::Close() {
     if (!handle_) return true;
     const BOOL ok = ::CloseHandle(static_cast<HANDLE>(handle_));

@@ -433,9 +433,31 @@ void Mp4Writer::BuildMoov(std::vector<uint8_t>* moov) const {
     b.End(moovAt);
 }
 
+// After a failed write (a full disk, say) the samples whose bytes all reached
+// the file are kept, and the moov that describes them goes right after the
+// last one, over whatever part of the failed write got through: the file
+// still plays up to the failure.
+void Mp4Writer::KeepSamplesOnDisk() {
+    const uint64_t onDisk = file_.BytesOnDisk();
+    const auto end = [](const Sample& s) { return s.offset + s.size; };
+    while (!video_.empty() && end(video_.back()) > onDisk) video_.pop_back();
+    while (!audio_.empty() && end(audio_.back()) > onDisk) audio_.pop_back();
+    uint64_t last = mdatHeaderPos_ + 16;
+    if (!video_.empty()) last = std::max(last, end(video_.back()));
+    if (!audio_.empty()) last = std::max(last, end(audio_.back()));
+    if (last > onDisk || !file_.RewindAfterFailure(last)) {
+        video_.clear();  // not even the header is there: nothing to describe
+        audio_.clear();
+    }
+}
+
 bool Mp4Writer::Finalize() {
     if (!open_) return false;
     open_ = false;
+    // The samples go to the file first, so a failure among them is found
+    // before the moov that describes them is built.
+    const bool intact = file_.Flush();
+    if (!intact) KeepSamplesOnDisk();
     bool ok = !file_.Failed();
     if (ok && !video_.empty()) {
         const uint64_t end = file_.Position();
@@ -449,7 +471,7 @@ bool Mp4Writer::Finalize() {
     }
     finalFileBytes_ = file_.Size();
     const bool closed = file_.Close();
-    return ok && closed;
+    return intact && ok && closed;
 }
 
 }  // namespace kiv

@@ -65,9 +65,10 @@ public:
     bool WriteAudioSample(const uint8_t* accessUnit, size_t size, int64_t time, uint32_t duration = 0);
 
     // Patches the mdat size, appends moov and closes the file. A file without
-    // video samples is closed as it is (mdat size 0, no moov). Safe to call
-    // again and after failures; returns false when the file was not open or
-    // anything failed to reach the disk.
+    // video samples is closed as it is (mdat size 0, no moov). After a failed
+    // write the file is closed with the samples that reached the disk, so it
+    // still plays. Safe to call again; returns false when the file was not
+    // open or anything failed to reach the disk.
     bool Finalize();
 
     // Counters for log lines and the size-based split rule.
@@ -88,6 +89,7 @@ private:
     };
 
     void BuildMoov(std::vector<uint8_t>* moov) const;
+    void KeepSamplesOnDisk();
 
     FileWriter file_;
     bool open_ = false;
