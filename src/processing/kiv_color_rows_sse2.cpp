@@ -277,8 +277,9 @@ int32_t ApplyLutFloatRow(const Kiv3DLutData& lut, float strength, float* r, floa
         for (int p = 0; p < 4; ++p) {
             base[p] = entries + static_cast<size_t>(lo[0][p] + rowStep * (lo[1][p] + n * lo[2][p])) * 4;
             const int32_t dr = step[0][p] * 4, dg = step[1][p] * rowStep * 4, db = step[2][p] * planeStep * 4;
-            const int32_t o[8] = {0, dr, dg, dr + dg, db, dr + db, dg + db, dr + dg + db};
-            std::memcpy(offset[p], o, sizeof(o));
+            int32_t* o = offset[p];
+            o[0] = 0, o[1] = dr, o[2] = dg, o[3] = dr + dg;
+            o[4] = db, o[5] = dr + db, o[6] = dg + db, o[7] = dr + dg + db;
         }
         // Per pixel, the lanes are red, green, blue and a spare: each
         // channel's sum runs over the corners in the same order as the plain
