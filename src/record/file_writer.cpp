@@ -4,6 +4,18 @@
 
 namespace kiv {
 
+namespace {
+uint64_t (*g_freeSpaceProbe)(uint64_t) = nullptr;
+}  // namespace
+
+void SetFreeSpaceProbe(uint64_t (*probe)(uint64_t bytesOnDisk)) { g_freeSpaceProbe = probe; }
+
+bool FileWriter::RoomFor(size_t bytes) const {
+    if (reserve_ == 0) return true;
+    const uint64_t free = g_freeSpaceProbe ? g_freeSpaceProbe(file_.SizeOnDisk()) : file_.FreeSpace();
+    return free >= reserve_ && free - reserve_ >= bytes;
+}
+
 FileWriter::FileWriter(size_t bufferSize) : bufferSize_(bufferSize > 0 ? bufferSize : 1) {}
 
 FileWriter::~FileWriter() { Close(); }
@@ -28,7 +40,7 @@ bool FileWriter::Flush() {
     if (used_ == 0) return !failed_;
     const size_t pending = used_;
     used_ = 0;
-    if (failed_ || !file_.WriteAll(buffer_.data(), pending)) failed_ = true;
+    if (failed_ || !RoomFor(pending) || !file_.WriteAll(buffer_.data(), pending)) failed_ = true;
     return !failed_;
 }
 
@@ -39,7 +51,7 @@ bool FileWriter::Write(const void* data, size_t size) {
         if (!Flush()) return false;
         // Large blocks go straight to the file rather than through the buffer.
         if (size >= buffer_.size()) {
-            if (!file_.WriteAll(bytes, size)) {
+            if (!RoomFor(size) || !file_.WriteAll(bytes, size)) {
                 failed_ = true;
                 return false;
             }

@@ -27,12 +27,20 @@ public:
     uint64_t SizeOnDisk() const;
     // Cuts the file to `size` bytes and leaves the position there.
     bool Truncate(uint64_t size);
+    // Bytes the volume still gives this program (quotas counted), or
+    // UINT64_MAX when the system cannot tell.
+    uint64_t FreeSpace() const;
     // Returns false when closing (flushing to the system) failed.
     bool Close();
 
 private:
     void* handle_ = nullptr;
+    std::vector<KivWChar> folder_;  // where the file is (Windows asks about a folder)
 };
+
+// Tests stand in for the volume: the probe gets the bytes the file holds and
+// returns the free space. Null goes back to asking the system.
+void SetFreeSpaceProbe(uint64_t (*probe)(uint64_t bytesOnDisk));
 
 // Writes through a large buffer so that many small box fields and samples
 // become few system calls. Position() counts bytes written so far, buffered
@@ -48,6 +56,11 @@ public:
 
     bool Open(const KivWChar* path);
     bool IsOpen() const { return file_.IsOpen(); }
+    // Bytes that must stay free on the volume after every write, so that
+    // whatever has to end the file still fits when the disk fills up. A write
+    // that would eat into them fails (and the writer with it) without
+    // writing anything. 0 turns the check off.
+    void SetReserve(uint64_t bytes) { reserve_ = bytes; }
     bool Failed() const { return failed_; }
 
     bool Write(const void* data, size_t size);
@@ -77,8 +90,11 @@ public:
     bool Close();
 
 private:
+    bool RoomFor(size_t bytes) const;
+
     RawFile file_;
     size_t bufferSize_;
+    uint64_t reserve_ = 0;
     std::vector<uint8_t> buffer_;
     size_t used_ = 0;
     uint64_t position_ = 0;  // logical position of the next byte

@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -48,6 +49,12 @@ uint64_t RawFile::SizeOnDisk() const {
 bool RawFile::Truncate(uint64_t size) {
     if (!handle_ || size > uint64_t(INT64_MAX)) return false;
     return ::ftruncate(Fd(handle_), off_t(size)) == 0 && SeekTo(size);
+}
+
+uint64_t RawFile::FreeSpace() const {
+    struct statvfs fs {};
+    if (!handle_ || ::fstatvfs(Fd(handle_), &fs) != 0) return UINT64_MAX;
+    return uint64_t(fs.f_bavail) * uint64_t(fs.f_frsize);
 }
 
 bool RawFile::Close() {

@@ -10,6 +10,14 @@ bool RawFile::Create(const KivWChar* path) {
                                 CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr);
     if (file == INVALID_HANDLE_VALUE) return false;
     handle_ = file;
+    // The folder part of the path, kept for the free-space query.
+    folder_.clear();
+    size_t cut = 0;
+    for (size_t i = 0; path[i] != 0; ++i) {
+        if (path[i] == L'\\' || path[i] == L'/') cut = i + 1;
+    }
+    folder_.assign(path, path + cut);
+    folder_.push_back(0);
     return true;
 }
 
@@ -40,6 +48,13 @@ uint64_t RawFile::SizeOnDisk() const {
 
 bool RawFile::Truncate(uint64_t size) {
     return SeekTo(size) && ::SetEndOfFile(static_cast<HANDLE>(handle_)) != FALSE;
+}
+
+uint64_t RawFile::FreeSpace() const {
+    ULARGE_INTEGER available;
+    const wchar_t* folder = folder_.size() > 1 ? reinterpret_cast<const wchar_t*>(folder_.data()) : nullptr;
+    if (!handle_ || !::GetDiskFreeSpaceExW(folder, &available, nullptr, nullptr)) return UINT64_MAX;
+    return uint64_t(available.QuadPart);
 }
 
 bool RawFile::Close() {

@@ -198,7 +198,7 @@ bool BuildAvcC(const uint8_t* sps, size_t spsSize, const uint8_t* pps, size_t pp
     return true;
 }
 
-Mp4Writer::Mp4Writer() {
+Mp4Writer::Mp4Writer(size_t writeBufferBytes) : file_(writeBufferBytes) {
     video_.reserve(4096);
     audio_.reserve(8192);
 }
@@ -240,6 +240,7 @@ Mp4OpenResult Mp4Writer::Open(const KivWChar* path, int32_t width, int32_t heigh
         return Mp4OpenResult::kFileFailed;
     }
     open_ = true;
+    file_.SetReserve(IndexReserve());
     return Mp4OpenResult::kOk;
 }
 
@@ -275,6 +276,7 @@ bool Mp4Writer::WriteVideoSample(const uint8_t* annexB, size_t size, int64_t tim
     if (stored == 0) return false;
     video_.push_back(Sample{offset, uint32_t(stored), time, duration, key});
     videoBytes_ += stored;
+    file_.SetReserve(IndexReserve());
     return true;
 }
 
@@ -285,6 +287,7 @@ bool Mp4Writer::WriteAudioSample(const uint8_t* accessUnit, size_t size, int64_t
     if (!file_.Write(accessUnit, size)) return false;
     audio_.push_back(Sample{offset, uint32_t(size), time, duration, true});
     audioBytes_ += size;
+    file_.SetReserve(IndexReserve());
     return true;
 }
 
@@ -433,6 +436,11 @@ void Mp4Writer::BuildMoov(std::vector<uint8_t>* moov) const {
     b.End(moovAt);
 }
 
+// Room kept free on the volume for the moov that ends the file: its fixed
+// boxes, at most 24 bytes per sample (size, offset, time and key entries) and
+// a margin for the file system's own needs.
+uint64_t Mp4Writer::IndexReserve() const { return 256 * 1024 + 24 * uint64_t(video_.size() + audio_.size()); }
+
 // After a failed write (a full disk, say) the samples whose bytes all reached
 // the file are kept, and the moov that describes them goes right after the
 // last one, over whatever part of the failed write got through: the file
@@ -458,6 +466,7 @@ bool Mp4Writer::Finalize() {
     // before the moov that describes them is built.
     const bool intact = file_.Flush();
     if (!intact) KeepSamplesOnDisk();
+    file_.SetReserve(0);  // what was kept free was kept for this
     bool ok = !file_.Failed();
     if (ok && !video_.empty()) {
         const uint64_t end = file_.Position();

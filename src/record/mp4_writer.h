@@ -36,7 +36,7 @@ bool BuildAvcC(const uint8_t* sps, size_t spsSize, const uint8_t* pps, size_t pp
 
 class Mp4Writer {
 public:
-    Mp4Writer();
+    explicit Mp4Writer(size_t writeBufferBytes = FileWriter::kDefaultBufferSize);
     ~Mp4Writer();  // closes an open file as Finalize would
     Mp4Writer(const Mp4Writer&) = delete;
     Mp4Writer& operator=(const Mp4Writer&) = delete;
@@ -65,7 +65,8 @@ public:
     bool WriteAudioSample(const uint8_t* accessUnit, size_t size, int64_t time, uint32_t duration = 0);
 
     // Patches the mdat size, appends moov and closes the file. A file without
-    // video samples is closed as it is (mdat size 0, no moov). After a failed
+    // video samples is closed as it is (mdat size 0, no moov). Writes stop
+    // short of filling the disk, leaving room for the moov; after a failed
     // write the file is closed with the samples that reached the disk, so it
     // still plays. Safe to call again; returns false when the file was not
     // open or anything failed to reach the disk.
@@ -89,6 +90,7 @@ private:
     };
 
     void BuildMoov(std::vector<uint8_t>* moov) const;
+    uint64_t IndexReserve() const;
     void KeepSamplesOnDisk();
 
     FileWriter file_;
