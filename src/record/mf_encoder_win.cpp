@@ -9,11 +9,19 @@
 #include <cstring>
 #include <string>
 
+#include "mf_sink_writer_hook_win.h"
 #include "video_encoder.h"
 
 namespace kiv {
 
 namespace {
+
+SinkWriterFactory g_sinkWriterFactory = nullptr;
+
+HRESULT CreateSinkWriter(const wchar_t* url, IMFAttributes* attributes, IMFSinkWriter** writer) {
+    if (g_sinkWriterFactory) return g_sinkWriterFactory(url, attributes, writer);
+    return MFCreateSinkWriterFromURL(url, nullptr, attributes, writer);
+}
 
 template <class T>
 void SafeRelease(T*& p) {
@@ -80,7 +88,7 @@ public:
         HRESULT hr = MFCreateAttributes(&attributes, 4);
         if (SUCCEEDED(hr)) hr = attributes->SetUINT32(MF_READWRITE_ENABLE_HARDWARE_TRANSFORMS, TRUE);
         if (SUCCEEDED(hr)) hr = attributes->SetUINT32(MF_SINK_WRITER_DISABLE_THROTTLING, TRUE);
-        if (SUCCEEDED(hr)) hr = MFCreateSinkWriterFromURL(s.file, nullptr, attributes, &writer_);
+        if (SUCCEEDED(hr)) hr = CreateSinkWriter(s.file, attributes, &writer_);
         SafeRelease(attributes);
         if (FAILED(hr)) return Fail(&report, EncoderOpenStep::kCreateWriter, hr);
 
@@ -179,6 +187,8 @@ private:
 };
 
 }  // namespace
+
+void SetSinkWriterFactory(SinkWriterFactory factory) { g_sinkWriterFactory = factory; }
 
 std::unique_ptr<VideoEncoder> CreatePlatformVideoEncoder() { return std::make_unique<SinkWriterEncoder>(); }
 
