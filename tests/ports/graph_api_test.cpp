@@ -18,20 +18,10 @@ int g_videoCalls = 0;
 void KIV_CALL CountVideo(const KivVideoFrame*, void*) { ++g_videoCalls; }
 void KIV_CALL IgnoreAudio(const KivAudioFrame*, void*) {}
 
-class GraphApi : public ::testing::Test {
+class GraphApi : public porttest::LibrarySuite {
 protected:
-    // One start-up for the suite: on Windows it starts COM and Media
-    // Foundation and enumerates devices, which is slow under emulation.
-    static void SetUpTestSuite() { library_ = new kivtest::LibraryScope(); }
-    static void TearDownTestSuite() {
-        delete library_;
-        library_ = nullptr;
-    }
-    static kivtest::LibraryScope* library_;
     void SetUp() override { g_videoCalls = 0; }
 };
-
-kivtest::LibraryScope* GraphApi::library_ = nullptr;
 
 }  // namespace
 

@@ -56,16 +56,8 @@ public:
     }
 };
 
-class GraphDelivery : public ::testing::Test {
+class GraphDelivery : public porttest::LibrarySuite {
 protected:
-    // One start-up for the suite: on Windows it starts COM and Media
-    // Foundation and enumerates devices, which is slow under emulation.
-    static void SetUpTestSuite() { library_ = new kivtest::LibraryScope(); }
-    static void TearDownTestSuite() {
-        delete library_;
-        library_ = nullptr;
-    }
-    static kivtest::LibraryScope* library_;
     kivtest::OwnedFrame pattern{KIV_PIXEL_FORMAT_RGB32, 8, 4, 0x5A};
     Journal journal;
 
@@ -78,8 +70,6 @@ protected:
     }
     int32_t Push() { return KIV_PushVideoFrame(source, &pattern.frame); }
 };
-
-kivtest::LibraryScope* GraphDelivery::library_ = nullptr;
 
 }  // namespace
 

@@ -1,13 +1,28 @@
 // Small ports for driving the graph from tests.
 #pragma once
+#include <gtest/gtest.h>
+
 #include <atomic>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "ports/kiv_port_base.h"
+#include "test_support.h"
 
 namespace porttest {
+
+// One library start-up for a whole suite: on Windows it starts COM and Media
+// Foundation and enumerates devices, which is slow under emulation.
+class LibrarySuite : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { library_ = std::make_unique<kivtest::LibraryScope>(); }
+    static void TearDownTestSuite() { library_.reset(); }
+
+private:
+    static inline std::unique_ptr<kivtest::LibraryScope> library_;
+};
 
 // A port of any type value, with the base behaviour.
 class TypedPort : public KivPortBase {
