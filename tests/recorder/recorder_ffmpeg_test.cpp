@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <filesystem>
 #include <map>
 
@@ -42,26 +41,6 @@ std::vector<std::string> Mp4Files(const std::string& dir) {
     }
     std::sort(files.begin(), files.end());  // names end in the segment number
     return files;
-}
-
-struct Packets {
-    std::atomic<int> count{0};
-    std::atomic<int> keys{0};
-    std::atomic<int> statsCalls{0};
-    std::vector<uint8_t> annexB;
-    std::vector<int64_t> pts;
-    void* recorder = nullptr;
-};
-
-void KIV_CALL CollectPacket(const KivEncodedVideoPacket* p, void* user) {
-    Packets* packets = static_cast<Packets*>(user);
-    packets->annexB.insert(packets->annexB.end(), p->data, p->data + p->size);
-    packets->pts.push_back(p->pts);
-    packets->count += 1;
-    packets->keys += p->key;
-    // Taking the recorder's lock here proves the callback runs outside it.
-    KivRecorderStats s{};
-    if (KIV_GetRecorderStats(packets->recorder, &s) == KIV_OK) packets->statsCalls += 1;
 }
 
 class RecorderFfmpeg : public ::testing::Test {
@@ -112,7 +91,7 @@ protected:
     // push so that the bounded queue never drops a frame. `audio`, when given,
     // follows every video frame as an audio input's frames would.
     KivRecorderStats Record(const std::vector<Bytes>& units, const std::string& file, const KivRecorderConfig& config,
-                            Packets* packets = nullptr, bool lengthPrefixed = false,
+                            rectest::PacketLog* packets = nullptr, bool lengthPrefixed = false,
                             const KivAudioFrame* audio = nullptr) {
         void* source = KIV_CreateVideoFrameSource();
         void* rec = KIV_CreateRecorder(file.c_str());
@@ -121,7 +100,7 @@ protected:
         EXPECT_EQ(KIV_SetRecorderConfig(rec, &config), KIV_OK);
         if (packets) {
             packets->recorder = rec;
-            EXPECT_EQ(KIV_SetRecorderVideoCallback(rec, CollectPacket, packets), KIV_OK);
+            EXPECT_EQ(KIV_SetRecorderVideoCallback(rec, rectest::PacketLog::OnPacket, packets), KIV_OK);
         }
         EXPECT_EQ(KIV_Connect(source, rec), KIV_OK);
         EXPECT_EQ(KIV_Start(rec), KIV_OK);
@@ -158,7 +137,7 @@ protected:
     void ExpectSameAsInput(const std::string& name, bool lengthPrefixed) {
         const Stream& s = Get(name);
         const std::string out = kivtest::TempDir("recorder_ffmpeg_" + name) + "/out.mp4";
-        Packets packets;
+        rectest::PacketLog packets;
         const KivRecorderStats stats = Record(s.units, out, Config25(), &packets, lengthPrefixed);
         EXPECT_EQ(stats.inputFrames, kFrames);
         EXPECT_EQ(stats.encodedFrames, kFrames);
@@ -176,12 +155,16 @@ protected:
 
         // The encoded-packet callback saw every frame, outside the recorder's
         // lock, and its bytes alone decode to the same pictures.
-        EXPECT_EQ(packets.count.load(), kFrames);
-        EXPECT_EQ(packets.statsCalls.load(), kFrames);
-        EXPECT_EQ(packets.keys.load(), 3);
-        for (size_t i = 0; i < packets.pts.size(); ++i) EXPECT_EQ(packets.pts[i], static_cast<int64_t>(i) * kFrame25);
+        ASSERT_EQ(packets.packets.size(), static_cast<size_t>(kFrames));
+        EXPECT_EQ(packets.statsCalls, kFrames);
+        int keys = 0;
+        for (size_t i = 0; i < packets.packets.size(); ++i) {
+            keys += packets.packets[i].key;
+            EXPECT_EQ(packets.packets[i].pts, static_cast<int64_t>(i) * kFrame25);
+        }
+        EXPECT_EQ(keys, 3);
         const std::string copy = fs::path(out).parent_path().string() + "/callback.h264";
-        ASSERT_TRUE(WriteAll(copy, packets.annexB));
+        ASSERT_TRUE(WriteAll(copy, packets.bytes));
         EXPECT_EQ(DecodedFrameHashes(copy), expected);
     }
 

@@ -25,16 +25,6 @@ std::vector<uint8_t> AccessUnit(bool key) {
     return au;
 }
 
-struct Seen {
-    std::vector<KivEncodedVideoPacket> packets;
-};
-
-void KIV_CALL Collect(const KivEncodedVideoPacket* p, void* user) {
-    KivEncodedVideoPacket copy = *p;
-    copy.data = nullptr;
-    static_cast<Seen*>(user)->packets.push_back(copy);
-}
-
 class RecorderPassThrough : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -126,8 +116,8 @@ TEST_F(RecorderPassThrough, AWriterThatCannotOpenDisablesThePathUntilTheNextStar
 
 TEST_F(RecorderPassThrough, EncodedPacketsDescribeEachWrittenFrame) {
     const std::string dir = kivtest::TempDir("recorder_passthrough_packets");
-    Seen seen;
-    ASSERT_EQ(KIV_SetRecorderVideoCallback(recorder_, Collect, &seen), KIV_OK);
+    rectest::PacketLog seen;
+    ASSERT_EQ(KIV_SetRecorderVideoCallback(recorder_, rectest::PacketLog::OnPacket, &seen), KIV_OK);
     Start(dir + "/p.mp4");
     Push(AccessUnit(false));  // dropped: no parameter sets yet
     Push(AccessUnit(true));

@@ -76,6 +76,15 @@ std::unique_ptr<kiv::VideoEncoder> MakeScriptedEncoder(std::shared_ptr<EncoderSc
     return std::make_unique<ScriptedEncoder>(std::move(script));
 }
 
+void KIV_CALL PacketLog::OnPacket(const KivEncodedVideoPacket* packet, void* user) {
+    auto* log = static_cast<PacketLog*>(user);
+    log->bytes.insert(log->bytes.end(), packet->data, packet->data + packet->size);
+    log->packets.push_back(*packet);
+    log->packets.back().data = nullptr;
+    KivRecorderStats s{};
+    if (log->recorder && KIV_GetRecorderStats(log->recorder, &s) == KIV_OK) log->statsCalls++;
+}
+
 bool WaitUntil(const std::function<bool()>& done) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
     while (!done()) {

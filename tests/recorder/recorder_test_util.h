@@ -47,6 +47,16 @@ struct EncoderScript {
 
 std::unique_ptr<kiv::VideoEncoder> MakeScriptedEncoder(std::shared_ptr<EncoderScript> script);
 
+// What the encoded-video callback reports: each packet record (data pointer
+// cleared) and all payload bytes in order. Read it once the recorder stopped.
+struct PacketLog {
+    void* recorder = nullptr;  // when set, asked for its statistics from inside the callback
+    std::vector<KivEncodedVideoPacket> packets;
+    std::vector<uint8_t> bytes;
+    int statsCalls = 0;  // successful ones: the callback runs outside the recorder's lock
+    static void KIV_CALL OnPacket(const KivEncodedVideoPacket* packet, void* user);
+};
+
 // Polls `done` until it is true or five seconds have passed.
 bool WaitUntil(const std::function<bool()>& done);
 
