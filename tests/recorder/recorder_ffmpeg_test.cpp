@@ -61,10 +61,10 @@ protected:
         };
         for (const auto& k : kinds) {
             const std::string path = *dir_ + "/" + k.name + ".h264";
-            int status = -1;
-            status = streamtest::Run(std::string("ffmpeg -v error -y -f lavfi -i 'testsrc=size=320x240:rate=25,noise=alls=40:allf=t' -frames:v ") +
-                    std::to_string(kFrames) + " -pix_fmt yuv420p -c:v libx264 -preset veryfast -threads 1 " + k.options +
-                    " -crf 20 -g 25 -x264-params scenecut=0 -bsf:v h264_metadata=aud=insert -f h264 '" + path + "'");
+            const int status = streamtest::Run(
+                "ffmpeg -v error -y -f lavfi -i 'testsrc=size=320x240:rate=25,noise=alls=40:allf=t' -frames:v " +
+                std::to_string(kFrames) + " -pix_fmt yuv420p -c:v libx264 -preset veryfast -threads 1 " + k.options +
+                " -crf 20 -g 25 -x264-params scenecut=0 -bsf:v h264_metadata=aud=insert -f h264 '" + path + "'");
             if (status == 0) (*streams_)[k.name] = Stream{path, SplitAccessUnits(ReadAll(path))};
         }
     }
