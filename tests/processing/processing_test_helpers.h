@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -16,10 +15,7 @@ namespace proctest {
 using kivtest::CaughtFrame;
 using kivtest::FrameCatcher;
 
-inline void WriteTextFile(const std::string& utf8Path, const std::string& text) {
-    std::ofstream out(std::filesystem::u8path(utf8Path), std::ios::binary);
-    out << text;
-}
+inline void WriteTextFile(const std::string& utf8Path, const std::string& text) { kivtest::WriteFile(utf8Path, text); }
 
 // A cube file body of edge n whose entry for lattice point (r, g, b) is
 // fn(r / (n - 1), g / (n - 1), b / (n - 1)).

@@ -1,9 +1,9 @@
 #include "stream_test_util.h"
 
 #include <cstdio>
-#include <fstream>
-#include <iterator>
 #include <sstream>
+
+#include "test_support.h"
 
 namespace streamtest {
 
@@ -190,14 +190,12 @@ bool FindBox(const Bytes& file, const std::string& path, Box* out, int index) {
 }
 
 Bytes ReadAll(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    const std::string bytes = kivtest::ReadFile(path);
+    return Bytes(bytes.begin(), bytes.end());
 }
 
 bool WriteAll(const std::string& path, const Bytes& data) {
-    std::ofstream out(path, std::ios::binary);
-    out.write(reinterpret_cast<const char*>(data.data()), std::streamsize(data.size()));
-    return bool(out);
+    return kivtest::WriteFile(path, std::string(data.begin(), data.end()));
 }
 
 std::basic_string<KivWChar> WidePath(const std::string& path) {

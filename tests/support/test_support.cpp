@@ -102,6 +102,12 @@ std::string ReadFile(const std::string& path) {
     return ss.str();
 }
 
+bool WriteFile(const std::string& path, const std::string& bytes) {
+    std::ofstream out(std::filesystem::u8path(path), std::ios::binary);
+    out << bytes;
+    return bool(out);
+}
+
 std::string LibraryLog() { return ReadFile(kiv::LogFilePath()); }
 
 size_t CountOf(const std::string& text, const std::string& what) {

@@ -54,8 +54,10 @@ private:
 // UTF-16 copy of an ASCII/UTF-8 string for the wide-character interfaces.
 std::basic_string<KivWChar> Wide(const std::string& text);
 
-// Reads a whole file; empty when it cannot be opened.
+// Reads a whole file; empty when it cannot be opened. Paths are UTF-8.
 std::string ReadFile(const std::string& path);
+// Replaces a file's contents; false when it cannot be written.
+bool WriteFile(const std::string& path, const std::string& bytes);
 
 // The library's log file, read whole; empty when logging never started.
 std::string LibraryLog();
