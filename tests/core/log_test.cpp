@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -12,6 +11,7 @@
 #include "kiv_log.h"
 #include "kivcapture.h"
 #include "log_file.h"
+#include "test_support.h"
 
 using namespace kivtest;
 
@@ -43,49 +43,11 @@ bool ParseHeader(const std::string& raw, HeaderLine* out = nullptr) {
     return true;
 }
 
-struct MessageLine {
-    unsigned long tid = 0;
-    std::string file;
-    int line = 0;
-    std::string text;
-};
-
-bool ParseMessage(const std::string& raw, MessageLine* out) {
-    unsigned h, mi, se, ms;
-    unsigned long tid;
-    int fileStart = -1;
-    if (std::sscanf(raw.c_str(), "[%2u:%2u:%2u.%3u][tid=%lu][%n", &h, &mi, &se, &ms, &tid, &fileStart) != 5 ||
-        fileStart < 0)
-        return false;
-    const size_t close = raw.find("] ", static_cast<size_t>(fileStart));
-    if (close == std::string::npos || raw.size() < close + 4) return false;
-    if (raw.compare(raw.size() - 2, 2, "\r\n") != 0) return false;
-    const std::string fileAndLine = raw.substr(static_cast<size_t>(fileStart), close - static_cast<size_t>(fileStart));
-    const size_t colon = fileAndLine.rfind(':');
-    if (colon == std::string::npos) return false;
-    out->tid = tid;
-    out->file = fileAndLine.substr(0, colon);
-    out->line = std::atoi(fileAndLine.c_str() + colon + 1);
-    out->text = raw.substr(close + 2, raw.size() - close - 4);
-
-    char again[256];
-    std::snprintf(again, sizeof(again), "[%02u:%02u:%02u.%03u][tid=%lu][%s:%d] ", h, mi, se, ms, tid,
-                  out->file.c_str(), out->line);
-    return raw.compare(0, close + 2, again) == 0 && h <= 23 && mi <= 59 && se <= 60 && ms <= 999;
-}
-
 // Messages of the log in order, skipping header and service lines.
-std::vector<MessageLine> Messages() {
-    std::vector<MessageLine> out;
-    for (const std::string& raw : LogLines()) {
-        MessageLine m;
-        if (ParseMessage(raw, &m)) out.push_back(m);
-    }
-    return out;
-}
+std::vector<LogMessage> Messages() { return LogMessages(ReadLog()); }
 
 bool HasMessage(const std::string& text) {
-    for (const MessageLine& m : Messages())
+    for (const LogMessage& m : Messages())
         if (m.text == text) return true;
     return false;
 }
@@ -116,9 +78,9 @@ TEST_F(LogTest, FileBesideExecutableStartsWithHeaderThenMessageLines) {
     EXPECT_GE(header.year, 2020u);
     EXPECT_EQ(header.pid, OsProcessId());
     EXPECT_EQ(lines[1], kEnabledLine);
-    MessageLine first, second;
-    ASSERT_TRUE(ParseMessage(lines[2], &first)) << lines[2];
-    ASSERT_TRUE(ParseMessage(lines[3], &second)) << lines[3];
+    LogMessage first, second;
+    ASSERT_TRUE(ParseLogMessage(lines[2], &first)) << lines[2];
+    ASSERT_TRUE(ParseLogMessage(lines[3], &second)) << lines[3];
     EXPECT_EQ(first.file, "kiv_core.cpp");
     EXPECT_EQ(first.line, 42);
     EXPECT_EQ(first.text, "value=7 name=cam");
@@ -141,7 +103,7 @@ TEST_F(LogTest, FileColumnIsTheBaseNameAndOverlongMessagesAreReplacedWhole) {
     KivLogWrite("f.cpp", 9, nullptr);
 
     std::vector<std::pair<std::string, std::string>> seen;  // file column, text
-    for (const MessageLine& m : Messages()) seen.emplace_back(m.file, m.text);
+    for (const LogMessage& m : Messages()) seen.emplace_back(m.file, m.text);
     const std::vector<std::pair<std::string, std::string>> expected = {
         {"kiv_a.cpp", "a"},
         {"kiv_c.cpp", "b"},
@@ -228,8 +190,8 @@ TEST_F(LogTest, AfterShutdownLoggingStaysOnAndAppends) {
     const size_t n = lines.size();
     EXPECT_EQ(lines[n - 3], kClosedLine);
     EXPECT_TRUE(ParseHeader(lines[n - 2])) << lines[n - 2];
-    MessageLine last;
-    ASSERT_TRUE(ParseMessage(lines[n - 1], &last));
+    LogMessage last;
+    ASSERT_TRUE(ParseLogMessage(lines[n - 1], &last));
     EXPECT_EQ(last.text, "after shutdown");
     EXPECT_EQ(CountInLog(kEnabledLine), 1);
 }

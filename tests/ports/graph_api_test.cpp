@@ -113,22 +113,11 @@ std::string Format(const char* format, ...) {
     return text;
 }
 
-// Lines of the log whose file column names `file`, reduced to their message.
+// The messages of the log lines whose file column is `file`.
 std::vector<std::string> Messages(const std::string& log, const std::string& file) {
     std::vector<std::string> out;
-    const std::string tag = "[" + file + ":";
-    size_t start = 0;
-    while (start < log.size()) {
-        size_t end = log.find("\r\n", start);
-        if (end == std::string::npos) end = log.size();
-        const std::string line = log.substr(start, end - start);
-        const size_t at = line.find(tag);
-        if (at != std::string::npos) {
-            const size_t close = line.find("] ", at);
-            if (close != std::string::npos) out.push_back(line.substr(close + 2));
-        }
-        start = end + 2;
-    }
+    for (const kivtest::LogMessage& m : kivtest::LogMessages(log))
+        if (m.file == file) out.push_back(m.text);
     return out;
 }
 

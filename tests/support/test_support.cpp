@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -109,6 +110,42 @@ bool WriteFile(const std::string& path, const std::string& bytes) {
 }
 
 std::string LibraryLog() { return ReadFile(kiv::LogFilePath()); }
+
+bool ParseLogMessage(const std::string& raw, LogMessage* out) {
+    unsigned h, mi, se, ms;
+    unsigned long tid;
+    int fileStart = -1;
+    if (std::sscanf(raw.c_str(), "[%2u:%2u:%2u.%3u][tid=%lu][%n", &h, &mi, &se, &ms, &tid, &fileStart) != 5 ||
+        fileStart < 0)
+        return false;
+    const size_t close = raw.find("] ", static_cast<size_t>(fileStart));
+    if (close == std::string::npos || raw.size() < close + 4) return false;
+    if (raw.compare(raw.size() - 2, 2, "\r\n") != 0) return false;
+    const std::string fileAndLine = raw.substr(static_cast<size_t>(fileStart), close - static_cast<size_t>(fileStart));
+    const size_t colon = fileAndLine.rfind(':');
+    if (colon == std::string::npos) return false;
+    out->tid = tid;
+    out->file = fileAndLine.substr(0, colon);
+    out->line = std::atoi(fileAndLine.c_str() + colon + 1);
+    out->text = raw.substr(close + 2, raw.size() - close - 4);
+
+    char again[256];
+    std::snprintf(again, sizeof(again), "[%02u:%02u:%02u.%03u][tid=%lu][%s:%d] ", h, mi, se, ms, tid,
+                  out->file.c_str(), out->line);
+    return raw.compare(0, close + 2, again) == 0 && h <= 23 && mi <= 59 && se <= 60 && ms <= 999;
+}
+
+std::vector<LogMessage> LogMessages(const std::string& log) {
+    std::vector<LogMessage> out;
+    for (size_t start = 0; start < log.size();) {
+        const size_t end = log.find("\r\n", start);
+        const size_t next = end == std::string::npos ? log.size() : end + 2;
+        LogMessage m;
+        if (ParseLogMessage(log.substr(start, next - start), &m)) out.push_back(m);
+        start = next;
+    }
+    return out;
+}
 
 size_t CountOf(const std::string& text, const std::string& what) {
     size_t count = 0;

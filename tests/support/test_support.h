@@ -62,6 +62,20 @@ bool WriteFile(const std::string& path, const std::string& bytes);
 // The library's log file, read whole; empty when logging never started.
 std::string LibraryLog();
 
+// A message line of the library log: "[hh:mm:ss.mmm][tid=N][file:line] text\r\n".
+struct LogMessage {
+    unsigned long tid = 0;
+    std::string file;
+    int line = 0;
+    std::string text;
+};
+// Parses one line, its "\r\n" included. The fields are read back and the line
+// written again with the log's format: it matches only if both spellings agree
+// byte for byte, so padding, separators and the line end are all checked.
+bool ParseLogMessage(const std::string& raw, LogMessage* out);
+// The message lines of a log text in order; header and service lines skipped.
+std::vector<LogMessage> LogMessages(const std::string& log);
+
 // How many times `what` occurs in `text` (overlapping matches count).
 size_t CountOf(const std::string& text, const std::string& what);
 
