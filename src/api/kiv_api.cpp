@@ -75,7 +75,7 @@ void* KIV_CALL KIV_CreateVideoMux(void) { return CreateIfInitialized<KivVideoMux
 void* KIV_CALL KIV_CreateAudioMux(void) { return CreateIfInitialized<KivAudioMux>(); }
 
 KivResult KIV_CALL KIV_Connect(void* src, void* dst) {
-    if (!KivPortIsLive(src) || !KivPortIsLive(dst)) {
+    if (!src || !dst) {
         KIV_LOG("KIV_Connect invalid src=%p dst=%p", src, dst);
         return KIV_ERROR_INVALID_ARG;
     }
@@ -91,28 +91,28 @@ KivResult KIV_CALL KIV_Connect(void* src, void* dst) {
 }
 
 KivResult KIV_CALL KIV_Disconnect(void* src, void* dst) {
-    if (!KivPortIsLive(src) || !KivPortIsLive(dst)) return KIV_ERROR_INVALID_ARG;
+    if (!src || !dst) return KIV_ERROR_INVALID_ARG;
     kiv::DisconnectOverlayOutput(AsPort(src), AsPort(dst));
     AsPort(src)->RemoveDownstream(AsPort(dst));
     return KIV_OK;
 }
 
 KivResult KIV_CALL KIV_Start(void* port) {
-    if (!KivPortIsLive(port)) return KIV_ERROR_INVALID_ARG;
+    if (!port) return KIV_ERROR_INVALID_ARG;
     const int32_t result = AsPort(port)->Start();
     KIV_LOG("KIV_Start port=%p type=%d result=%d", port, AsPort(port)->Type(), result);
     return result;
 }
 
 KivResult KIV_CALL KIV_Stop(void* port) {
-    if (!KivPortIsLive(port)) return KIV_ERROR_INVALID_ARG;
+    if (!port) return KIV_ERROR_INVALID_ARG;
     const int32_t result = AsPort(port)->Stop();
     KIV_LOG("KIV_Stop port=%p type=%d result=%d", port, AsPort(port)->Type(), result);
     return result;
 }
 
 KivResult KIV_CALL KIV_DestroyPort(void* port) {
-    if (!KivPortIsLive(port)) return KIV_ERROR_INVALID_ARG;
+    if (!port) return KIV_ERROR_INVALID_ARG;
     KivPortBase* p = AsPort(port);
     const int32_t type = p->Type();
     KIV_LOG("KIV_DestroyPort begin port=%p type=%d", port, type);
@@ -128,12 +128,12 @@ KivResult KIV_CALL KIV_DestroyPort(void* port) {
 }
 
 KivResult KIV_CALL KIV_SetVideoFrameCallback(void* port, KivVideoFrameCallback fn, void* userData) {
-    if (!KivPortIsLive(port)) return KIV_ERROR_INVALID_ARG;
+    if (!port) return KIV_ERROR_INVALID_ARG;
     return AsPort(port)->SetVideoFrameCallback(fn, userData);
 }
 
 KivResult KIV_CALL KIV_SetAudioFrameCallback(void* port, KivAudioFrameCallback fn, void* userData) {
-    if (!KivPortIsLive(port)) return KIV_ERROR_INVALID_ARG;
+    if (!port) return KIV_ERROR_INVALID_ARG;
     return AsPort(port)->SetAudioFrameCallback(fn, userData);
 }
 

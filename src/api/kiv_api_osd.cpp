@@ -82,7 +82,7 @@ KivResult KIV_CALL KIV_ClearVideoOsd(void* osd) {
 
 KivResult KIV_CALL KIV_ConnectVideoOsdOutput(void* osd, int32_t output, void* dst) {
     KivVideoOsd* port = Osd(osd);
-    if (!port || !KivPortIsLive(dst)) return KIV_ERROR_INVALID_ARG;
+    if (!port || !dst) return KIV_ERROR_INVALID_ARG;
     KivPortBase* destination = static_cast<KivPortBase*>(dst);
     if (output == 0) return port->AddDownstream(destination);
     if (output == 1) return port->AddOverlayOutput(destination);

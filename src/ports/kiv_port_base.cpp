@@ -1,43 +1,10 @@
 #include "kiv_port_base.h"
 
 #include <algorithm>
-#include <unordered_set>
 
-namespace {
-
-// Every port that exists, so that a handle the application already destroyed
-// (or never had) is refused instead of followed.
-struct LivePorts {
-    std::mutex mutex;
-    std::unordered_set<const void*> ports;
-};
-
-LivePorts& Live() {
-    static LivePorts live;
-    return live;
-}
-
-}  // namespace
-
-bool KivPortIsLive(const void* handle) {
-    if (!handle) return false;
-    LivePorts& live = Live();
-    std::lock_guard<std::mutex> lock(live.mutex);
-    return live.ports.count(handle) != 0;
-}
-
-KivPortBase::KivPortBase(int32_t type) : type_(type) {
-    LivePorts& live = Live();
-    std::lock_guard<std::mutex> lock(live.mutex);
-    live.ports.insert(this);
-}
+KivPortBase::KivPortBase(int32_t type) : type_(type) {}
 
 KivPortBase::~KivPortBase() {
-    {
-        LivePorts& live = Live();
-        std::lock_guard<std::mutex> lock(live.mutex);
-        live.ports.erase(this);
-    }
     closing_.exchange(1, std::memory_order_acq_rel);
     {
         std::lock_guard<std::mutex> lock(mutex_);

@@ -72,12 +72,9 @@ private:
     std::atomic<uint8_t> closing_{0};
 };
 
-// Whether `handle` is a port that exists now: created and not destroyed.
-bool KivPortIsLive(const void* handle);
-
-// Checked down-cast used by the family functions: null for a null or stale
-// handle or a port of another class.
+// Checked down-cast used by the family functions: null for a null handle or
+// a port of another class.
 template <class T>
 T* KivPortCast(void* handle) {
-    return KivPortIsLive(handle) ? dynamic_cast<T*>(static_cast<KivPortBase*>(handle)) : nullptr;
+    return handle ? dynamic_cast<T*>(static_cast<KivPortBase*>(handle)) : nullptr;
 }
