@@ -28,9 +28,23 @@ kiv_wine_prepare "$build" "$arch" || exit 1
 # program and inherit its standard handles. Writing through a file instead of
 # the caller's pipe keeps ctest from waiting on them until its timeout.
 out="$(mktemp "${TMPDIR:-/tmp}/kiv-wine-out.XXXXXX")"
-kiv_clean timeout --kill-after=15 "${KIV_WINE_TIMEOUT:-600}" "$KIV_WINE_LOADER" "$exe" "$@" </dev/null >"$out" 2>&1
+run_once() {
+  kiv_clean timeout --kill-after=15 "${KIV_WINE_TIMEOUT:-600}" "$KIV_WINE_LOADER" "$exe" "$@" </dev/null >"$out" 2>&1
+}
+run_once "$@"
 rc=$?
 cat "$out"
+# Debian's Wine 8 now and then dies of SIGSEGV inside one of its own system
+# calls while a process exits, after the program has finished its work (a
+# jump into freed Unix heap; seen in about one run in twenty under load).
+# When a GoogleTest program had already reported every test passed, that
+# crash is Wine's: run the program once more and let that run decide.
+if [ $rc -eq 139 ] && grep -q '^\[  PASSED  \]' "$out" && ! grep -q '^\[  FAILED  \]' "$out"; then
+  echo "wine-run: Wine crashed (SIGSEGV) after every test had passed; running once more: $exe" >&2
+  run_once "$@"
+  rc=$?
+  cat "$out"
+fi
 rm -f "$out"
 [ $rc -eq 124 ] && echo "wine-run: timed out after ${KIV_WINE_TIMEOUT:-600}s: $exe" >&2
 exit $rc
