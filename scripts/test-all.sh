@@ -107,6 +107,21 @@ run_ctest() {
   fi
 }
 
+# build_and_test STAGE cmake-args...: builds build/ci-STAGE and runs all its
+# tests (those that built, when part of the build failed).
+build_and_test() {
+  local stage=$1 dir="$BUILD/ci-$1" t
+  shift
+  t=$(date +%s)
+  if configure_and_build "$dir" "$LOGS/$stage-build.log" "$@"; then
+    run_ctest "$stage" "$dir" "$t"
+  elif [ $? -eq 2 ]; then
+    BUILD_BROKEN=1 run_ctest "$stage" "$dir" "$t"
+  else
+    record "$stage" FAIL 0 0 "$(elapsed "$t")" "configure failed: $LOGS/$stage-build.log"
+  fi
+}
+
 note "setup"
 if ! "$ROOT/scripts/setup.sh"; then
   echo "setup failed"
@@ -116,14 +131,7 @@ WINE32="$(cat "$BUILD/wine32.status" 2>/dev/null || echo unavailable)"
 
 if want native; then
   note "native RelWithDebInfo build and tests"
-  t=$(date +%s)
-  if configure_and_build "$BUILD/ci-native" "$LOGS/native-build.log" -DCMAKE_BUILD_TYPE=RelWithDebInfo; then
-    run_ctest native "$BUILD/ci-native" "$t"
-  elif [ $? -eq 2 ]; then
-    BUILD_BROKEN=1 run_ctest native "$BUILD/ci-native" "$t"
-  else
-    record native FAIL 0 0 "$(elapsed "$t")" "configure failed: $LOGS/native-build.log"
-  fi
+  build_and_test native -DCMAKE_BUILD_TYPE=RelWithDebInfo
 fi
 
 if want asan; then
@@ -190,15 +198,7 @@ fi
 
 if want x64; then
   note "x86_64 MinGW build, tests under Wine"
-  t=$(date +%s)
-  if configure_and_build "$BUILD/ci-x64" "$LOGS/x64-build.log" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-       -DCMAKE_TOOLCHAIN_FILE="$ROOT/cmake/toolchain-mingw-x86_64.cmake"; then
-    run_ctest x64 "$BUILD/ci-x64" "$t"
-  elif [ $? -eq 2 ]; then
-    BUILD_BROKEN=1 run_ctest x64 "$BUILD/ci-x64" "$t"
-  else
-    record x64 FAIL 0 0 "$(elapsed "$t")" "configure failed: $LOGS/x64-build.log"
-  fi
+  build_and_test x64 -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_TOOLCHAIN_FILE="$ROOT/cmake/toolchain-mingw-x86_64.cmake"
 fi
 
 if want i686; then

@@ -200,17 +200,11 @@ TEST_F(RecorderFfmpeg, FramesBeforeTheFirstParameterSetsAreDropped) {
 TEST_F(RecorderFfmpeg, AudioWithoutAnEncoderLeavesAVideoOnlyFile) {
     const Stream& s = Get("baseline");
     const std::string out = kivtest::TempDir("recorder_ffmpeg_audio") + "/av.mp4";
-    std::vector<uint8_t> pcm(1920 * 4, 0);  // 40 ms of 48 kHz stereo
-    KivAudioFrame a{};
-    a.data = pcm.data();
-    a.bytes = static_cast<uint32_t>(pcm.size());
-    a.sampleRate = 48000;
-    a.channels = 2;
-    a.bitsPerSample = 16;
+    rectest::SilentPcm pcm(48000, 2, 1920);  // 40 ms
     KivRecorderConfig c = Config25();
     c.audio = 1;
     ASSERT_EQ(KIV_EnableLog(1), KIV_OK);
-    const KivRecorderStats stats = Record(s.units, out, c, nullptr, false, &a);
+    const KivRecorderStats stats = Record(s.units, out, c, nullptr, false, &pcm.frame);
     const std::string log = kivtest::LibraryLog();
     KIV_EnableLog(0);
     EXPECT_EQ(stats.audioPackets, 0);

@@ -166,13 +166,8 @@ TEST_F(RecorderPort, AudioTakesTheFrameFormatAndCountsWrittenSamples) {
     c.audio = 1;
     ASSERT_EQ(KIV_SetRecorderConfig(Handle(), &c), KIV_OK);
     ASSERT_EQ(recorder_->Start(), KIV_OK);
-    std::vector<uint8_t> pcm(4410 * 2 * 2, 0);  // 100 ms of 44100 Hz stereo
-    KivAudioFrame a{};
-    a.data = pcm.data();
-    a.bytes = static_cast<uint32_t>(pcm.size());
-    a.sampleRate = 44100;
-    a.channels = 2;
-    a.bitsPerSample = 16;
+    rectest::SilentPcm pcm(44100, 2, 4410);  // 100 ms
+    KivAudioFrame& a = pcm.frame;
     ASSERT_EQ(recorder_->OnAudioFrame(&a), KIV_OK);  // before any file: only the format is kept
     PushAndWait(1, kStart);
     ASSERT_EQ(recorder_->OnAudioFrame(&a), KIV_OK);

@@ -61,15 +61,9 @@ TEST(RecorderStress, StartSplitStopWhileFramesFlow) {
         }
     });
     std::thread audio([&] {
-        std::vector<uint8_t> pcm(1920 * 2, 0);
-        KivAudioFrame a{};
-        a.data = pcm.data();
-        a.bytes = static_cast<uint32_t>(pcm.size());
-        a.sampleRate = 48000;
-        a.channels = 2;
-        a.bitsPerSample = 16;
+        rectest::SilentPcm pcm(48000, 2, 960);
         while (!done.load()) {
-            EXPECT_EQ(static_cast<KivPortBase*>(rec)->OnAudioFrame(&a), KIV_OK);
+            EXPECT_EQ(static_cast<KivPortBase*>(rec)->OnAudioFrame(&pcm.frame), KIV_OK);
             std::this_thread::sleep_for(std::chrono::microseconds(500));
         }
     });

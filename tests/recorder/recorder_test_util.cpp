@@ -113,6 +113,15 @@ Nv12Frame::Nv12Frame(int32_t width, int32_t height, uint8_t luma, int64_t timest
     frame.timestamp = timestamp;
 }
 
+SilentPcm::SilentPcm(int32_t sampleRate, int32_t channels, size_t samples)
+    : bytes(samples * static_cast<size_t>(channels) * 2, 0) {
+    frame.data = bytes.data();
+    frame.bytes = static_cast<uint32_t>(bytes.size());
+    frame.sampleRate = sampleRate;
+    frame.channels = channels;
+    frame.bitsPerSample = 16;
+}
+
 KivRecorderConfig Config(const std::string& path) {
     KivRecorderConfig c{};
     const auto wide = kivtest::Wide(path);

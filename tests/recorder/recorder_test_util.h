@@ -69,6 +69,13 @@ struct Nv12Frame {
     Nv12Frame(int32_t width, int32_t height, uint8_t luma, int64_t timestamp);
 };
 
+// Silent 16-bit PCM: `samples` sample frames of `channels` channels.
+struct SilentPcm {
+    std::vector<uint8_t> bytes;
+    KivAudioFrame frame{};
+    SilentPcm(int32_t sampleRate, int32_t channels, size_t samples);
+};
+
 KivRecorderConfig Config(const std::string& path);
 
 }  // namespace rectest
