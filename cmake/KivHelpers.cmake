@@ -63,7 +63,9 @@ function(kiv_add_test name)
   add_executable(${name} ${arg_UNPARSED_ARGUMENTS})
   target_link_libraries(${name} PRIVATE kivcapture_static kiv_test_support GTest::gtest_main GTest::gmock)
   add_test(NAME ${name} COMMAND ${name})
-  set_tests_properties(${name} PROPERTIES TIMEOUT 600)
+  # The log file lives beside the executable: tests of one folder share it,
+  # so they never run at the same time.
+  set_tests_properties(${name} PROPERTIES TIMEOUT 600 RESOURCE_LOCK "log:${CMAKE_CURRENT_BINARY_DIR}")
   if(arg_LABELS)
     set_tests_properties(${name} PROPERTIES LABELS "${arg_LABELS}")
   endif()

@@ -47,3 +47,12 @@ printf '%-44s %s\n' "swscale bgra -> yuyv422" \
   "$(per_frame_ms "format=bgra" "format=bgra,scale=flags=bilinear,format=yuyv422")"
 printf '%-44s %s\n' "swscale bgra -> nv12" \
   "$(per_frame_ms "format=bgra" "format=bgra,scale=flags=bilinear,format=nv12")"
+
+# The render port's CPU conversion: nearest-neighbour scaling with a format
+# change (bench/render_convert_bench has the library's figures).
+printf '%-44s %s\n' "swscale nv12 -> bgra 1280x720, neighbor" \
+  "$(per_frame_ms "format=nv12" "format=nv12,scale=1280:720:flags=neighbor,format=bgra")"
+printf '%-44s %s\n' "swscale yuyv422 -> bgra 1280x720, neighbor" \
+  "$(per_frame_ms "format=yuyv422" "format=yuyv422,scale=1280:720:flags=neighbor,format=bgra")"
+printf '%-44s %s\n' "swscale bgra -> nv12 1280x720, neighbor" \
+  "$(per_frame_ms "format=bgra" "format=bgra,scale=1280:720:flags=neighbor,format=nv12")"

@@ -54,6 +54,10 @@ if build "$NATIVE"; then
   run_mode "native process" "$OUT/native" "$exe" process
   run_mode "native record" "$OUT/native" "$exe" record "$CLIP" "$OUT/native/record.mp4"
   run_mode "native record split" "$OUT/native" "$exe" record "$CLIP" "$OUT/native/split.mp4" 1
+  run_mode "native audio" "$OUT/native" "$exe" audio 1
+  run_mode "native render" "$OUT/native" "$exe" render 1
+  run_mode "native devices" "$OUT/native" "$exe" devices
+  run_mode "native capture" "$OUT/native" "$exe" capture "$OUT/native/capture.mp4" 1
   [ -f "$NATIVE/samples/kivcapture.log" ] && cp "$NATIVE/samples/kivcapture.log" "$OUT/native/"
 else
   echo "native build failed: $OUT/sample-native-build.log"; failures+=("native build")
@@ -61,7 +65,9 @@ fi
 
 echo
 echo "==== x86_64 Windows build under Wine ===="
-if build "$WIN64" -DCMAKE_TOOLCHAIN_FILE="$ROOT/cmake/toolchain-mingw-x86_64.cmake"; then
+# The tests folder is configured (not built) for the test camera of the
+# devices mode.
+if build "$WIN64" -DCMAKE_TOOLCHAIN_FILE="$ROOT/cmake/toolchain-mingw-x86_64.cmake" -DKIV_BUILD_TESTS=ON; then
   cp "$WIN64/src/kivcapture.dll" "$WIN64/samples/"
   cp "$CLIP" "$OUT/x64/"
   exe="$WIN64/samples/kivsample.exe"
@@ -72,6 +78,34 @@ if build "$WIN64" -DCMAKE_TOOLCHAIN_FILE="$ROOT/cmake/toolchain-mingw-x86_64.cma
   run_mode "wine graph" "$OUT/x64" "$wine" "$exe" graph
   run_mode "wine process" "$OUT/x64" "$wine" "$exe" process
   run_mode "wine record" "$OUT/x64" "$wine" "$exe" record testsrc.h264 record.mp4
+  # A 1 kHz tone into the harness's kiv_sink_a, captured from its monitor.
+  ( source "$ROOT/scripts/wine-env.sh" && kiv_ensure_pulse; kiv_close_fds; exec setsid bash -c \
+      'ffmpeg -hide_banner -loglevel error -f lavfi \
+         -i "aevalsrc=0.25*sin(2*PI*1000*t)|0.25*sin(2*PI*1000*t):s=48000:d=60" -f s16le - |
+       pacat --device=kiv_sink_a --format=s16le --rate=48000 --channels=2 --raw' </dev/null >/dev/null 2>&1 ) &
+  tone=$!
+  sleep 1
+  run_mode "wine audio" "$OUT/x64" "$wine" "$exe" audio 3 kiv_sink_a
+  kill -- "-$tone" 2>/dev/null
+  # The render mode opens a window on the Xvfb display and captures it.
+  run_mode "wine render" "$OUT/x64" "$wine" "$exe" render 3
+  if [ -f "$OUT/x64/render.bmp" ]; then
+    ffmpeg -hide_banner -loglevel error -y -i "$OUT/x64/render.bmp" "$OUT/render.png" &&
+      echo "render screenshot: $OUT/render.png"
+  fi
+  # Two test cameras where the system device enumerator finds cameras.
+  if cmake --build "$WIN64" -j "$JOBS" --target testcam_tool >>"$OUT/sample-x64-build.log" 2>&1; then
+    cam="$WIN64/tests/testcam/testcam_tool.exe"
+    "$wine" "$cam" remove-all &&
+      "$wine" "$cam" install cam0 "KIV Test Camera" \
+        "cap=YUY2:1280:720:vih:333333:166666:333333;cap=NV12:640:480:vih2:333333:0:0;cap=MJPG:1920:1080:vih:333333:0:0" &&
+      "$wine" "$cam" install cam1 "KIV Test Camera 2" "cap=RGB32:640:480:vih:666666:0:0;cap=H264:1920:1080:vih2:400000:0:0"
+    run_mode "wine devices" "$OUT/x64" "$wine" "$exe" devices
+    run_mode "wine capture" "$OUT/x64" "$wine" "$exe" capture capture.mp4 3
+    "$wine" "$cam" remove-all
+  else
+    echo "test camera build failed: $OUT/sample-x64-build.log"; failures+=("test camera build")
+  fi
   [ -f "$WIN64/samples/kivcapture.log" ] && cp "$WIN64/samples/kivcapture.log" "$OUT/x64/"
 else
   echo "x86_64 build failed: $OUT/sample-x64-build.log"; failures+=("x64 build")

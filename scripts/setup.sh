@@ -12,6 +12,8 @@ STATUS_FILE="$ROOT/build/wine32.status"
 
 PACKAGES=(
   cmake ninja-build g++ clang libclang-rt-14-dev
+  # import libraries for Microsoft's linker, and a linker to check them with
+  llvm lld pkgconf zip unzip
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   g++-mingw-w64-i686-posix g++-mingw-w64-x86-64-posix mingw-w64-tools binutils-mingw-w64-i686
   binutils-mingw-w64-x86-64

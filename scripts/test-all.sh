@@ -7,7 +7,9 @@
 # Stages: native (RelWithDebInfo), asan (address+undefined), tsan (thread,
 # the tests labelled "concurrency"), fuzz (clang/libFuzzer, bounded time),
 # x64 (MinGW x86_64 under Wine), i686 (MinGW i686, the shipped build, under
-# 32-bit Wine when installed), exports (objdump checks of both DLLs).
+# 32-bit Wine when installed), exports (objdump checks of both DLLs),
+# package (install trees, an application built against them, the ZIPs and
+# the API reference; scripts/check-package.sh).
 #
 # Environment: KIV_STAGES limits the stages (e.g. "native x64"),
 # KIV_FUZZ_SECONDS (default 20) bounds each fuzz target,
@@ -19,7 +21,7 @@ ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 cd "$ROOT"
 JOBS="${KIV_JOBS:-2}"
 FUZZ_SECONDS="${KIV_FUZZ_SECONDS:-20}"
-STAGES="${KIV_STAGES:-native asan tsan fuzz x64 i686 exports}"
+STAGES="${KIV_STAGES:-native asan tsan fuzz x64 i686 exports package}"
 BUILD="$ROOT/build"
 LOGS="$BUILD/test-logs"
 mkdir -p "$LOGS"
@@ -255,6 +257,40 @@ if want exports; then
   done
   result=ok; [ $failed -ne 0 ] && result=FAIL
   record exports $result $passed $failed "$(elapsed "$t")"
+fi
+
+# The package stage reuses the native, x64 and i686 build folders (building
+# the library there when a stage before did not) and counts each check of
+# scripts/check-package.sh as one test.
+package_stage() {
+  local t cfg dir log="$LOGS/package.log" passed failed rc
+  local -a args
+  t=$(date +%s)
+  for cfg in native x64 i686; do
+    dir="$BUILD/ci-$cfg"
+    args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo)
+    [ "$cfg" = x64 ] && args+=(-DCMAKE_TOOLCHAIN_FILE="$ROOT/cmake/toolchain-mingw-x86_64.cmake")
+    [ "$cfg" = i686 ] && args+=(-DCMAKE_TOOLCHAIN_FILE="$ROOT/cmake/toolchain-mingw-i686.cmake")
+    if ! BUILD_TARGET_NAMES=kivcapture configure_and_build "$dir" "$LOGS/package-$cfg-build.log" "${args[@]}"; then
+      record package FAIL 0 0 "$(elapsed "$t")" "library build failed: $LOGS/package-$cfg-build.log"
+      return
+    fi
+  done
+  "$ROOT/scripts/check-package.sh" >"$log" 2>&1
+  rc=$?
+  grep -E '^(PASS|FAIL): |^    ' "$log"
+  passed=$(grep -c '^PASS: ' "$log")
+  failed=$(grep -c '^FAIL: ' "$log")
+  if [ $rc -eq 0 ] && [ "$failed" -eq 0 ] && [ "$passed" -gt 0 ]; then
+    record package ok "$passed" 0 "$(elapsed "$t")"
+  else
+    record package FAIL "$passed" "$failed" "$(elapsed "$t")" "log: $log"
+  fi
+}
+
+if want package; then
+  note "package: install trees, consumer builds, ZIPs and the API reference"
+  package_stage
 fi
 
 echo

@@ -57,7 +57,7 @@ kiv_ensure_display() {
     kiv_lock 9 "the X display lock" || exit 1
     if ! xdpyinfo -display "$DISPLAY" >/dev/null 2>&1; then
       kiv_wine_log "starting Xvfb on $DISPLAY"
-      kiv_detach Xvfb "$DISPLAY" -screen 0 1280x1024x24 -nolisten tcp -noreset
+      kiv_detach Xvfb "$DISPLAY" -screen 0 1920x1200x24 -nolisten tcp -noreset
       for _ in $(seq 50); do
         xdpyinfo -display "$DISPLAY" >/dev/null 2>&1 && break
         sleep 0.2
@@ -67,11 +67,27 @@ kiv_ensure_display() {
   xdpyinfo -display "$DISPLAY" >/dev/null 2>&1 || { kiv_wine_log "no X display on $DISPLAY"; return 1; }
 }
 
-# A private PulseAudio daemon with a null sink and a null source, so WASAPI
-# finds one render and one capture endpoint.
+# The audio loop tests' devices: two more null sinks, whose monitors are
+# capture endpoints a test can play a known signal into (kiv_sink_a) or record
+# the library's playback from (kiv_sink_b). kiv_null_sink stays the default.
+kiv_ensure_pulse_sinks() {
+  local sink
+  for sink in kiv_sink_a kiv_sink_b; do
+    pactl list short sinks 2>/dev/null | grep -q "[[:space:]]$sink[[:space:]]" ||
+      pactl load-module module-null-sink sink_name=$sink sink_properties=device.description=$sink >/dev/null
+  done
+}
+
+# A private PulseAudio daemon with null sinks and a null source, so WASAPI
+# finds render and capture endpoints.
 kiv_ensure_pulse() {
   export PULSE_SERVER="unix:$KIV_PULSE_DIR/native"
-  pactl info >/dev/null 2>&1 && return 0
+  if pactl info >/dev/null 2>&1; then
+    pactl list short sinks 2>/dev/null | grep -q kiv_sink_b && return 0
+    mkdir -p "$KIV_LOCK_DIR"
+    ( kiv_lock 9 "the PulseAudio lock" && kiv_ensure_pulse_sinks ) 9>"$KIV_LOCK_DIR/pulse.lock"
+    return 0
+  fi
   mkdir -p "$KIV_PULSE_DIR" "$KIV_LOCK_DIR"
   (
     kiv_lock 9 "the PulseAudio lock" || exit 1
@@ -90,6 +106,9 @@ kiv_ensure_pulse() {
         pactl info >/dev/null 2>&1 && break
         sleep 0.2
       done
+      kiv_ensure_pulse_sinks
+      pactl set-default-sink kiv_null_sink >/dev/null 2>&1
+      pactl set-default-source kiv_null_source >/dev/null 2>&1
     fi
   ) 9>"$KIV_LOCK_DIR/pulse.lock"
   pactl info >/dev/null 2>&1 || { kiv_wine_log "PulseAudio did not start (audio endpoints missing)"; return 1; }

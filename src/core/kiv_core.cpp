@@ -7,6 +7,7 @@
 #include "kiv_log.h"
 #include "kiv_platform.h"
 #include "kiv_state.h"
+#include "kiv_video_caps.h"
 
 namespace kiv {
 namespace {
@@ -62,6 +63,7 @@ const char* BaseName(const char* path) {
 void RebuildDeviceLists() {
     platform::EnumerateVideoDevices(&g_videoDevices);
     platform::EnumerateAudioInputDevices(&g_audioDevices);
+    ResetVideoCapabilityCache(g_videoDevices.size());
 }
 
 }  // namespace
@@ -178,6 +180,7 @@ KivResult KIV_CALL KIV_Shutdown(void) {
     g_videoDevices.shrink_to_fit();
     g_audioDevices.clear();
     g_audioDevices.shrink_to_fit();
+    ClearVideoCapabilityCache();
     KIV_LOG("KIV_Shutdown");
     if (g_initialized.load()) {
         platform::MediaShutdown();

@@ -67,11 +67,3 @@ void SlimLock::Lock() { AcquireSRWLockExclusive(reinterpret_cast<SRWLOCK*>(stora
 void SlimLock::Unlock() { ReleaseSRWLockExclusive(reinterpret_cast<SRWLOCK*>(storage_)); }
 
 }  // namespace kiv::platform
-
-namespace kiv::platform {
-
-// Device enumeration is not wired up yet: the lists stay empty.
-void EnumerateVideoDevices(std::vector<KivDeviceInfo>* out) { out->clear(); }
-void EnumerateAudioInputDevices(std::vector<KivDeviceInfo>* out) { out->clear(); }
-
-}  // namespace kiv::platform

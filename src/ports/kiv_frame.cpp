@@ -2,6 +2,8 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <new>
+#include <stdexcept>
 
 #include "../core/kiv_platform.h"
 
@@ -42,20 +44,45 @@ bool IsUncompressed(int32_t format) {
     return format >= KIV_PIXEL_FORMAT_YUY2 && format <= KIV_PIXEL_FORMAT_RGB32;
 }
 
+int64_t PackedRowBytes(int32_t format, int32_t width) {
+    if (width < 1) return 0;
+    switch (format) {
+        case KIV_PIXEL_FORMAT_YUY2: return int64_t{width} * 2;
+        case KIV_PIXEL_FORMAT_NV12: return width;
+        case KIV_PIXEL_FORMAT_RGB24: return int64_t{width} * 3;
+        case KIV_PIXEL_FORMAT_RGB32: return int64_t{width} * 4;
+        default: return 0;
+    }
+}
+
+bool SizeFrameBuffer(std::vector<uint8_t>& buffer, int64_t bytes) {
+    if (bytes < 0 || bytes > kMaxFrameBufferBytes) return false;
+    try {
+        buffer.resize(static_cast<size_t>(bytes));
+    } catch (const std::bad_alloc&) {
+        return false;
+    } catch (const std::length_error&) {
+        return false;
+    }
+    return true;
+}
+
 namespace {
 
 // Copies `rows` rows of |stride| bytes into `out`, turning a negative stride
-// into top-down order.
-void CopyRows(const uint8_t* src, int32_t stride, int32_t rows, std::vector<uint8_t>& out) {
-    const size_t rowBytes = static_cast<size_t>(std::abs(static_cast<int64_t>(stride)));
-    out.resize(rowBytes * static_cast<size_t>(rows));
+// into top-down order; false when the rows would not fit a frame buffer.
+bool CopyRows(const uint8_t* src, int32_t stride, int32_t rows, std::vector<uint8_t>& out) {
+    const int64_t rowBytes64 = std::abs(static_cast<int64_t>(stride));
+    if (!SizeFrameBuffer(out, rowBytes64 * rows)) return false;
+    const size_t rowBytes = static_cast<size_t>(rowBytes64);
     if (stride > 0) {
         std::memcpy(out.data(), src, out.size());
-        return;
+        return true;
     }
     for (int32_t r = 0; r < rows; ++r) {
         std::memcpy(out.data() + rowBytes * static_cast<size_t>(r), src + static_cast<ptrdiff_t>(stride) * r, rowBytes);
     }
+    return true;
 }
 
 }  // namespace
@@ -76,11 +103,11 @@ bool FrameCopy::Copy(const KivVideoFrame& source) {
             // A zero NV12 stride means a tightly packed plane of width W; the
             // chroma plane has (H + 1) / 2 rows, so odd heights keep their last row.
             const int32_t luma = source.strides[0] == 0 ? w : source.strides[0];
-            CopyRows(source.planes[0], luma, h, planes_[0]);
+            if (!CopyRows(source.planes[0], luma, h, planes_[0])) return false;
             frame_.strides[0] = std::abs(luma);
             if (source.planes[1]) {
                 const int32_t chroma = source.strides[1] == 0 ? w : source.strides[1];
-                CopyRows(source.planes[1], chroma, (h + 1) / 2, planes_[1]);
+                if (!CopyRows(source.planes[1], chroma, (h + 1) / 2, planes_[1])) return false;
                 frame_.strides[1] = std::abs(chroma);
                 frame_.planes[1] = planes_[1].data();
             }
@@ -88,13 +115,12 @@ bool FrameCopy::Copy(const KivVideoFrame& source) {
         }
         case KIV_PIXEL_FORMAT_MJPG:
         case KIV_PIXEL_FORMAT_H264: {
-            if (source.strides[0] <= 0) return false;
-            planes_[0].assign(source.planes[0], source.planes[0] + source.strides[0]);
+            if (source.strides[0] <= 0 || !SizeFrameBuffer(planes_[0], source.strides[0])) return false;
+            std::memcpy(planes_[0].data(), source.planes[0], planes_[0].size());
             break;
         }
         default: {
-            if (source.strides[0] == 0) return false;
-            CopyRows(source.planes[0], source.strides[0], h, planes_[0]);
+            if (source.strides[0] == 0 || !CopyRows(source.planes[0], source.strides[0], h, planes_[0])) return false;
             frame_.strides[0] = std::abs(source.strides[0]);
             break;
         }

@@ -17,6 +17,24 @@ void FillPackedLayout(KivVideoFrame* frame, uint8_t* buffer);
 
 bool IsUncompressed(int32_t format);
 
+// Largest buffer a port makes for one frame. A frame that would need more
+// passes a processing port unchanged and is refused by a copy: far above any
+// real picture (16384 x 16384 RGB32 is 1 GiB), it keeps a made-up size from
+// turning into an allocation that fails or exhausts the process.
+constexpr int64_t kMaxFrameBufferBytes = int64_t{1} << 30;
+
+// Bytes of one row of plane 0 under the size rules (W x 2, W, W x 3, W x 4);
+// 0 for compressed formats and widths below 1.
+int64_t PackedRowBytes(int32_t format, int32_t width);
+
+// Whether rows `stride` bytes apart (either direction) can hold `rowBytes`.
+inline bool StrideHoldsRow(int64_t stride, int64_t rowBytes) { return (stride < 0 ? -stride : stride) >= rowBytes; }
+
+// Sizes a frame buffer to `bytes`, keeping its capacity; false, with the
+// buffer unchanged, for a size beyond kMaxFrameBufferBytes or memory the
+// process cannot have.
+bool SizeFrameBuffer(std::vector<uint8_t>& buffer, int64_t bytes);
+
 // A frame that owns its planes. Copy() reuses the buffers, so a warmed-up
 // copy allocates nothing. A negative stride means the rows run upwards in
 // memory from planes[i]; the copy is always top-down with positive strides.

@@ -89,6 +89,14 @@ void KivPortBase::EmitVideo(const KivVideoFrame* frame) {
     }
 }
 
+void KivPortBase::VisitDownstream(void (*visit)(KivPortBase* target, void* context), void* context) {
+    Snapshot snapshot;
+    TakeSnapshot(snapshot);
+    for (size_t i = 0; i < snapshot.count; ++i) {
+        if (KivPortBase* target = snapshot.targets[i]) visit(target, context);
+    }
+}
+
 // Same road as video, without the second closing check after the callback.
 void KivPortBase::EmitAudio(const KivAudioFrame* frame) {
     if (IsClosing()) return;

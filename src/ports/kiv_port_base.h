@@ -42,6 +42,10 @@ public:
     size_t DownstreamCount();
 
 protected:
+    // Calls visit for each downstream port of one snapshot of the list, with
+    // the lock released, for producers that watch each delivery on its own.
+    void VisitDownstream(void (*visit)(KivPortBase* target, void* context), void* context);
+
     const int32_t type_;
     std::mutex mutex_;  // guards downstream_ and wideDownstream_ only
 

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include "kiv_wide_path.h"
 
@@ -214,23 +215,46 @@ void BuildPaddedValues(Kiv3DLutData* lut) {
     for (size_t i = 0; i < entries; ++i) std::memcpy(&lut->paddedValues[i * 4], &lut->values[i * 3], 3 * sizeof(float));
 }
 
+namespace {
+
+// Far above the largest table (128 points a side is about 60 MB of text).
+constexpr size_t kMaxCubeFileBytes = size_t{256} << 20;
+
+bool ReadStream(std::FILE* f, std::vector<char>* out) {
+    long size = -1;
+    if (std::fseek(f, 0, SEEK_END) == 0) size = std::ftell(f);
+    if (size < 0 || static_cast<unsigned long>(size) > kMaxCubeFileBytes) return false;
+    std::fseek(f, 0, SEEK_SET);
+    // The size is only a hint: a folder or a device reports one it cannot
+    // deliver, so the bytes are read to the end and a read error fails.
+    out->clear();
+    out->reserve(static_cast<size_t>(size) + 1);
+    char chunk[16384];
+    for (;;) {
+        const size_t got = std::fread(chunk, 1, sizeof chunk, f);
+        if (out->size() + got > kMaxCubeFileBytes) return false;
+        out->insert(out->end(), chunk, chunk + got);
+        if (got < sizeof chunk) break;
+    }
+    if (std::ferror(f)) return false;
+    out->push_back('\0');
+    return true;
+}
+
+}  // namespace
+
 bool ReadWholeFile(const KivWChar* path, std::vector<char>* out) {
     if (!path || path[0] == 0 || !out) return false;
     std::FILE* f = OpenWideFile(path, "rb");
     if (!f) return false;
-    long size = -1;
-    if (std::fseek(f, 0, SEEK_END) == 0) size = std::ftell(f);
-    if (size < 0) {
-        std::fclose(f);
-        return false;
+    bool ok = false;
+    try {
+        ok = ReadStream(f, out);
+    } catch (const std::bad_alloc&) {
+        ok = false;
     }
-    std::fseek(f, 0, SEEK_SET);
-    out->assign(static_cast<size_t>(size) + 1, '\0');
-    const size_t got = size > 0 ? std::fread(out->data(), 1, static_cast<size_t>(size), f) : 0;
     std::fclose(f);
-    out->resize(got + 1);
-    (*out)[got] = '\0';
-    return true;
+    return ok;
 }
 
 bool ParseCubeForColorEngine(const char* text, Kiv3DLutData* out) {

@@ -38,7 +38,8 @@ struct KivRenderLutData {
 namespace kiv {
 
 // Reads the whole file and appends a zero byte. False for a null or empty
-// path or a file that cannot be opened or sized.
+// path, a file that cannot be opened, sized or read to its end (a folder),
+// one over 256 MiB, or memory the process cannot have.
 bool ReadWholeFile(const KivWChar* path, std::vector<char>* out);
 
 // Both parsers take zero-terminated text and leave *out untouched on failure.

@@ -1,15 +1,51 @@
 #include "kiv_video_color.h"
 
 #include <cstring>
+#include <new>
 
 #include "kiv_color_convert.h"
 #include "kiv_color_math.h"
 #include "kiv_log.h"
 #include "kiv_wide_path.h"
+#include "ports/kiv_frame.h"
 
 namespace {
 
 constexpr size_t kLogPathBytes = 1024;
+
+// Whether the rows the conversion reads lie within the strides the frame
+// gives. A zero stride means tightly packed rows; any other stride whose
+// size cannot hold a row is not followed, whatever its direction.
+bool RowsFit(const KivVideoFrame& f) {
+    const int32_t s0 = f.strides[0], s1 = f.strides[1];
+    if (s0 != 0 && !kiv::StrideHoldsRow(s0, kiv::PackedRowBytes(f.format, f.width))) return false;
+    if (f.format == KIV_PIXEL_FORMAT_NV12 && s1 != 0 && !kiv::StrideHoldsRow(s1, f.width)) return false;
+    return true;
+}
+
+// Runs a conversion; false when its row scratch could not grow.
+template <class Work>
+bool Convert(const Work& work) {
+    try {
+        work();
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
+// A file of many numbers may ask for more memory than the process has; that
+// is a parse failure like any other.
+bool ParseTable(const std::vector<char>& text, std::shared_ptr<Kiv3DLutData>* out) {
+    try {
+        auto lut = std::make_shared<Kiv3DLutData>();
+        if (!kiv::ParseCubeForColorEngine(text.data(), lut.get())) return false;
+        *out = std::move(lut);
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
 
 }  // namespace
 
@@ -46,8 +82,8 @@ int32_t KivVideoColorEngine::LoadCubeFile(const KivWChar* path) {
         KIV_LOG("ColorEngine load cube failed: open file failed path=%s", logPath.c_str());
         return KIV_ERROR_FAILED;
     }
-    auto lut = std::make_shared<Kiv3DLutData>();
-    if (!kiv::ParseCubeForColorEngine(text.data(), lut.get())) {
+    std::shared_ptr<Kiv3DLutData> lut;
+    if (!ParseTable(text, &lut)) {
         KIV_LOG("ColorEngine load cube failed: parse error path=%s", logPath.c_str());
         return KIV_ERROR_FAILED;
     }
@@ -101,8 +137,13 @@ int32_t KivVideoColorEngine::OnVideoFrame(const KivVideoFrame* frame) {
     }
     const int32_t w = frame->width, h = frame->height;
     if (w < 1 || h < 1) return KIV_ERROR_INVALID_ARG;
-    if (!frame->planes[0]) {
-        EmitVideo(frame);  // nothing to read pixels from
+    if (!frame->planes[0] || !RowsFit(*frame)) {
+        EmitVideo(frame);  // nothing to read, or rows the buffer cannot hold
+        return KIV_OK;
+    }
+    KivWorkPool<Buffers>::Lease buffers = buffers_.Acquire();
+    if (!buffers) {
+        EmitVideo(frame);
         return KIV_OK;
     }
 
@@ -112,7 +153,7 @@ int32_t KivVideoColorEngine::OnVideoFrame(const KivVideoFrame* frame) {
     job.range = kiv::color::ResolveRange(config.range);
     job.lut = lut.get();
     job.strength = config.strength;
-    job.scratch = &scratch_;
+    job.scratch = &buffers->scratch;
 
     KivVideoFrame out = *frame;
     for (int i = 0; i < 4; ++i) {
@@ -120,35 +161,42 @@ int32_t KivVideoColorEngine::OnVideoFrame(const KivVideoFrame* frame) {
         out.strides[i] = 0;
     }
     out.format = outFmt;
-    const size_t width = static_cast<size_t>(w), height = static_cast<size_t>(h);
+    const int64_t width = w, height = h;
+    bool sized = false;
     switch (outFmt) {
         case KIV_PIXEL_FORMAT_RGB24:
         case KIV_PIXEL_FORMAT_RGB32: {
             const int32_t bpp = outFmt == KIV_PIXEL_FORMAT_RGB24 ? 3 : 4;
-            plane0_.resize(width * static_cast<size_t>(bpp) * height);
-            kiv::color::ConvertToRgb(job, bpp, plane0_.data());
+            sized = kiv::SizeFrameBuffer(buffers->plane0, width * bpp * height);
+            if (sized) sized = Convert([&] { kiv::color::ConvertToRgb(job, bpp, buffers->plane0.data()); });
             out.strides[0] = w * bpp;
             break;
         }
         case KIV_PIXEL_FORMAT_YUY2: {
-            const size_t stride = ((width + 1) & ~size_t{1}) * 2;
-            plane0_.resize(stride * height);
-            kiv::color::ConvertToYuy2(job, plane0_.data());
+            const int64_t stride = ((width + 1) & ~int64_t{1}) * 2;
+            sized = kiv::SizeFrameBuffer(buffers->plane0, stride * height);
+            if (sized) sized = Convert([&] { kiv::color::ConvertToYuy2(job, buffers->plane0.data()); });
             out.strides[0] = static_cast<int32_t>(stride);
             break;
         }
         default: {  // NV12
-            const size_t cw = (width + 1) & ~size_t{1};
-            plane0_.resize(width * height);
-            plane1_.resize(cw * ((height + 1) / 2));
-            kiv::color::ConvertToNv12(job, plane0_.data(), plane1_.data());
-            out.planes[1] = plane1_.data();
+            const int64_t cw = (width + 1) & ~int64_t{1};
+            sized = kiv::SizeFrameBuffer(buffers->plane0, width * height) &&
+                    kiv::SizeFrameBuffer(buffers->plane1, cw * ((height + 1) / 2));
+            if (sized) {
+                sized = Convert([&] { kiv::color::ConvertToNv12(job, buffers->plane0.data(), buffers->plane1.data()); });
+            }
+            out.planes[1] = buffers->plane1.data();
             out.strides[0] = w;
             out.strides[1] = static_cast<int32_t>(cw);
             break;
         }
     }
-    out.planes[0] = plane0_.data();
+    if (!sized) {
+        EmitVideo(frame);  // too large for a buffer of ours
+        return KIV_OK;
+    }
+    out.planes[0] = buffers->plane0.data();
     EmitVideo(&out);
     return KIV_OK;
 }

@@ -8,6 +8,7 @@
 
 #include "kiv_cube_lut.h"
 #include "ports/kiv_port_base.h"
+#include "ports/kiv_work_pool.h"
 
 class KivVideoColorEngine : public KivPortBase {
 public:
@@ -27,7 +28,12 @@ private:
     // Immutable once loaded; a frame in flight keeps its own reference, so
     // swapping it never waits for the frame.
     std::shared_ptr<const Kiv3DLutData> lut_;
-    std::vector<uint8_t> plane0_;
-    std::vector<uint8_t> plane1_;
-    std::vector<uint8_t> scratch_;
+    struct Buffers {
+        std::vector<uint8_t> plane0;
+        std::vector<uint8_t> plane1;   // NV12 chroma
+        std::vector<uint8_t> scratch;  // row buffers of the conversion
+    };
+    // Each delivery converts into buffers of its own, so upstream ports on
+    // several threads may feed the engine at once.
+    KivWorkPool<Buffers> buffers_;
 };

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "kiv_log.h"
+#include "ports/kiv_frame.h"
 
 namespace {
 
@@ -74,8 +75,31 @@ int32_t KivVideoCrop::OnVideoFrame(const KivVideoFrame* frame) {
     }
     if (w < 1 || h < 1) return bypassInvalid();
 
-    if (!frame->planes[0] && format >= KIV_PIXEL_FORMAT_YUY2 && format <= KIV_PIXEL_FORMAT_RGB32) {
-        EmitVideo(frame);  // nothing to copy from
+    if (!kiv::IsUncompressed(format)) {
+        KIV_LOG("VideoCrop unsupported format=%d, bypass", format);
+        EmitVideo(frame);
+        return KIV_OK;
+    }
+    // Nothing to copy from, or rows the frame's buffer cannot hold: the frame
+    // passes untouched rather than have its pixels read past their end.
+    const ptrdiff_t stride0 = frame->strides[0];
+    const ptrdiff_t chromaStride = frame->strides[1] != 0 ? frame->strides[1] : stride0;
+    const bool rowsFit = kiv::StrideHoldsRow(stride0, kiv::PackedRowBytes(format, width)) &&
+                         (format != KIV_PIXEL_FORMAT_NV12 || kiv::StrideHoldsRow(chromaStride, width));
+    if (!frame->planes[0] || !rowsFit) {
+        EmitVideo(frame);
+        return KIV_OK;
+    }
+
+    const int32_t bpp = format == KIV_PIXEL_FORMAT_YUY2    ? 2
+                        : format == KIV_PIXEL_FORMAT_RGB24 ? 3
+                        : format == KIV_PIXEL_FORMAT_RGB32 ? 4
+                                                           : 1;
+    const size_t rowBytes = static_cast<size_t>(w) * static_cast<size_t>(bpp);
+    KivWorkPool<Buffers>::Lease buffers = buffers_.Acquire();
+    if (!buffers || !kiv::SizeFrameBuffer(buffers->plane0, static_cast<int64_t>(rowBytes) * h) ||
+        (format == KIV_PIXEL_FORMAT_NV12 && !kiv::SizeFrameBuffer(buffers->plane1, static_cast<int64_t>(w) * (h / 2)))) {
+        EmitVideo(frame);  // no memory for the copy
         return KIV_OK;
     }
 
@@ -84,39 +108,17 @@ int32_t KivVideoCrop::OnVideoFrame(const KivVideoFrame* frame) {
         out.planes[i] = nullptr;
         out.strides[i] = 0;
     }
-    const ptrdiff_t stride0 = frame->strides[0];
-    switch (format) {
-        case KIV_PIXEL_FORMAT_YUY2:
-        case KIV_PIXEL_FORMAT_RGB24:
-        case KIV_PIXEL_FORMAT_RGB32: {
-            const int32_t bpp = format == KIV_PIXEL_FORMAT_YUY2 ? 2 : (format == KIV_PIXEL_FORMAT_RGB24 ? 3 : 4);
-            const size_t rowBytes = static_cast<size_t>(w) * static_cast<size_t>(bpp);
-            plane0_.resize(rowBytes * static_cast<size_t>(h));
-            CopyRows(plane0_.data(), frame->planes[0] + y * stride0 + static_cast<ptrdiff_t>(x) * bpp, stride0,
-                     rowBytes, h);
-            out.strides[0] = static_cast<int32_t>(rowBytes);
-            break;
-        }
-        case KIV_PIXEL_FORMAT_NV12: {
-            const size_t rowBytes = static_cast<size_t>(w);
-            plane0_.resize(rowBytes * static_cast<size_t>(h));
-            plane1_.resize(rowBytes * static_cast<size_t>(h / 2));
-            CopyRows(plane0_.data(), frame->planes[0] + y * stride0 + x, stride0, rowBytes, h);
-            const ptrdiff_t chromaStride = frame->strides[1] != 0 ? frame->strides[1] : stride0;
-            const uint8_t* chromaBase =
-                frame->planes[1] ? frame->planes[1] : frame->planes[0] + static_cast<ptrdiff_t>(height) * stride0;
-            CopyRows(plane1_.data(), chromaBase + (y / 2) * chromaStride + x, chromaStride, rowBytes, h / 2);
-            out.planes[1] = plane1_.data();
-            out.strides[0] = w;
-            out.strides[1] = w;
-            break;
-        }
-        default:
-            KIV_LOG("VideoCrop unsupported format=%d, bypass", format);
-            EmitVideo(frame);
-            return KIV_OK;
+    CopyRows(buffers->plane0.data(), frame->planes[0] + y * stride0 + static_cast<ptrdiff_t>(x) * bpp, stride0,
+             rowBytes, h);
+    if (format == KIV_PIXEL_FORMAT_NV12) {
+        const uint8_t* chromaBase =
+            frame->planes[1] ? frame->planes[1] : frame->planes[0] + static_cast<ptrdiff_t>(height) * stride0;
+        CopyRows(buffers->plane1.data(), chromaBase + (y / 2) * chromaStride + x, chromaStride, rowBytes, h / 2);
+        out.planes[1] = buffers->plane1.data();
+        out.strides[1] = w;
     }
-    out.planes[0] = plane0_.data();
+    out.planes[0] = buffers->plane0.data();
+    out.strides[0] = static_cast<int32_t>(rowBytes);
     out.width = w;
     out.height = h;
     EmitVideo(&out);

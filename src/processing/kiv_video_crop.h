@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "ports/kiv_port_base.h"
+#include "ports/kiv_work_pool.h"
 
 class KivVideoCrop : public KivPortBase {
 public:
@@ -20,6 +21,11 @@ private:
     std::mutex settingsMutex_;
     KivVideoCropRect rect_{0, 0, 0, 0};
     uint8_t enabled_ = 0;
-    std::vector<uint8_t> plane0_;
-    std::vector<uint8_t> plane1_;
+    struct Buffers {
+        std::vector<uint8_t> plane0;
+        std::vector<uint8_t> plane1;  // NV12 chroma
+    };
+    // Each delivery copies into buffers of its own, so upstream ports on
+    // several threads may feed the crop at once.
+    KivWorkPool<Buffers> buffers_;
 };

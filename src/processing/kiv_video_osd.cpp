@@ -171,10 +171,17 @@ int32_t KivVideoOsd::OnVideoFrame(const KivVideoFrame* frame) {
         return KIV_OK;
     }
 
-    const KivResult built = canvas_.Build(*frame);
+    KivWorkPool<kiv::OsdCanvas>::Lease canvas = canvases_.Acquire();
+    const KivResult built = canvas ? canvas->Build(*frame) : KIV_ERROR_FAILED;
+    if (built == KIV_ERROR_FAILED) {
+        // A frame whose rows cannot be read or that is too large to copy
+        // passes untouched.
+        SendToOverlayOutputs(*outputs, frame);
+        return KIV_OK;
+    }
     if (built != KIV_OK) return built;
-    for (const OsdItem* item : items->drawOrder) kiv::OsdDrawItem(canvas_, rasterizer_.get(), *item);
-    const KivVideoFrame composited = canvas_.Frame(*frame);
+    for (const OsdItem* item : items->drawOrder) kiv::OsdDrawItem(*canvas, rasterizer_.get(), *item);
+    const KivVideoFrame composited = canvas->Frame(*frame);
     SendToOverlayOutputs(*outputs, &composited);
     return KIV_OK;
 }

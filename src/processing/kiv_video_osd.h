@@ -11,6 +11,7 @@
 #include "osd_item.h"
 #include "osd_rasterizer.h"
 #include "ports/kiv_port_base.h"
+#include "ports/kiv_work_pool.h"
 
 class KivVideoOsd : public KivPortBase {
 public:
@@ -62,7 +63,8 @@ private:
     std::atomic<int32_t> nextId_{1};
     std::atomic<int32_t> framesInProgress_{0};
 
-    // Owned by the single upstream thread that delivers frames.
-    kiv::OsdCanvas canvas_;
+    // Each delivery draws on a canvas of its own, so upstream ports on
+    // several threads may feed the overlay at once.
+    KivWorkPool<kiv::OsdCanvas> canvases_;
     std::unique_ptr<kiv::OsdRasterizer> rasterizer_;
 };

@@ -3,14 +3,10 @@
 #include <algorithm>
 #include <cstring>
 
+#include "ports/kiv_frame.h"
+
 namespace kiv {
 
-namespace {
-
-// Sizes a buffer without ever giving capacity back.
-void Size(std::vector<uint8_t>& buffer, size_t bytes) { buffer.resize(bytes); }
-
-}  // namespace
 
 void OsdYccToBgr(uint8_t y, uint8_t cb, uint8_t cr, uint8_t* bgr) {
     const int32_t c = (static_cast<int32_t>(y) - 16) * 298;
@@ -23,19 +19,26 @@ void OsdYccToBgr(uint8_t y, uint8_t cb, uint8_t cr, uint8_t* bgr) {
 
 KivResult OsdCanvas::Build(const KivVideoFrame& frame) {
     if (!frame.planes[0] || frame.width < 1 || frame.height < 1) return KIV_ERROR_INVALID_ARG;
+    // A positive stride shorter than the row is copied only as far as it
+    // goes; a negative one would be read as packed rows, past its buffer.
+    const int64_t row = PackedRowBytes(frame.format, frame.width);
+    if (frame.strides[0] < 0 && !StrideHoldsRow(frame.strides[0], row)) return KIV_ERROR_FAILED;
+    if (frame.format == KIV_PIXEL_FORMAT_NV12 && frame.strides[1] < 0 && !StrideHoldsRow(frame.strides[1], frame.width)) {
+        return KIV_ERROR_FAILED;
+    }
     if (frame.format == KIV_PIXEL_FORMAT_YUY2) return BuildYuy2(frame);
     if (frame.format == KIV_PIXEL_FORMAT_NV12) return BuildNv12(frame);
     return BuildRgb32(frame);
 }
 
 KivResult OsdCanvas::BuildYuy2(const KivVideoFrame& frame) {
+    const size_t rowBytes = static_cast<size_t>((int64_t{frame.width} + 1) & ~int64_t{1}) * 2;
+    if (!SizeFrameBuffer(plane0_, static_cast<int64_t>(rowBytes) * frame.height)) return KIV_ERROR_FAILED;
     width_ = frame.width;
     height_ = frame.height;
     format_ = KIV_PIXEL_FORMAT_YUY2;
-    const size_t rowBytes = static_cast<size_t>(EvenWidth()) * 2;
     const int64_t stride = frame.strides[0] >= 1 ? frame.strides[0] : int64_t{frame.width} * 2;
     const size_t copy = static_cast<size_t>(std::min<int64_t>(stride, static_cast<int64_t>(rowBytes)));
-    Size(plane0_, rowBytes * static_cast<size_t>(height_));
     plane1_.clear();
     for (int32_t row = 0; row < height_; ++row) {
         uint8_t* dst = plane0_.data() + rowBytes * static_cast<size_t>(row);
@@ -46,17 +49,19 @@ KivResult OsdCanvas::BuildYuy2(const KivVideoFrame& frame) {
 }
 
 KivResult OsdCanvas::BuildNv12(const KivVideoFrame& frame) {
+    const size_t lumaRow = static_cast<size_t>(frame.width);
+    const size_t chromaRow = static_cast<size_t>((int64_t{frame.width} + 1) & ~int64_t{1});
+    const size_t chromaRows = static_cast<size_t>((int64_t{frame.height} + 1) / 2);
+    if (!SizeFrameBuffer(plane0_, static_cast<int64_t>(lumaRow) * frame.height) ||
+        !SizeFrameBuffer(plane1_, static_cast<int64_t>(chromaRow * chromaRows))) {
+        return KIV_ERROR_FAILED;
+    }
     width_ = frame.width;
     height_ = frame.height;
     format_ = KIV_PIXEL_FORMAT_NV12;
-    const size_t lumaRow = static_cast<size_t>(width_);
-    const size_t chromaRow = static_cast<size_t>(EvenWidth());
-    const size_t chromaRows = static_cast<size_t>((height_ + 1) / 2);
     const int64_t lumaStride = frame.strides[0] >= 1 ? frame.strides[0] : int64_t{width_};
     const int64_t chromaStride = frame.strides[1] >= 1 ? frame.strides[1] : static_cast<int64_t>(chromaRow);
     const uint8_t* chroma = frame.planes[1] ? frame.planes[1] : frame.planes[0] + lumaStride * height_;
-    Size(plane0_, lumaRow * static_cast<size_t>(height_));
-    Size(plane1_, chromaRow * chromaRows);
 
     const size_t lumaCopy = static_cast<size_t>(std::min<int64_t>(lumaStride, static_cast<int64_t>(lumaRow)));
     for (int32_t row = 0; row < height_; ++row) {
@@ -84,12 +89,14 @@ KivResult OsdCanvas::BuildRgb32(const KivVideoFrame& frame) {
 
     const int32_t w = frame.width;
     const int32_t h = frame.height;
+    const int64_t stride0 = frame.strides[0];
+    // Rows the source buffer cannot hold are not followed.
+    if (!StrideHoldsRow(stride0, PackedRowBytes(format, w))) return KIV_ERROR_FAILED;
     const size_t rowBytes = static_cast<size_t>(w) * 4;
-    Size(bgra_, rowBytes * static_cast<size_t>(h));
+    if (!SizeFrameBuffer(bgra_, static_cast<int64_t>(rowBytes) * h)) return KIV_ERROR_FAILED;
     width_ = w;
     height_ = h;
     format_ = KIV_PIXEL_FORMAT_RGB32;
-    const int64_t stride0 = frame.strides[0];
 
     for (int32_t row = 0; row < h; ++row) {
         uint8_t* dst = bgra_.data() + rowBytes * static_cast<size_t>(row);

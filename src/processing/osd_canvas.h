@@ -14,7 +14,9 @@ class OsdCanvas {
 public:
     // Copies the frame onto the canvas: YUY2 and NV12 keep their format, every
     // other uncompressed format becomes RGB32. -2 for an empty frame, -4 for a
-    // format the canvas cannot hold.
+    // format the canvas cannot hold, -1 for a frame it must not read (RGB rows
+    // longer than their stride) or too large for its buffers; the canvas is
+    // then unchanged.
     KivResult Build(const KivVideoFrame& frame);
 
     // The RGB32 builder on its own; it also converts YUY2 and NV12 (BT.601,

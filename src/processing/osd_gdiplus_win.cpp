@@ -14,6 +14,7 @@ using std::min;
 
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <vector>
 
 #include "osd_rasterizer.h"
@@ -183,26 +184,30 @@ private:
     }
 
     // The bitmap dies with the drawing, so the region is copied into a buffer
-    // that lives until the next drawing.
-    bool CopyRegion(gp::GpBitmap* bitmap, const OsdRect& region, OsdBgraView* out) {
+    // of the drawing thread that lives until that thread's next drawing:
+    // overlays fed from several threads draw at the same time.
+    static bool CopyRegion(gp::GpBitmap* bitmap, const OsdRect& region, OsdBgraView* out) {
+        thread_local std::vector<uint8_t> pixels;
+        const size_t rowBytes = static_cast<size_t>(region.width) * 4;
+        try {
+            pixels.resize(rowBytes * static_cast<size_t>(region.height));
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
         gp::GpRect rect(region.x, region.y, region.width, region.height);
         gp::BitmapData data{};
         if (flat::GdipBitmapLockBits(bitmap, &rect, gp::ImageLockModeRead, PixelFormat32bppARGB, &data) != gp::Ok) {
             return false;
         }
-        const size_t rowBytes = static_cast<size_t>(region.width) * 4;
-        pixels_.resize(rowBytes * static_cast<size_t>(region.height));
         for (int32_t row = 0; row < region.height; ++row) {
-            std::memcpy(pixels_.data() + rowBytes * static_cast<size_t>(row),
+            std::memcpy(pixels.data() + rowBytes * static_cast<size_t>(row),
                         static_cast<const uint8_t*>(data.Scan0) + static_cast<ptrdiff_t>(data.Stride) * row, rowBytes);
         }
         flat::GdipBitmapUnlockBits(bitmap, &data);
-        out->pixels = pixels_.data();
+        out->pixels = pixels.data();
         out->stride = static_cast<int32_t>(rowBytes);
         return true;
     }
-
-    std::vector<uint8_t> pixels_;
 };
 
 }  // namespace

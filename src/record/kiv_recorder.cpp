@@ -325,7 +325,9 @@ int32_t KivRecorder::PassThroughLocked(const KivVideoFrame& frame, Delivery* out
     progress.segmentStart = segmentStart_;
     progress.writerCountsBytes = true;
     progress.writerBytes = mp4_.FileBytes();
-    if (kiv::ShouldSplit(settings_, progress)) {
+    // A file is closed for a split only once it holds a frame, so that every
+    // segment has its index whatever the limits.
+    if (segmentFrames_ > 0 && kiv::ShouldSplit(settings_, progress)) {
         FinalizeMp4Locked(&out->audio);
         ++segmentIndex_;
         const kiv::RecorderPath next = NextSegmentNameLocked();
@@ -516,7 +518,7 @@ int32_t KivRecorder::EncodeLocked(const KivVideoFrame& frame, Delivery* out) {
     kiv::SegmentProgress progress;
     progress.time = grid_.NextDue();
     progress.segmentStart = segmentStart_;
-    if (kiv::ShouldSplit(settings_, progress)) {
+    if (segmentFrames_ > 0 && kiv::ShouldSplit(settings_, progress)) {  // never an empty segment
         FinalizeEncoderLocked();
         ++segmentIndex_;
         const kiv::RecorderPath next = NextSegmentNameLocked();

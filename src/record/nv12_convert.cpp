@@ -1,6 +1,9 @@
 #include "nv12_convert.h"
 
 #include <cstring>
+#include <new>
+
+#include "ports/kiv_frame.h"
 
 namespace kiv {
 
@@ -119,7 +122,17 @@ int32_t BytesPerPixelRow(int32_t format, int32_t width) {
     }
 }
 
-void Resize(std::vector<uint8_t>* out, size_t bytes) { out->resize(bytes, 128); }
+// False when a configured size asks for more than a frame buffer may hold.
+bool ResizeNv12(std::vector<uint8_t>* out, int32_t width, int32_t height) {
+    const int64_t bytes = int64_t{width} * height + int64_t{width} * (height / 2);
+    if (bytes > kMaxFrameBufferBytes) return false;
+    try {
+        out->resize(static_cast<size_t>(bytes), 128);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
 
 }  // namespace
 
@@ -142,7 +155,7 @@ int32_t ConvertToNv12(const KivVideoFrame& frame, int32_t width, int32_t height,
             chromaStride = frame.strides[0];
         }
         if (chromaStride < width) return KIV_ERROR_INVALID_ARG;
-        Resize(out, Nv12Bytes(width, height));
+        if (!ResizeNv12(out, width, height)) return KIV_ERROR_FAILED;
         uint8_t* dst = out->data();
         for (int32_t y = 0; y < height; ++y, dst += w) {
             std::memcpy(dst, frame.planes[0] + static_cast<size_t>(frame.strides[0]) * static_cast<size_t>(y), w);
@@ -161,13 +174,17 @@ int32_t ConvertToNv12(const KivVideoFrame& frame, int32_t width, int32_t height,
         return KIV_ERROR_INVALID_ARG;
     }
 
-    Resize(out, Nv12Bytes(width, height));
+    if (!ResizeNv12(out, width, height)) return KIV_ERROR_FAILED;
     uint8_t* luma = out->data();
     uint8_t* chroma = luma + w * static_cast<size_t>(height);
     // Source column of each output column, kept per thread so that a warm
     // converter allocates nothing.
     thread_local std::vector<int32_t> xmap;
-    xmap.resize(w);
+    try {
+        xmap.resize(w);
+    } catch (const std::bad_alloc&) {
+        return KIV_ERROR_FAILED;
+    }
     for (int32_t x = 0; x < width; ++x) {
         xmap[static_cast<size_t>(x)] = static_cast<int32_t>(static_cast<int64_t>(x) * frame.width / width);
     }

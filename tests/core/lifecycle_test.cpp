@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "kivcapture.h"
@@ -46,29 +47,20 @@ const Creator kCreators[] = {
     {"KIV_CreateRecorder(text)", CreateRecorderWithText, KIV_PORT_RECORDER},
 };
 
-TEST(Version, ConstantsAnswerAsDocumented) {
-    EXPECT_STREQ(KIV_GetVersion(), "6.0.6");
-    EXPECT_EQ(KIV_GetApiVersion(), 60006);
+TEST(Version, ExtendedVersionFillsTheCallersRecord) {
     KivVersionInfo v{};
     EXPECT_EQ(KIV_GetVersionEx(&v), &v);
-    EXPECT_EQ((std::vector<int32_t>{v.major, v.minor, v.patch}), (std::vector<int32_t>{6, 0, 6}));
+    EXPECT_EQ(std::to_string(v.major) + "." + std::to_string(v.minor) + "." + std::to_string(v.patch), KIV_GetVersion());
+    EXPECT_EQ(KIV_GetApiVersion(), v.major * 10000 + v.minor * 100 + v.patch);
     EXPECT_EQ(KIV_GetVersionEx(nullptr), nullptr);
 }
 
-TEST_F(LifecycleTest, DefaultPipelineModeTakesOnlyZeroOrOne) {
+// The default mode takes only 0 or 1, before, during and after KIV_Init.
+TEST_F(LifecycleTest, DefaultPipelineModeTakesOnlyZeroOrOneInEveryState) {
     EXPECT_EQ(kModeAtLoad, 0);
-    EXPECT_EQ(KIV_GetDefaultPipelineMode(), 0);
     EXPECT_EQ(KIV_SetDefaultPipelineMode(1), KIV_OK);
-    EXPECT_EQ(KIV_GetDefaultPipelineMode(), 1);
     EXPECT_EQ(KIV_SetDefaultPipelineMode(2), KIV_ERROR_INVALID_ARG);
     EXPECT_EQ(KIV_SetDefaultPipelineMode(-1), KIV_ERROR_INVALID_ARG);
-    EXPECT_EQ(KIV_GetDefaultPipelineMode(), 1);
-    EXPECT_EQ(KIV_SetDefaultPipelineMode(0), KIV_OK);
-    EXPECT_EQ(KIV_GetDefaultPipelineMode(), 0);
-}
-
-TEST_F(LifecycleTest, DefaultPipelineModeWorksInEveryLibraryState) {
-    EXPECT_EQ(KIV_SetDefaultPipelineMode(1), KIV_OK);
     ASSERT_EQ(KIV_Init(), KIV_OK);
     EXPECT_EQ(KIV_GetDefaultPipelineMode(), 1);
     EXPECT_EQ(KIV_SetDefaultPipelineMode(0), KIV_OK);
@@ -77,9 +69,11 @@ TEST_F(LifecycleTest, DefaultPipelineModeWorksInEveryLibraryState) {
 }
 
 TEST_F(LifecycleTest, CreationNeedsInit) {
+    EXPECT_EQ(KIV_Shutdown(), KIV_OK);  // never initialised
     for (const Creator& c : kCreators) EXPECT_EQ(c.create(), nullptr) << c.name << " before KIV_Init";
 
     ASSERT_EQ(KIV_Init(), KIV_OK);
+    ASSERT_EQ(KIV_Init(), KIV_OK);  // repeated
     for (const Creator& c : kCreators) {
         void* port = c.create();
         ASSERT_NE(port, nullptr) << c.name;
@@ -87,20 +81,8 @@ TEST_F(LifecycleTest, CreationNeedsInit) {
         EXPECT_EQ(KIV_DestroyPort(port), KIV_OK) << c.name;
     }
     ASSERT_EQ(KIV_Shutdown(), KIV_OK);
-
+    EXPECT_EQ(KIV_Shutdown(), KIV_OK);
     for (const Creator& c : kCreators) EXPECT_EQ(c.create(), nullptr) << c.name << " after KIV_Shutdown";
-}
-
-TEST_F(LifecycleTest, InitCanBeRepeatedAndShutdownIsAlwaysOk) {
-    EXPECT_EQ(KIV_Shutdown(), KIV_OK);  // never initialised
-    ASSERT_EQ(KIV_Init(), KIV_OK);
-    ASSERT_EQ(KIV_Init(), KIV_OK);
-    void* mux = KIV_CreateVideoMux();
-    EXPECT_NE(mux, nullptr);
-    EXPECT_EQ(KIV_DestroyPort(mux), KIV_OK);
-    EXPECT_EQ(KIV_Shutdown(), KIV_OK);
-    EXPECT_EQ(KIV_Shutdown(), KIV_OK);
-    EXPECT_EQ(KIV_CreateVideoMux(), nullptr);
 }
 
 TEST_F(LifecycleTest, DeviceQueriesNeedInit) {

@@ -23,7 +23,6 @@ struct Rgb32Canvas {
     }
     // Red channel of pixel (x, y).
     int Red(int x, int y) const { return out.planes[0][y * out.strides[0] + x * 4 + 2]; }
-    int Blue(int x, int y) const { return out.planes[0][y * out.strides[0] + x * 4]; }
     int CountRed() const {
         int n = 0;
         for (int y = 0; y < out.height; ++y)
@@ -82,37 +81,33 @@ TEST(OsdRect, OutlinesAreClippedToTheCanvasBeforeDrawing) {
     }
 }
 
-TEST(OsdRect, CornersBlendTwiceAtHalfOpacity) {
-    Rgb32Canvas c(16, 16);
-    kiv::OsdDrawRect(c.canvas, Rect(2, 2, 6, 6, 1, 0xFFFF0000u, 0.5f));
-    EXPECT_EQ(c.Red(5, 2), 128);  // 255 x 0.5 + 0.5
-    EXPECT_EQ(c.Red(2, 5), 128);
-    EXPECT_EQ(c.Red(2, 2), 192);  // 128 x 0.5 + 127.5 + 0.5
-    EXPECT_EQ(c.Red(8, 8), 192);
-    EXPECT_EQ(c.Red(8, 2), 192);
-}
-
-TEST(OsdRect, ThickRingsCrossAndBlendAgain) {
-    Rgb32Canvas c(16, 16);
-    // A 3x3 box (corners 0..2) with 3 rings at half opacity: the centre is
-    // reached by ring 1's row and column only, i.e. twice.
-    kiv::OsdDrawRect(c.canvas, Rect(0, 0, 2, 2, 3, 0xFFFF0000u, 0.5f));
-    EXPECT_EQ(c.Red(1, 1), 192);
-    // Pixel (1, 0): row 0 of ring 0, column 1 of ring 1 and ring 2's bottom
-    // row (2 - 2 = 0): three times.
-    EXPECT_EQ(c.Red(1, 0), 224);
-    // Corner (0, 0): row 0 and column 0 of rings 0 and 2: four times,
-    // 0 -> 128 -> 192 -> 224 -> 240.
-    EXPECT_EQ(c.Red(0, 0), 240);
-}
-
-TEST(OsdRect, ThicknessIsCappedAt32) {
-    Rgb32Canvas c(100, 100);
-    kiv::OsdDrawRect(c.canvas, Rect(0, 0, 99, 99, 40));
-    EXPECT_EQ(c.Red(50, 31), 255);
-    EXPECT_EQ(c.Red(50, 32), 0);
-    EXPECT_EQ(c.Red(68, 50), 255);  // ring 31 of the right side
-    EXPECT_EQ(c.Red(67, 50), 0);
+// Each ring's rows and columns blend separately, so pixels where they meet
+// blend more than once; rings stop at 32.
+TEST(OsdRect, OverlappingRingPassesBlendAgain) {
+    const struct {
+        OsdItem item;
+        int x, y, red;
+    } cases[] = {
+        {Rect(2, 2, 6, 6, 1, 0xFFFF0000u, 0.5f), 5, 2, 128},  // 255 x 0.5 + 0.5
+        {Rect(2, 2, 6, 6, 1, 0xFFFF0000u, 0.5f), 2, 5, 128},
+        {Rect(2, 2, 6, 6, 1, 0xFFFF0000u, 0.5f), 2, 2, 192},  // corners twice: 128 x 0.5 + 127.5 + 0.5
+        {Rect(2, 2, 6, 6, 1, 0xFFFF0000u, 0.5f), 8, 8, 192},
+        {Rect(2, 2, 6, 6, 1, 0xFFFF0000u, 0.5f), 8, 2, 192},
+        // A 3x3 box with 3 rings: the centre is ring 1's row and column;
+        // (1, 0) is also ring 2's bottom row; (0, 0) four times.
+        {Rect(0, 0, 2, 2, 3, 0xFFFF0000u, 0.5f), 1, 1, 192},
+        {Rect(0, 0, 2, 2, 3, 0xFFFF0000u, 0.5f), 1, 0, 224},
+        {Rect(0, 0, 2, 2, 3, 0xFFFF0000u, 0.5f), 0, 0, 240},
+        {Rect(0, 0, 99, 99, 40), 50, 31, 255},
+        {Rect(0, 0, 99, 99, 40), 50, 32, 0},
+        {Rect(0, 0, 99, 99, 40), 68, 50, 255},  // ring 31 of the right side
+        {Rect(0, 0, 99, 99, 40), 67, 50, 0},
+    };
+    for (const auto& c : cases) {
+        Rgb32Canvas canvas(100, 100);
+        kiv::OsdDrawRect(canvas.canvas, c.item);
+        EXPECT_EQ(canvas.Red(c.x, c.y), c.red) << c.x << "," << c.y << " of a rect at " << c.item.x;
+    }
 }
 
 struct FakeSetup {

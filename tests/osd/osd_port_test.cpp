@@ -143,32 +143,40 @@ TEST_F(OsdPortTest, RecordDefaultsAreApplied) {
     r.size = -4;
     r.visible = 7;
     r.transparent = -1;
-    for (KivWChar& c : r.text) c = 'x';  // no terminator: the whole field is taken
+    // No terminator: the whole field is taken, not a unit of the next one.
+    for (KivWChar& c : r.text) c = 'x';
+    osdtest::SetText(r.fontName, "Tahoma");
     ASSERT_EQ(KIV_AddVideoOsdText(osd, &r), KIV_OK);
     r.opacity = 3.0f;
     r.color = 0x00FF0000u;
     r.backColor = 0x12345678u;
-    osdtest::SetText(r.fontName, "Tahoma");
+    r.transparent = 0;
+    r.fontName[0] = 0;
     ASSERT_EQ(KIV_AddVideoOsdRect(osd, &r), KIV_OK);
     r.opacity = 0.25f;
     ASSERT_EQ(KIV_AddVideoOsdImage(osd, &r), KIV_OK);
 
     const std::vector<OsdItem> items = Port(osd)->Items();
     ASSERT_EQ(items.size(), 3u);
-    EXPECT_EQ(items[0].opacity, 0.0f);
-    EXPECT_EQ(items[0].color, 0xFFFFFFFFu);
-    EXPECT_EQ(items[0].backColor, 0x80000000u);
-    EXPECT_EQ(items[0].size, 36);
-    EXPECT_TRUE(items[0].visible && items[0].transparent);
-    EXPECT_EQ(items[0].text.size(), 512u);
-    EXPECT_EQ(items[0].fontName, Wide("Microsoft YaHei UI"));
-    EXPECT_EQ(items[1].opacity, 1.0f);
-    EXPECT_EQ(items[1].color, 0x00FF0000u);  // kept as given; drawn opaque
-    EXPECT_EQ(items[1].backColor, 0x12345678u);
-    EXPECT_EQ(items[1].size, 3);
-    EXPECT_EQ(items[1].fontName, Wide("Tahoma"));
-    EXPECT_EQ(items[2].opacity, 0.25f);
-    EXPECT_EQ(items[2].size, 36);
+    EXPECT_EQ(items[0].text, std::basic_string<KivWChar>(512, 'x'));
+    EXPECT_EQ(items[0].fontName, Wide("Tahoma"));
+    EXPECT_EQ(items[1].fontName, Wide("Microsoft YaHei UI"));
+    const struct {
+        float opacity;
+        uint32_t color, backColor;
+        int32_t size;
+        bool transparent;
+    } expected[] = {{0.0f, 0xFFFFFFFFu, 0x80000000u, 36, true},
+                    {1.0f, 0x00FF0000u, 0x12345678u, 3, false},  // colour kept as given; drawn opaque
+                    {0.25f, 0x00FF0000u, 0x12345678u, 36, false}};
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(items[i].opacity, expected[i].opacity) << i;
+        EXPECT_EQ(items[i].color, expected[i].color) << i;
+        EXPECT_EQ(items[i].backColor, expected[i].backColor) << i;
+        EXPECT_EQ(items[i].size, expected[i].size) << i;
+        EXPECT_EQ(items[i].transparent, expected[i].transparent) << i;
+        EXPECT_TRUE(items[i].visible);
+    }
 }
 
 // A graph of frame source -> overlay, with an ordinary output and an overlay

@@ -55,6 +55,9 @@ TEST(FrameSizeRules, RequiredBytesPerFormat) {
     EXPECT_EQ(kiv::RequiredFrameBytes(KIV_PIXEL_FORMAT_RGB24, 3, 7), 63);
     EXPECT_EQ(kiv::RequiredFrameBytes(KIV_PIXEL_FORMAT_RGB32, 3, 7), 84);
     EXPECT_EQ(kiv::RequiredFrameBytes(KIV_PIXEL_FORMAT_RGB32, 8192, 8192), int64_t(8192) * 8192 * 4);
+    // Only YUY2, NV12, RGB24 and RGB32 carry rows of pixels.
+    const bool expected[] = {false, false, true, true, true, true, false, false, false};  // formats -1 to 7
+    for (int32_t format = -1; format <= 7; ++format) EXPECT_EQ(kiv::IsUncompressed(format), expected[format + 1]) << format;
 }
 
 TEST(FrameSizeRules, PackedLayoutSetsStridesAndChromaPlane) {

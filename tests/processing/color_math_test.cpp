@@ -72,26 +72,6 @@ TEST(ColorMath, EightBitConversionsMatchTheStandardsWithinFixedPointError) {
     }
 }
 
-TEST(ColorMath, BlackAndWhiteAreExactInEveryEightBitRule) {
-    for (int cs : {1, 2, 3}) {
-        uint8_t rgb[3];
-        YuvToRgb8(16, 128, 128, cs, 2, rgb);
-        EXPECT_EQ(rgb[0] + rgb[1] + rgb[2], 0);
-        YuvToRgb8(235, 128, 128, cs, 2, rgb);
-        EXPECT_EQ(rgb[0] & rgb[1] & rgb[2], 255);
-        YuvToRgb8(0, 128, 128, cs, 1, rgb);
-        EXPECT_EQ(rgb[0] + rgb[1] + rgb[2], 0);
-        YuvToRgb8(255, 128, 128, cs, 1, rgb);
-        EXPECT_EQ(rgb[0] & rgb[1] & rgb[2], 255);
-        // Below black and above white clamp.
-        YuvToRgb8(0, 128, 128, cs, 2, rgb);
-        EXPECT_EQ(rgb[0] + rgb[1] + rgb[2], 0);
-        YuvToRgb8(255, 255, 255, cs, 2, rgb);
-        EXPECT_EQ(rgb[0], 255);
-        EXPECT_EQ(rgb[2], 255);
-    }
-}
-
 TEST(ColorMath, FloatConversionsMatchTheStandardsInEverySpace) {
     for (int cs : {1, 2, 3}) {
         for (int range : {1, 2}) {

@@ -40,8 +40,8 @@ void KIV_CALL Check(const KivVideoFrame* f, void* user) {
 
 TEST(ColorEngineConcurrency, TablesSwapWhileFramesFlow) {
     const std::string dir = kivtest::TempDir("color_swap");
-    proctest::WriteTextFile(dir + "/a.cube", ConstantCube(0.2f));   // 51
-    proctest::WriteTextFile(dir + "/b.cube", ConstantCube(0.8f));   // 204
+    kivtest::WriteFile(dir + "/a.cube", ConstantCube(0.2f));   // 51
+    kivtest::WriteFile(dir + "/b.cube", ConstantCube(0.8f));   // 204
     const auto pathA = kivtest::Wide(dir + "/a.cube");
     const auto pathB = kivtest::Wide(dir + "/b.cube");
 

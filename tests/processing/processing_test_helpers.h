@@ -15,8 +15,6 @@ namespace proctest {
 using kivtest::CaughtFrame;
 using kivtest::FrameCatcher;
 
-inline void WriteTextFile(const std::string& utf8Path, const std::string& text) { kivtest::WriteFile(utf8Path, text); }
-
 // A cube file body of edge n whose entry for lattice point (r, g, b) is
 // fn(r / (n - 1), g / (n - 1), b / (n - 1)).
 template <class Fn>

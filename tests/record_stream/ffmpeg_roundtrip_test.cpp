@@ -31,13 +31,8 @@ struct StreamCase {
     const char* ffprobeProfile;
 };
 
-std::string Dir() {
-    static const std::string dir = kivtest::TempDir("record_stream_ffmpeg");
-    return dir;
-}
-
-std::string MakeVideo(const StreamCase& c) {
-    const std::string path = Dir() + "/" + c.name + ".h264";
+std::string MakeVideo(const StreamCase& c, const std::string& dir) {
+    const std::string path = dir + "/" + c.name + ".h264";
     std::ostringstream cmd;
     cmd << "ffmpeg -v error -y -f lavfi -i testsrc=size=" << c.width << "x" << c.height
         << ":rate=25 -frames:v 50 -pix_fmt yuv420p -c:v libx264 -preset veryfast -profile:v " << c.profile
@@ -55,7 +50,9 @@ protected:
 #else
         if (!HaveFfmpegTools()) GTEST_SKIP() << "ffmpeg/ffprobe not installed";
 #endif
+        dir = kivtest::TempDir("record_stream_ffmpeg");
     }
+    std::string dir;
 };
 
 // Feeds the access units through the analyser into the writer the way the
@@ -108,11 +105,11 @@ int WriteMp4(const std::vector<Bytes>& units, int form, const std::string& path,
 
 TEST_P(FfmpegRoundTrip, DecodesToTheSameFrames) {
     const StreamCase c = GetParam();
-    const std::string input = MakeVideo(c);
+    const std::string input = MakeVideo(c, dir);
     const std::vector<Bytes> units = SplitAccessUnits(ReadAll(input));
     ASSERT_EQ(units.size(), 50u);
 
-    const std::string output = Dir() + "/" + c.name + ".mp4";
+    const std::string output = dir + "/" + c.name + ".mp4";
     kiv::H264SpsInfo sps;
     int bareFrames = 0;
     ASSERT_EQ(WriteMp4(units, c.form, output, c.width, c.height, &sps, &bareFrames), 50);
@@ -161,15 +158,12 @@ INSTANTIATE_TEST_SUITE_P(
                       StreamCase{"high_1080p_avcc", "high", 2, 1920, 1080, kAvcc, 100, "High"}),
     [](const ::testing::TestParamInfo<StreamCase>& info) { return std::string(info.param.name); });
 
-TEST(FfmpegRoundTripAudio, AacTrackBesideTheVideoProbesAndDecodes) {
-#ifdef _WIN32
-    GTEST_SKIP() << "the ffmpeg tools are checked in the native build";
-#else
-    if (!HaveFfmpegTools()) GTEST_SKIP() << "ffmpeg/ffprobe not installed";
-#endif
+class FfmpegRoundTripAudio : public FfmpegRoundTrip {};
+
+TEST_F(FfmpegRoundTripAudio, AacTrackBesideTheVideoProbesAndDecodes) {
     const StreamCase c{"with_audio", "main", 0, 320, 240, kAnnexB, 77, "Main"};
-    const std::vector<Bytes> units = SplitAccessUnits(ReadAll(MakeVideo(c)));
-    const std::string adts = Dir() + "/tone.aac";
+    const std::vector<Bytes> units = SplitAccessUnits(ReadAll(MakeVideo(c, dir)));
+    const std::string adts = dir + "/tone.aac";
     std::string log;
     ASSERT_EQ(streamtest::Run("ffmpeg -v error -y -f lavfi -i sine=frequency=440:sample_rate=48000:duration=2 -ac 2 -c:a aac "
                   "-b:a 128k -f adts '" + adts + "' 2>&1", &log), 0) << log;
@@ -178,7 +172,7 @@ TEST(FfmpegRoundTripAudio, AacTrackBesideTheVideoProbesAndDecodes) {
     ASSERT_EQ(audio[0].sampleRateIndex, 3);
     ASSERT_EQ(audio[0].channels, 2);
 
-    const std::string output = Dir() + "/with_audio.mp4";
+    const std::string output = dir + "/with_audio.mp4";
     kiv::H264SpsInfo sps;
     ASSERT_EQ(WriteMp4(units, kAnnexB, output, 320, 240, &sps, nullptr, &audio), 50);
 

@@ -14,6 +14,7 @@ struct SpsFields {
     uint32_t constraints = 0x40;
     uint32_t level = 31;
     uint32_t chroma = 1;
+    bool separatePlanes = false;  // 4:4:4 coded as three monochrome pictures
     uint32_t lumaMinus8 = 0;
     uint32_t chromaMinus8 = 0;
     bool scalingLists = false;
@@ -39,7 +40,7 @@ Bytes SpsRbsp(const SpsFields& f) {
     w.Ue(0);  // seq_parameter_set_id
     if (HasChromaInfo(f.profile)) {
         w.Ue(f.chroma);
-        if (f.chroma == 3) w.Bit(0);
+        if (f.chroma == 3) w.Bit(f.separatePlanes);
         w.Ue(f.lumaMinus8);
         w.Ue(f.chromaMinus8);
         w.Bit(0);
@@ -146,8 +147,6 @@ TEST(H264Framing, EachFramingIsRecognisedAndRewrittenAsAnnexB) {
             EXPECT_EQ(analyzer.Pps(), kPps);
         }
     }
-    EXPECT_STREQ(kiv::H264SourceName(kiv::kH264SourceAnnexB), "AnnexB");
-    EXPECT_STREQ(kiv::H264SourceName(kiv::kH264SourceSingleNal), "SingleNAL");
 }
 
 TEST(H264Framing, EmptyInputAndParameterSetReplacement) {
@@ -223,6 +222,9 @@ TEST(H264Sps, FieldsOfHandBuiltParameterSets) {
              f.crop[0] = 3;
          }),
          {1, 244, 0x40, 31, 3, 10, 12, 1, 317, 240}},
+        {"separate colour planes crop in single pixels both ways",
+         with([](SpsFields& f) { f.profile = 244; f.chroma = 3; f.separatePlanes = true; f.crop[0] = 3; f.crop[3] = 2; }),
+         {1, 244, 0x40, 31, 3, 8, 8, 1, 317, 238}},
         {"interlaced: 18 map units of 32 lines, cropped by 2 units of 4 lines",
          with([](SpsFields& f) { f.frameMbsOnly = false; f.heightUnitsMinus1 = 17; f.crop[3] = 2; }),
          {1, 77, 0x40, 31, 1, 8, 8, 1, 320, 568}},

@@ -96,17 +96,8 @@ TEST(Mp4Layout, FtypThen64BitMdatThenMoovWithCo64) {
     EXPECT_EQ(top[2].type, "moov");
     EXPECT_EQ(top[2].offset + top[2].size, file.size()) << "moov ends the file";
 
-    const Bytes ftyp = {0, 0, 0, 36, 'f', 't', 'y', 'p', 'i', 's', 'o', 'm', 0, 0, 2, 0, 'i', 's',
-                        'o', 'm', 'i', 's', 'o', '2', 'a', 'v', 'c', '1', 'm', 'p', '4', '1', 'm', 'p', '4', '2'};
-    EXPECT_EQ(Bytes(file.begin(), file.begin() + 36), ftyp);
     EXPECT_EQ(U32(file, 36), 1u) << "mdat uses the 64-bit size form";
     EXPECT_EQ(U64(file, 44), top[2].offset - 36);
-
-    Box mvhd;
-    ASSERT_TRUE(FindBox(file, "moov/mvhd", &mvhd));
-    EXPECT_EQ(file[mvhd.payload], 1) << "version 1";
-    EXPECT_EQ(U32(file, mvhd.payload + 20), 10000000u);
-    EXPECT_EQ(U64(file, mvhd.payload + 24), 1200000u);
 
     // Sample bytes and the avcC record are proven by decoding real streams in
     // the round-trip tests; here the table layout ffmpeg does not insist on.

@@ -91,51 +91,43 @@ TEST(SegmentNames, StemExtensionAndNumbering) {
     EXPECT_EQ(Narrow(kiv::SegmentFileName(Wide("clip"), 1, t, 0)), "clip_20240307_090504_032_0001.mp4");
 }
 
-TEST(SplitRule, TimeSplit) {
-    kiv::RecorderSettings s;
-    kiv::ApplyRecorderConfig(Config(KIV_RECORD_SPLIT_TIME, 0, 2), &s);
-    kiv::SegmentProgress p;
-    p.segmentStart = 10000000;
-    p.time = 10000000 + 19999999;
-    EXPECT_FALSE(kiv::ShouldSplit(s, p));
-    p.time = 10000000 + 20000000;
-    EXPECT_TRUE(kiv::ShouldSplit(s, p));
-    kiv::ApplyRecorderConfig(Config(KIV_RECORD_SPLIT_NONE, 1, 1), &s);
-    EXPECT_FALSE(kiv::ShouldSplit(s, p));
-}
-
-// Returns the first grid slot k (time k * 333333) at which a size split
-// starts a new file.
-int FirstSplitSlot(const kiv::RecorderSettings& s) {
-    kiv::SegmentProgress p;
-    for (int k = 0; k < 1000; ++k) {
-        p.time = int64_t{k} * 333333;
-        if (kiv::ShouldSplit(s, p)) return k;
+// Whether a segment of `elapsed` 100-ns units is full, at the exact edges of
+// each rule: 8 Mbit/s is 0.1 byte per 100 ns, audio adds 16000 bytes a second.
+TEST(SplitRule, SplitsAtTheExactFrameTheEstimateReachesTheLimit) {
+    const struct {
+        const char* what;
+        int32_t split;
+        uint64_t maxBytes;
+        int32_t seconds, bitrate, audio;
+        uint64_t writerBytes;  // 0: the writer does not count its bytes
+        int64_t elapsed;
+        bool expected;
+    } cases[] = {
+        {"time: one unit short", KIV_RECORD_SPLIT_TIME, 0, 2, 0, 0, 0, 19999999, false},
+        {"time: reached", KIV_RECORD_SPLIT_TIME, 0, 2, 0, 0, 0, 20000000, true},
+        {"no split never splits", KIV_RECORD_SPLIT_NONE, 1, 1, 8000000, 1, 0, 50000000, false},
+        {"bit rate: one unit short", KIV_RECORD_SPLIT_SIZE, 1000000, 0, 8000000, 0, 0, 9999999, false},
+        {"bit rate: exactly the limit", KIV_RECORD_SPLIT_SIZE, 1000000, 0, 8000000, 0, 0, 10000000, true},
+        {"bit rate and audio", KIV_RECORD_SPLIT_SIZE, 1016000, 0, 8000000, 1, 0, 10000000, true},
+        {"bit rate and audio: one unit short", KIV_RECORD_SPLIT_SIZE, 1016000, 0, 8000000, 1, 0, 9999999, false},
+        {"counted bytes are believed over the bit rate", KIV_RECORD_SPLIT_SIZE, 100000, 0, 8000000, 0, 99999, 50000000, false},
+        {"counted bytes reach the limit", KIV_RECORD_SPLIT_SIZE, 100000, 0, 8000000, 0, 100000, 1, true},
+        {"counted bytes and audio: exactly", KIV_RECORD_SPLIT_SIZE, 16001, 0, 8000000, 1, 1, 10000000, true},
+        {"counted bytes and audio: one unit short", KIV_RECORD_SPLIT_SIZE, 16001, 0, 8000000, 1, 1, 9999999, false},
+    };
+    for (const auto& c : cases) {
+        kiv::RecorderSettings s;
+        KivRecorderConfig config = Config(c.split, c.maxBytes, c.seconds);
+        config.bitrate = c.bitrate;
+        config.audio = c.audio;
+        kiv::ApplyRecorderConfig(config, &s);
+        kiv::SegmentProgress p;
+        p.segmentStart = 10000000;
+        p.time = p.segmentStart + c.elapsed;
+        p.writerCountsBytes = c.writerBytes > 0;
+        p.writerBytes = c.writerBytes;
+        EXPECT_EQ(kiv::ShouldSplit(s, p), c.expected) << c.what;
     }
-    return -1;
-}
-
-TEST(SplitRule, SizeEstimateFromBitRateAndAudio) {
-    // 8 Mbit/s is 0.1 byte per 100 ns; audio adds 0.0016 byte per 100 ns.
-    kiv::RecorderSettings s;
-    KivRecorderConfig c = Config(KIV_RECORD_SPLIT_SIZE, 100000, 0);
-    c.bitrate = 8000000;
-    kiv::ApplyRecorderConfig(c, &s);
-    EXPECT_EQ(FirstSplitSlot(s), 4);  // 1333332 * 0.1 >= 100000; slot 3 gives 99999.9
-    c.audio = 1;
-    kiv::ApplyRecorderConfig(c, &s);
-    EXPECT_EQ(FirstSplitSlot(s), 3);  // 999999 * 0.1016 >= 100000
-
-    // A writer that counts its bytes is believed instead of the bit rate.
-    c.audio = 0;
-    kiv::ApplyRecorderConfig(c, &s);
-    kiv::SegmentProgress p;
-    p.writerCountsBytes = true;
-    p.writerBytes = 99999;
-    p.time = 50000000;
-    EXPECT_FALSE(kiv::ShouldSplit(s, p));
-    p.writerBytes = 100000;
-    EXPECT_TRUE(kiv::ShouldSplit(s, p));
 }
 
 // The grid as an application sees it: which input frame lands in each slot.
@@ -192,6 +184,19 @@ TEST(PacingGrid, GapIsFilledWithTheLastFrameAndEarlyTimesCountAsBase) {
     // A frame older than the first counts as time 0 and is dropped.
     out = Pace({9000000, 8000000}, 333333);
     EXPECT_EQ(out.dropped, 1);
+}
+
+// A repeated or earlier timestamp is time 0 after the base, never negative.
+TEST(PacingGrid, RepeatedAndEarlierTimesCountAsTheBase) {
+    kiv::PacingGrid grid;
+    grid.Reset(333333);
+    EXPECT_EQ(grid.Relative(9000000), 0);
+    EXPECT_EQ(grid.Relative(9000000), 0);
+    EXPECT_EQ(grid.Relative(8999999), 0);
+    EXPECT_EQ(grid.Relative(9000001), 1);
+    grid.Reset(333333);
+    EXPECT_EQ(grid.NextDue(), 0);
+    EXPECT_EQ(grid.Relative(5), 0) << "a new base after Reset";
 }
 
 TEST(PacingGrid, PassThroughTimesNeverRunBackwards) {

@@ -153,12 +153,59 @@ size_t CountOf(const std::string& text, const std::string& what) {
     return count;
 }
 
+namespace {
+
+// Removes the folders TempDir made once the test that asked for them has
+// passed; a failing test keeps them and says where they are. Folders made
+// outside a test (suite set-up) live until the end of the program.
+class TempDirCleaner : public ::testing::EmptyTestEventListener {
+public:
+    static TempDirCleaner& Instance() {
+        static TempDirCleaner* cleaner = [] {
+            auto* c = new TempDirCleaner;
+            ::testing::UnitTest::GetInstance()->listeners().Append(c);  // gtest owns it from here
+            return c;
+        }();
+        return *cleaner;
+    }
+
+    void Add(const std::filesystem::path& dir) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        (::testing::UnitTest::GetInstance()->current_test_info() ? testDirs_ : programDirs_).push_back(dir);
+    }
+
+    void OnTestEnd(const ::testing::TestInfo& info) override {
+        Finish(&testDirs_, !info.result()->Failed());
+    }
+    void OnTestProgramEnd(const ::testing::UnitTest& unit) override { Finish(&programDirs_, unit.Passed()); }
+
+private:
+    void Finish(std::vector<std::filesystem::path>* dirs, bool passed) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (const auto& dir : *dirs) {
+            std::error_code ec;
+            if (passed) {
+                std::filesystem::remove_all(dir, ec);
+            } else {
+                std::printf("test files kept in %s\n", dir.u8string().c_str());
+            }
+        }
+        dirs->clear();
+    }
+
+    std::mutex mutex_;
+    std::vector<std::filesystem::path> testDirs_, programDirs_;
+};
+
+}  // namespace
+
 std::string TempDir(const std::string& name) {
     std::filesystem::path dir = std::filesystem::temp_directory_path() /
                                  ("kivtest_" + name + "_" + std::to_string(KIVTEST_PID));
     std::error_code ec;
     std::filesystem::remove_all(dir, ec);
     std::filesystem::create_directories(dir, ec);
+    TempDirCleaner::Instance().Add(dir);
     return dir.u8string();
 }
 

@@ -80,7 +80,9 @@ std::vector<LogMessage> LogMessages(const std::string& log);
 size_t CountOf(const std::string& text, const std::string& what);
 
 // A fresh folder for a test's files under the system temp folder; the
-// process id keeps concurrent runs of the same suite apart.
+// process id keeps concurrent runs of the same suite apart. It is removed when
+// the test that made it passes (made outside a test: when the program ends
+// with every test passed); a failing test keeps it and prints where it is.
 std::string TempDir(const std::string& name);
 
 }  // namespace kivtest

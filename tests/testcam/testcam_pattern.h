@@ -1,0 +1,79 @@
+// How the test camera writes the frame number into its pictures, and how a
+// test reads it back. Plain C++ with no Windows types, so capture tests on any
+// side of the library can share it.
+//
+// The top picture row (in display order) carries the 32-bit frame number,
+// most significant bit first, as 32 cells of equal width (width / 32 pixels,
+// at least 1). A set bit is bright (luma 235, or 255 in every RGB channel),
+// a clear bit dark (luma 16, or 0). Every other row is grey (100). Compressed
+// formats carry no pattern. Cameras need a width of at least 32 pixels.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace testcam {
+
+enum class PatternFormat { YUY2, NV12, RGB24, RGB32 };
+
+inline int PatternCellWidth(int width) { return width / 32 > 0 ? width / 32 : 1; }
+
+// Bytes a pixel in the luma (or packed RGB) plane and the byte offset of the
+// channel read for pixel x of a row.
+inline size_t PatternPixelOffset(PatternFormat f, int x) {
+    switch (f) {
+        case PatternFormat::YUY2: return static_cast<size_t>(x) * 2;
+        case PatternFormat::NV12: return static_cast<size_t>(x);
+        case PatternFormat::RGB24: return static_cast<size_t>(x) * 3;
+        case PatternFormat::RGB32: return static_cast<size_t>(x) * 4;
+    }
+    return 0;
+}
+
+// Fills a whole buffer: `stride` bytes a row of the first plane; NV12 chroma
+// follows the luma plane with the same stride; bottomUp stores the display
+// rows in reverse order (DIB style).
+inline void WritePattern(PatternFormat f, int width, int height, size_t stride, bool bottomUp, uint32_t number,
+                         uint8_t* data) {
+    const bool rgb = f == PatternFormat::RGB24 || f == PatternFormat::RGB32;
+    const uint8_t grey = 100;
+    if (f == PatternFormat::YUY2) {
+        for (int y = 0; y < height; ++y)
+            for (int x = 0; x < width; ++x) {
+                data[y * stride + x * 2] = grey;
+                data[y * stride + x * 2 + 1] = 128;
+            }
+    } else {
+        std::memset(data, grey, stride * static_cast<size_t>(height));
+        if (f == PatternFormat::NV12)
+            std::memset(data + stride * static_cast<size_t>(height), 128, stride * static_cast<size_t>((height + 1) / 2));
+    }
+    const int cell = PatternCellWidth(width);
+    uint8_t* row = data + (bottomUp ? stride * static_cast<size_t>(height - 1) : 0);
+    for (int x = 0; x < width; ++x) {
+        const int bit = x / cell;
+        const bool set = bit < 32 && ((number >> (31 - bit)) & 1u) != 0;
+        const uint8_t v = rgb ? (set ? 255 : 0) : (set ? 235 : 16);
+        uint8_t* p = row + PatternPixelOffset(f, x);
+        p[0] = v;
+        if (rgb) {
+            p[1] = v;
+            p[2] = v;
+        }
+    }
+}
+
+// Reads the frame number back from the top display row (`topRow` points at
+// it, whatever the storage order). Samples the middle of each cell.
+inline uint32_t ReadPattern(PatternFormat f, int width, const uint8_t* topRow) {
+    const int cell = PatternCellWidth(width);
+    uint32_t number = 0;
+    for (int bit = 0; bit < 32; ++bit) {
+        const int x = bit * cell + cell / 2;
+        const uint8_t v = x < width ? topRow[PatternPixelOffset(f, x)] : 0;
+        number = (number << 1) | (v >= 128 ? 1u : 0u);
+    }
+    return number;
+}
+
+}  // namespace testcam
