@@ -52,7 +52,14 @@ TEST(FrameSizeRules, RequiredBytesUncompressedAndPackedLayout) {
     EXPECT_EQ(kiv::RequiredFrameBytes(KIV_PIXEL_FORMAT_RGB24, 3, 7), 63);
     EXPECT_EQ(kiv::RequiredFrameBytes(KIV_PIXEL_FORMAT_RGB32, 8192, 8192), int64_t(8192) * 8192 * 4);
     const bool expected[] = {false, false, true, true, true, true, false, false, false};  // formats -1 to 7
-    for (int32_t format = -1; format <= 7; ++format) EXPECT_EQ(kiv::IsUncompressed(format), expected[format + 1]) << format;
+    const int64_t rowBytes[] = {0, 0, 10, 5, 15, 20, 0, 0, 0};                            // of 5 pixels
+    for (int32_t format = -1; format <= 7; ++format) {
+        EXPECT_EQ(kiv::IsUncompressed(format), expected[format + 1]) << format;
+        EXPECT_EQ(kiv::PackedRowBytes(format, 5), rowBytes[format + 1]) << format;
+    }
+    EXPECT_EQ(kiv::PackedRowBytes(KIV_PIXEL_FORMAT_RGB32, 0), 0);
+    EXPECT_EQ(kiv::PackedRowBytes(KIV_PIXEL_FORMAT_RGB32, 1 << 30), int64_t{4} << 30);
+    EXPECT_TRUE(kiv::StrideHoldsRow(-15, 15) && !kiv::StrideHoldsRow(-14, 15) && !kiv::StrideHoldsRow(14, 15));
 
     std::vector<uint8_t> buffer(64);
     const struct {

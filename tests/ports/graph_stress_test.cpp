@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "kivcapture.h"
-#include "port_test_helpers.h"
+#include "test_support.h"
 
 namespace {
 
