@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <ctime>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -11,6 +13,7 @@
 #include <thread>
 
 #include "kiv_log.h"
+#include "kiv_platform.h"
 #include "kivcapture.h"
 #include "ports/kiv_port_base.h"
 #include "test_support.h"
@@ -55,7 +58,7 @@ bool HasMessage(const std::string& text) {
     return false;
 }
 // The header read back and written again: matches only if both spellings agree byte for byte.
-bool IsHeader(const std::string& raw, unsigned long* pid = nullptr) {
+bool IsHeader(const std::string& raw, unsigned long* pid = nullptr, std::tm* date = nullptr) {
     unsigned y, mo, d, h, mi, se;
     unsigned long p;
     if (std::sscanf(raw.c_str(), "==== kivcapture log started %4u-%2u-%2u %2u:%2u:%2u pid=%lu ====", &y, &mo, &d, &h,
@@ -65,6 +68,7 @@ bool IsHeader(const std::string& raw, unsigned long* pid = nullptr) {
     std::snprintf(again, sizeof(again), "==== kivcapture log started %04u-%02u-%02u %02u:%02u:%02u pid=%lu ====\r\n",
                   y, mo, d, h, mi, se, p);
     if (pid) *pid = p;
+    if (date) date->tm_year = int(y) - 1900, date->tm_mon = int(mo) - 1, date->tm_mday = int(d);
     return raw == again && y >= 2020 && mo >= 1 && mo <= 12 && d >= 1 && d <= 31 && h <= 23 && mi <= 59 && se <= 60;
 }
 
@@ -120,6 +124,12 @@ TEST_F(Core, VersionPipelineModeAndWhatNeedsInit) {
     EXPECT_EQ(std::to_string(v.major) + "." + std::to_string(v.minor) + "." + std::to_string(v.patch), KIV_GetVersion());
     EXPECT_EQ(KIV_GetApiVersion(), v.major * 10000 + v.minor * 100 + v.patch);
     EXPECT_EQ(KIV_GetVersionEx(nullptr), nullptr);
+#ifndef _WIN32
+    // Frame clocks count 100 ns steps of the monotonic clock.
+    const int64_t steady = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                               std::chrono::steady_clock::now().time_since_epoch()).count() / 100;
+    EXPECT_NEAR(double(kiv::platform::SteadyNow100ns()), double(steady), 1e7);
+#endif
     // The default mode takes only 0 or 1, before, during and after KIV_Init.
     EXPECT_EQ(kModeAtLoad, 0);
     EXPECT_EQ(KIV_SetDefaultPipelineMode(1), KIV_OK);
@@ -164,8 +174,16 @@ TEST_F(Core, LogFileHeaderLineFormatAndFileColumn) {
     const Lines lines = LogLines();
     ASSERT_EQ(lines.size(), 4u);
     unsigned long pid = 0;
-    ASSERT_TRUE(IsHeader(lines[0], &pid)) << lines[0];
+    std::tm date{};
+    const std::time_t now = std::time(nullptr);
+    ASSERT_TRUE(IsHeader(lines[0], &pid, &date)) << lines[0];
     EXPECT_EQ(pid, static_cast<unsigned long>(getpid()));
+    bool today = false;  // the local date, either side of a midnight
+    for (std::time_t t : {now - 5, now + 5}) {
+        const std::tm local = *std::localtime(&t);
+        today |= local.tm_year == date.tm_year && local.tm_mon == date.tm_mon && local.tm_mday == date.tm_mday;
+    }
+    EXPECT_TRUE(today) << lines[0];
     EXPECT_EQ(lines[1], kEnabled);
     kivtest::LogMessage first, second;
     ASSERT_TRUE(kivtest::ParseLogMessage(lines[2], &first)) << lines[2];
