@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "kivcapture.h"
+#include "ports/kiv_port_base.h"
 #include "test_support.h"
 
 namespace {
