@@ -169,6 +169,7 @@ TEST_F(Core, LogFileHeaderLineFormatAndFileColumn) {
     KivLogWrite("f.cpp", 1, "before enabling");
     EXPECT_FALSE(fs::exists(LogPath()));  // never enabled: no file
     ASSERT_EQ(KIV_EnableLog(1), KIV_OK);
+    ASSERT_EQ(LogLines().size(), 2u);  // header and enabled line are on disk at once
     KivLogWrite("/src/kiv_core.cpp", 42, "value=%d name=%s", 7, "cam");
     std::thread([] { KivLogWrite("/src/kiv_core.cpp", 43, "from another thread"); }).join();
     const Lines lines = LogLines();
