@@ -5,7 +5,6 @@
 
 #include <random>
 
-#include "color_reference.h"
 #include "kiv_color_math.h"
 #include "processing_test_helpers.h"
 

@@ -1,5 +1,3 @@
-#include "color_reference.h"
-
 #include "kiv_color_math.h"
 #include "processing_test_helpers.h"
 
