@@ -110,6 +110,7 @@ TEST(FrameCopy, Nv12StridesPlanesAndBufferReuse) {
         {6, 5, 8, 8, 3, 0, 8, 6},  // odd height, zero chroma stride
         {4, 3, 4, 0, 2, -4, 4, 4},  // zero luma stride, bottom-up chroma
         {2, 2, 2, 2, 0, 0, 2, 0},  // luma only
+        {8, 6, 8, 8, 3, 8, 8, 8},
     };
     kiv::FrameCopy copy;
     for (const auto& c : cases) {
@@ -120,7 +121,11 @@ TEST(FrameCopy, Nv12StridesPlanesAndBufferReuse) {
         f.strides[1] = c.chromaStride;
         f.planes[2] = luma.top;  // not NV12's business
         ASSERT_TRUE(copy.Copy(f));
+        const uint8_t* first[2] = {copy.Frame().planes[0], copy.Frame().planes[1]};
+        ASSERT_TRUE(copy.Copy(f));  // warm buffers are reused
         const KivVideoFrame& out = copy.Frame();
+        EXPECT_EQ(out.planes[0], first[0]);
+        EXPECT_EQ(out.planes[1], first[1]);
         EXPECT_EQ(out.strides[0], c.outStride0);
         EXPECT_EQ(out.strides[1], c.outStride1);
         EXPECT_EQ(out.planes[2], nullptr);
@@ -128,17 +133,6 @@ TEST(FrameCopy, Nv12StridesPlanesAndBufferReuse) {
         EXPECT_EQ(out.planes[1] != nullptr, c.chromaRows > 0);
         if (c.chromaRows) ExpectPlane(out.planes[1], out.strides[1], 1, c.chromaRows, c.w);
     }
-    TestPlane luma(0, 6, 8, 8), chroma(1, 3, 8, 8);
-    KivVideoFrame f = MakeFrame(KIV_PIXEL_FORMAT_NV12, 8, 6, luma.top, 8);
-    f.planes[1] = chroma.top, f.strides[1] = 8;
-    ASSERT_TRUE(copy.Copy(f));
-    const uint8_t* first[2] = {copy.Frame().planes[0], copy.Frame().planes[1]};
-    for (int i = 0; i < 3; ++i) {  // warm buffers are reused
-        ASSERT_TRUE(copy.Copy(f));
-        EXPECT_EQ(copy.Frame().planes[0], first[0]);
-        EXPECT_EQ(copy.Frame().planes[1], first[1]);
-    }
-    ExpectPlane(copy.Frame().planes[1], 8, 1, 3, 8);
 }
 
 TEST(FrameCopy, CompressedPayloadsAndNothingToCopy) {
