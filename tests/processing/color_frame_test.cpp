@@ -5,6 +5,7 @@
 
 #include <random>
 
+#include "color_reference.h"
 #include "kiv_color_math.h"
 #include "processing_test_helpers.h"
 

@@ -1,3 +1,5 @@
+#include "color_reference.h"
+
 #include "kiv_color_math.h"
 #include "processing_test_helpers.h"
 

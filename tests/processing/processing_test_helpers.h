@@ -1,11 +1,11 @@
 // Shared pieces of the crop and colour engine tests.
 #pragma once
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <string>
 #include <vector>
 
-#include "kiv_cube_lut.h"
 #include "kivcapture.h"
 #include "ports/kiv_port_base.h"
 #include "test_support.h"
@@ -13,6 +13,7 @@
 namespace proctest {
 
 using kivtest::CaughtFrame;
+using kivtest::FrameCatcher;
 
 inline int BytesPerPixel(int32_t format) {
     return format == KIV_PIXEL_FORMAT_YUY2 ? 2 : format == KIV_PIXEL_FORMAT_RGB24 ? 3 : format == KIV_PIXEL_FORMAT_RGB32 ? 4 : 1;
@@ -33,15 +34,5 @@ std::string CubeText(int n, Fn fn) {
             }
     return text;
 }
-
-// A plain pixel-by-pixel rendering of the colour engine's frame rules, built
-// only on the per-pixel arithmetic, to compare the fast frame loops with:
-// tight rows (YUY2: even width * 2) and NV12 chroma rows of (width + 1) & ~1.
-// cs and range already resolved; lut may be null.
-struct ReferenceOutput {
-    std::vector<uint8_t> plane0, plane1;
-};
-ReferenceOutput ReferenceConvert(const KivVideoFrame& in, int32_t outFmt, int32_t cs, int32_t range,
-                                 const Kiv3DLutData* lut, float strength);
 
 }  // namespace proctest
