@@ -1,80 +1,57 @@
-// Helpers of the hardening tests: the processing chain an application builds
-// (frame source, crop, colour engine, overlay) and frames over buffers of
-// exactly the size their strides promise.
+// The processing chain an application builds, shared by the hardening tests.
 #pragma once
-#include <atomic>
-#include <cstdint>
-#include <memory>
+#include <gtest/gtest.h>
+
 #include <string>
-#include <vector>
 
 #include "kivcapture.h"
-#include "record/video_encoder.h"
+#include "test_support.h"
 
 namespace hardening {
 
-// A 2-point cube table that swaps red and blue and darkens green; written
-// into `dir`, returns its path.
-std::string WriteSwapCube(const std::string& dir);
+// A 2-point cube table that swaps red and blue and darkens green, written into `dir`.
+inline std::string WriteSwapCube(const std::string& dir) {
+    std::string text = "LUT_3D_SIZE 2\n";
+    for (int b = 0; b < 2; ++b)
+        for (int g = 0; g < 2; ++g)
+            for (int r = 0; r < 2; ++r) text += std::to_string(b) + (g ? " 0.5 " : " 0 ") + std::to_string(r) + "\n";
+    EXPECT_TRUE(kivtest::WriteFile(dir + "/swap.cube", text));
+    return dir + "/swap.cube";
+}
 
-// source -> crop -> colour engine -> overlay, whose overlay output feeds a
-// video mux: the mux's callback sees the composited frames. Ports with
-// `enable` false are configured but pass frames through.
+// source -> crop (from (4, 2) to the edges) -> colour engine (the swap table
+// at 0.75, YUY2 out) -> overlay (a rectangle outline), whose composited
+// output feeds the mux `tap`, so the mux's callback sees the final frames.
 struct Chain {
-    void* source = nullptr;
-    void* crop = nullptr;
-    void* color = nullptr;
-    void* osd = nullptr;
-    void* tap = nullptr;  // the mux behind the overlay output
-    // Crop from (4, 2) to the edges, the swap table with YUY2 output, and a
-    // rectangle outline drawn by the overlay.
-    explicit Chain(const std::string& cubePath);
-    ~Chain();
-    Chain(const Chain&) = delete;
-    Chain& operator=(const Chain&) = delete;
+    void* source = KIV_CreateVideoFrameSource();
+    void* crop = KIV_CreateVideoCrop();
+    void* color = KIV_CreateVideoColorEngine();
+    void* osd = KIV_CreateVideoOsd();
+    void* tap = KIV_CreateVideoMux();
+    explicit Chain(const std::string& cubePath) {
+        const KivVideoCropRect rect{4, 2, 0, 0};
+        EXPECT_EQ(KIV_SetVideoCropRect(crop, &rect), KIV_OK);
+        EXPECT_EQ(KIV_EnableVideoCrop(crop, 1), KIV_OK);
+        EXPECT_EQ(KIV_LoadVideoColorEngineCubeFile(color, kivtest::Wide(cubePath).c_str()), KIV_OK);
+        const KivVideoColorEngineConfig config{0, 1, KIV_PIXEL_FORMAT_YUY2, 1, 1, 0.75f};
+        EXPECT_EQ(KIV_SetVideoColorEngineConfig(color, &config), KIV_OK);
+        KivVideoOsdItem box{};
+        box.visible = 1, box.x = 3, box.y = 3, box.width = 20, box.height = 12, box.size = 2;
+        box.opacity = 0.6f;
+        box.color = 0xFFFF2040;
+        EXPECT_GT(KIV_AddVideoOsdRect(osd, &box), KIV_ERROR_FAILED);
+        EXPECT_EQ(KIV_Connect(source, crop), KIV_OK);
+        EXPECT_EQ(KIV_Connect(crop, color), KIV_OK);
+        EXPECT_EQ(KIV_Connect(color, osd), KIV_OK);
+        EXPECT_EQ(KIV_ConnectVideoOsdOutput(osd, 1, tap), KIV_OK);
+    }
+    ~Chain() {
+        KIV_Disconnect(source, crop);
+        KIV_Disconnect(crop, color);
+        KIV_Disconnect(color, osd);
+        KIV_Disconnect(osd, tap);
+        for (void* port : {source, crop, color, osd, tap}) EXPECT_EQ(KIV_DestroyPort(port), KIV_OK);
+    }
 };
-
-// A frame over a heap buffer holding exactly |stride0| x height bytes (and
-// for NV12 a second buffer of |stride1| x (height + 1) / 2), so that the
-// address sanitizer reports any read past what the strides promise. A
-// negative stride0 makes the rows run upwards from the buffer's last row.
-struct ExactFrame {
-    std::unique_ptr<uint8_t[]> plane0, plane1;
-    KivVideoFrame frame{};
-    ExactFrame(int32_t format, int32_t width, int32_t height, int32_t stride0, int32_t stride1 = 0, uint8_t seed = 0);
-};
-
-// An encoder that opens whatever it is asked and only counts the pictures
-// it gets, so that the recorder converts frames in every build.
-class CountingEncoder : public kiv::VideoEncoder {
-public:
-    explicit CountingEncoder(std::shared_ptr<std::atomic<int>> writes) : writes_(std::move(writes)) {}
-    kiv::EncoderOpenReport Open(const kiv::VideoEncoderSettings&) override;
-    bool IsOpen() const override { return open_; }
-    uint32_t WriteVideo(const uint8_t*, size_t, int64_t, int64_t) override;
-    uint32_t WriteAudio(const uint8_t*, size_t, int64_t, int64_t) override { return 0; }
-    kiv::EncoderFinalizeReport Finalize() override;
-
-private:
-    std::shared_ptr<std::atomic<int>> writes_;
-    bool open_ = false;
-};
-
-// One coded 16x16 picture: an IDR slice of a single PCM macroblock (grey
-// level `shade`), with the stream's SPS and PPS in front when asked. Every
-// unit decodes on its own, so any segment of a recording of them plays.
-std::vector<uint8_t> IdrAccessUnit(int idrId, bool withParameterSets, uint8_t shade = 0x80);
-
-// Counts the frames a port hands to its callback and keeps where the last
-// one's first plane was; reads no pixels.
-struct PlaneWatch {
-    std::atomic<int> count{0};
-    std::atomic<const uint8_t*> plane0{nullptr};
-    static void KIV_CALL OnFrame(const KivVideoFrame* f, void* user);
-};
-
-// Waits (at most five seconds) until the recorder's worker took `frames`
-// frames; the statistics at that moment.
-KivRecorderStats WaitForInput(void* recorder, int64_t frames);
 
 }  // namespace hardening

@@ -1,15 +1,12 @@
-// The colour engine port as an application drives it: configuration checks,
-// loading tables, and the frames it leaves alone. Pixel accuracy against the
-// reference rendering is in color_frame_test.cpp.
+// The colour engine and crop ports as an application drives them: wrong
+// handles, configuration checks, loading tables and frames left alone.
+// Pixel accuracy is in color_frame_test.cpp.
 #include <gtest/gtest.h>
 
 #include "processing_test_helpers.h"
 
 namespace {
 
-using proctest::CaughtFrame;
-
-void Identity(float r, float g, float b, float* o) { o[0] = r, o[1] = g, o[2] = b; }
 void Constant(float, float, float, float* o) { o[0] = 1.0f, o[1] = 0.5f, o[2] = 0.0f; }
 
 class ColorEngineTest : public ::testing::Test {
@@ -28,7 +25,7 @@ protected:
         const KivVideoColorEngineConfig config{processor, enable, outFmt, cs, range, strength};
         ASSERT_EQ(KIV_SetVideoColorEngineConfig(handle, &config), KIV_OK);
     }
-    const CaughtFrame& Run(const kivtest::OwnedFrame& in) {
+    const kivtest::CaughtFrame& Run(const kivtest::OwnedFrame& in) {
         EXPECT_EQ(port->OnVideoFrame(&in.frame), KIV_OK);
         return catcher.frames.back();
     }
@@ -40,30 +37,47 @@ protected:
     std::string dir = kivtest::TempDir("color_engine");
 };
 
-TEST_F(ColorEngineTest, BadConfigurationsAreRefusedInOrderAndChangeNothing) {
+TEST_F(ColorEngineTest, WrongHandlesAndBadConfigurationsAreRefusedAndChangeNothing) {
+    void* crop = KIV_CreateVideoCrop();
+    void* mux = KIV_CreateVideoMux();
+    const KivVideoCropRect rect{1, 2, 3, 4};
+    KivVideoColorEngineConfig config{0, 1, 4, 1, 1, 0.5f};
+    const auto path = kivtest::Wide("nothing.cube");
+    for (void* wrong : {static_cast<void*>(nullptr), mux, handle}) {
+        EXPECT_EQ(KIV_SetVideoCropRect(wrong, &rect), KIV_ERROR_INVALID_ARG);
+        EXPECT_EQ(KIV_EnableVideoCrop(wrong, 1), KIV_ERROR_INVALID_ARG);
+    }
+    for (void* wrong : {static_cast<void*>(nullptr), mux, crop}) {
+        EXPECT_EQ(KIV_SetVideoColorEngineConfig(wrong, &config), KIV_ERROR_INVALID_ARG);
+        EXPECT_EQ(KIV_GetVideoColorEngineConfig(wrong, &config), KIV_ERROR_INVALID_ARG);
+        EXPECT_EQ(KIV_LoadVideoColorEngineCubeFile(wrong, path.c_str()), KIV_ERROR_INVALID_ARG);
+        EXPECT_EQ(KIV_ClearVideoColorEngineLut(wrong), KIV_ERROR_INVALID_ARG);
+    }
+    EXPECT_EQ(KIV_SetVideoCropRect(crop, nullptr), KIV_ERROR_INVALID_ARG);
+    kivtest::FrameCatcher cropped(crop);  // the crop is still disabled: frames pass
+    kivtest::OwnedFrame frame(KIV_PIXEL_FORMAT_RGB32, 8, 8, 1);
+    ASSERT_EQ(static_cast<KivPortBase*>(crop)->OnVideoFrame(&frame.frame), KIV_OK);
+    EXPECT_EQ(cropped.frames.back().record, &frame.frame);
+    KIV_DestroyPort(mux);
+    KIV_DestroyPort(crop);
+
     const struct {
         KivVideoColorEngineConfig config;
         KivResult expected;
     } cases[] = {
         {{9, 1, 5, 0, 0, 7.0f}, KIV_ERROR_UNSUPPORTED},  // the format is checked first
-        {{9, 1, -1, 0, 0, 7.0f}, KIV_ERROR_UNSUPPORTED},
-        {{9, 1, 4, 0, 0, 7.0f}, KIV_ERROR_INVALID_ARG},
-        {{4, 1, 4, 0, 0, 0.5f}, KIV_ERROR_INVALID_ARG},
-        {{-1, 1, 4, 0, 0, 0.5f}, KIV_ERROR_INVALID_ARG},
-        {{3, 1, 4, 0, 0, 1.5f}, KIV_ERROR_INVALID_ARG},
-        {{3, 1, 4, 0, 0, -0.01f}, KIV_ERROR_INVALID_ARG},
+        {{9, 1, -1, 0, 0, 7.0f}, KIV_ERROR_UNSUPPORTED}, {{9, 1, 4, 0, 0, 7.0f}, KIV_ERROR_INVALID_ARG},
+        {{4, 1, 4, 0, 0, 0.5f}, KIV_ERROR_INVALID_ARG},  {{-1, 1, 4, 0, 0, 0.5f}, KIV_ERROR_INVALID_ARG},
+        {{3, 1, 4, 0, 0, 1.5f}, KIV_ERROR_INVALID_ARG},  {{3, 1, 4, 0, 0, -0.01f}, KIV_ERROR_INVALID_ARG},
     };
     for (const auto& c : cases) EXPECT_EQ(KIV_SetVideoColorEngineConfig(handle, &c.config), c.expected);
     EXPECT_EQ(KIV_SetVideoColorEngineConfig(handle, nullptr), KIV_ERROR_INVALID_ARG);
     EXPECT_EQ(KIV_GetVideoColorEngineConfig(handle, nullptr), KIV_ERROR_INVALID_ARG);
     KivVideoColorEngineConfig after{};
     ASSERT_EQ(KIV_GetVideoColorEngineConfig(handle, &after), KIV_OK);
-    EXPECT_EQ(after.processor, 0);
-    EXPECT_EQ(after.outFmt, 0);
+    EXPECT_EQ(std::vector<int>({after.processor, after.enable, after.outFmt}), std::vector<int>({0, 0, 0}));
     EXPECT_FLOAT_EQ(after.strength, 1.0f);
-
-    // Colour space and range are resolved per frame: stored as given.
-    Configure(1, 3, 0.25f, 17, -5, 2);
+    Configure(1, 3, 0.25f, 17, -5, 2);  // colour space and range are resolved per frame: stored as given
     ASSERT_EQ(KIV_GetVideoColorEngineConfig(handle, &after), KIV_OK);
     EXPECT_EQ(std::vector<int>({after.processor, after.enable, after.outFmt, after.cs, after.range}),
               std::vector<int>({2, 1, 3, 17, -5}));
@@ -71,57 +85,55 @@ TEST_F(ColorEngineTest, BadConfigurationsAreRefusedInOrderAndChangeNothing) {
               std::string::npos);
 }
 
-TEST_F(ColorEngineTest, FramesPassUnchangedWhenThereIsNothingToDo) {
-    kivtest::OwnedFrame in(KIV_PIXEL_FORMAT_RGB32, 8, 4, 77);
+TEST_F(ColorEngineTest, TablesLoadBlendAndFramesPassWhenThereIsNothingToDo) {
+    kivtest::OwnedFrame in(KIV_PIXEL_FORMAT_RGB32, 6, 2, 0);
+    for (size_t i = 0; i < in.bytes.size(); i += 4) in.bytes[i] = 200, in.bytes[i + 1] = 100;
     Configure(1, 0);  // enabled without a table, same format out
     EXPECT_EQ(Run(in).record, &in.frame);
-    ASSERT_EQ(Load(WriteCube("c.cube", proctest::CubeText(2, Constant))), KIV_OK);
-    for (int gpuProcessor : {1, 3}) {  // tables left to the render port
-        Configure(1, 3, 1.0f, 0, 0, gpuProcessor);
-        EXPECT_EQ(Run(in).record, &in.frame);
-    }
-    Configure(1, 4);
-    uint8_t payload[16] = {};
-    const KivVideoFrame h264 = kivtest::FrameOver(KIV_PIXEL_FORMAT_H264, 8, 4, payload, sizeof payload);
-    ASSERT_EQ(port->OnVideoFrame(&h264), KIV_OK);
-    EXPECT_EQ(catcher.frames.back().record, &h264);
-
-    // Empty frames are refused and not passed on.
-    const size_t before = catcher.frames.size();
-    for (auto size : {std::make_pair(0, 4), std::make_pair(4, -1)}) {
-        in.frame.width = size.first;
-        in.frame.height = size.second;
-        EXPECT_EQ(port->OnVideoFrame(&in.frame), KIV_ERROR_INVALID_ARG);
-    }
-    EXPECT_EQ(port->OnVideoFrame(nullptr), KIV_ERROR_INVALID_ARG);
-    EXPECT_EQ(catcher.frames.size(), before);
-}
-
-TEST_F(ColorEngineTest, TableTurnsColoursStrengthBlendsAndFailedLoadsKeepIt) {
+    const std::string folder = dir + "/Grün ñ 色彩";  // non-ASCII folders load too
+    std::filesystem::create_directories(std::filesystem::u8path(folder));
+    kivtest::WriteFile(folder + "/c.cube", proctest::CubeText(2, Constant));
+    ASSERT_EQ(Load(folder + "/c.cube"), KIV_OK);
     ASSERT_EQ(Load(WriteCube("c.cube", proctest::CubeText(2, Constant))), KIV_OK);
     EXPECT_EQ(Load(dir + "/missing.cube"), KIV_ERROR_FAILED);
     EXPECT_EQ(Load(WriteCube("bad.cube", "LUT_3D_SIZE 1\n")), KIV_ERROR_FAILED);
     EXPECT_EQ(KIV_LoadVideoColorEngineCubeFile(handle, nullptr), KIV_ERROR_INVALID_ARG);
     const KivWChar empty[] = {0};
     EXPECT_EQ(KIV_LoadVideoColorEngineCubeFile(handle, empty), KIV_ERROR_INVALID_ARG);
-
-    kivtest::OwnedFrame in(KIV_PIXEL_FORMAT_RGB32, 6, 2, 0);
-    for (size_t i = 0; i < in.bytes.size(); i += 4) in.bytes[i] = 200, in.bytes[i + 1] = 100;
+    for (int gpuProcessor : {1, 3}) {  // tables left to the render port
+        Configure(1, 3, 1.0f, 0, 0, gpuProcessor);
+        EXPECT_EQ(Run(in).record, &in.frame);
+    }
     const struct {
         float strength;
         int blue, green, red;
     } cases[] = {{1.0f, 0, 128, 255}, {0.5f, 100, 114, 128}, {0.0f, 200, 100, 0}};
     for (const auto& c : cases) {
         Configure(1, 0, c.strength);
-        const CaughtFrame& out = Run(in);
+        const kivtest::CaughtFrame& out = Run(in);
         EXPECT_NEAR(out.plane0[0], c.blue, 1) << c.strength;
         EXPECT_NEAR(out.plane0[1], c.green, 1) << c.strength;
         EXPECT_NEAR(out.plane0[2], c.red, 1) << c.strength;
         EXPECT_EQ(out.plane0[3], 255);
     }
-    // Loading does not switch the table on; clearing switches it off.
-    Configure(0, 0);
+    kivtest::OwnedFrame small(KIV_PIXEL_FORMAT_RGB32, 2, 2, 0);  // output buffers are reused
+    const uint8_t* first = Run(in).meta.planes[0];
+    EXPECT_EQ(Run(small).meta.planes[0], first);
+    Configure(0, 0);  // loading does not switch the table on; clearing switches it off
     EXPECT_EQ(Run(in).record, &in.frame);
+    Configure(1, 4);
+    uint8_t payload[16] = {};
+    const KivVideoFrame h264 = kivtest::FrameOver(KIV_PIXEL_FORMAT_H264, 8, 4, payload, sizeof payload);
+    ASSERT_EQ(port->OnVideoFrame(&h264), KIV_OK);
+    EXPECT_EQ(catcher.frames.back().record, &h264);
+    const size_t before = catcher.frames.size();  // empty frames are refused, not passed on
+    for (auto size : {std::make_pair(0, 4), std::make_pair(4, -1)}) {
+        in.frame.width = size.first, in.frame.height = size.second;
+        EXPECT_EQ(port->OnVideoFrame(&in.frame), KIV_ERROR_INVALID_ARG);
+    }
+    EXPECT_EQ(port->OnVideoFrame(nullptr), KIV_ERROR_INVALID_ARG);
+    EXPECT_EQ(catcher.frames.size(), before);
+    in.frame.width = 6, in.frame.height = 2;
     Configure(1, 0);
     ASSERT_EQ(KIV_ClearVideoColorEngineLut(handle), KIV_OK);
     EXPECT_EQ(Run(in).record, &in.frame);
@@ -132,33 +144,6 @@ TEST_F(ColorEngineTest, TableTurnsColoursStrengthBlendsAndFailedLoadsKeepIt) {
                                    "ColorEngine load cube failed: parse error path=" + dir + "/bad.cube",
                                    std::string("ColorEngine LUT cleared")})
         EXPECT_NE(log.find(line), std::string::npos) << line;
-}
-
-TEST_F(ColorEngineTest, CubeFilesLoadFromNonAsciiFolders) {
-    const std::string folder = dir + "/Grün ñ 色彩";
-    std::filesystem::create_directories(std::filesystem::u8path(folder));
-    kivtest::WriteFile(folder + "/identität.cube", proctest::CubeText(5, Identity));
-    ASSERT_EQ(Load(folder + "/identität.cube"), KIV_OK);
-}
-
-// Pure red in BT.601 limited range decodes to red with BT.601 only.
-TEST_F(ColorEngineTest, ColourSpaceFollowsTheFrameSizeWhenAutomatic) {
-    auto greenOfRed = [&](int w, int h, int cs) {
-        kivtest::OwnedFrame in(KIV_PIXEL_FORMAT_YUY2, w, h, 0);
-        for (size_t i = 0; i < in.bytes.size(); i += 4) in.bytes[i] = in.bytes[i + 2] = 81, in.bytes[i + 1] = 90, in.bytes[i + 3] = 240;
-        Configure(0, KIV_PIXEL_FORMAT_RGB32, 1.0f, cs, 2);
-        return Run(in).plane0[1];
-    };
-    EXPECT_LE(greenOfRed(720, 576, 0), 2);
-    EXPECT_GT(greenOfRed(720, 578, 0), 20);
-    EXPECT_GT(greenOfRed(1280, 720, 0), 20);
-    EXPECT_LE(greenOfRed(1280, 720, 1), 2);
-    EXPECT_EQ(greenOfRed(64, 64, 3), greenOfRed(64, 64, 2));  // the 8-bit rules treat BT.2020 as BT.709
-
-    // Output buffers are reused from frame to frame.
-    kivtest::OwnedFrame big(KIV_PIXEL_FORMAT_YUY2, 64, 32, 128), small(KIV_PIXEL_FORMAT_YUY2, 16, 8, 128);
-    const uint8_t* first = Run(big).meta.planes[0];
-    EXPECT_EQ(Run(small).meta.planes[0], first);
 }
 
 }  // namespace

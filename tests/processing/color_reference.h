@@ -1,6 +1,5 @@
 // A plain pixel-by-pixel rendering of the colour engine's frame rules, built
-// only on the per-pixel reference arithmetic, to compare the fast frame loops
-// with.
+// only on the per-pixel arithmetic, to compare the fast frame loops with.
 #pragma once
 #include <cstdint>
 #include <vector>

@@ -15,23 +15,23 @@ namespace proctest {
 using kivtest::CaughtFrame;
 using kivtest::FrameCatcher;
 
-// A cube file body of edge n whose entry for lattice point (r, g, b) is
-// fn(r / (n - 1), g / (n - 1), b / (n - 1)).
+inline int BytesPerPixel(int32_t format) {
+    return format == KIV_PIXEL_FORMAT_YUY2 ? 2 : format == KIV_PIXEL_FORMAT_RGB24 ? 3 : format == KIV_PIXEL_FORMAT_RGB32 ? 4 : 1;
+}
+
+// A cube file of edge n whose entry for lattice point (r, g, b) is fn(r / (n - 1), ...).
 template <class Fn>
-std::string CubeText(int n, Fn fn, bool withSize = true) {
-    std::string text = "TITLE \"test\"\n";
-    if (withSize) text += "LUT_3D_SIZE " + std::to_string(n) + "\n";
+std::string CubeText(int n, Fn fn) {
+    std::string text = "TITLE \"test\"\nLUT_3D_SIZE " + std::to_string(n) + "\n";
     char line[128];
-    for (int b = 0; b < n; ++b) {
-        for (int g = 0; g < n; ++g) {
+    for (int b = 0; b < n; ++b)
+        for (int g = 0; g < n; ++g)
             for (int r = 0; r < n; ++r) {
-                float out[3];
-                fn(r / float(n - 1), g / float(n - 1), b / float(n - 1), out);
-                std::snprintf(line, sizeof line, "%.6f %.6f %.6f\n", out[0], out[1], out[2]);
+                float o[3];
+                fn(r / float(n - 1), g / float(n - 1), b / float(n - 1), o);
+                std::snprintf(line, sizeof line, "%.6f %.6f %.6f\n", o[0], o[1], o[2]);
                 text += line;
             }
-        }
-    }
     return text;
 }
 

@@ -8,16 +8,13 @@
 namespace streamtest {
 
 void BitWriter::Bit(uint32_t b) {
-    if (used_ == 8) {
-        bytes_.push_back(0);
-        used_ = 0;
-    }
+    if (used_ == 8) bytes_.push_back(0), used_ = 0;
     if (b & 1) bytes_.back() |= uint8_t(0x80 >> used_);
     ++used_;
 }
 
 void BitWriter::Bits(uint32_t value, int count) {
-    for (int i = count - 1; i >= 0; --i) Bit((value >> i) & 1);
+    while (count-- > 0) Bit((value >> count) & 1);
 }
 
 void BitWriter::Ue(uint32_t value) {
@@ -29,10 +26,8 @@ void BitWriter::Ue(uint32_t value) {
 }
 
 void BitWriter::Se(int32_t value) { Ue(value > 0 ? uint32_t(value) * 2 - 1 : uint32_t(-value) * 2); }
-
 Bytes BitWriter::Finish() {
-    Bit(1);
-    while (used_ != 8) Bit(0);
+    for (Bit(1); used_ != 8;) Bit(0);
     return bytes_;
 }
 
@@ -40,10 +35,7 @@ Bytes Escape(const Bytes& rbsp) {
     Bytes out;
     int zeros = 0;
     for (uint8_t b : rbsp) {
-        if (zeros >= 2 && b <= 3) {
-            out.push_back(3);
-            zeros = 0;
-        }
+        if (zeros >= 2 && b <= 3) out.push_back(3), zeros = 0;
         out.push_back(b);
         zeros = b == 0 ? zeros + 1 : 0;
     }
@@ -51,9 +43,8 @@ Bytes Escape(const Bytes& rbsp) {
 }
 
 Bytes Nal(uint8_t header, const Bytes& rbsp) {
-    Bytes out{header};
-    const Bytes escaped = Escape(rbsp);
-    out.insert(out.end(), escaped.begin(), escaped.end());
+    Bytes out = Escape(rbsp);
+    out.insert(out.begin(), header);
     return out;
 }
 
@@ -78,14 +69,9 @@ Bytes LengthPrefixed(const std::vector<Bytes>& nals) {
 }
 
 std::vector<Bytes> NalUnits(const Bytes& s) {
-    // Start positions of the payload after each 00 00 01.
-    std::vector<size_t> starts;
-    for (size_t i = 0; i + 2 < s.size(); ++i) {
-        if (s[i] == 0 && s[i + 1] == 0 && s[i + 2] == 1) {
-            starts.push_back(i + 3);
-            i += 2;
-        }
-    }
+    std::vector<size_t> starts;  // payload starts after each 00 00 01
+    for (size_t i = 0; i + 2 < s.size(); ++i)
+        if (s[i] == 0 && s[i + 1] == 0 && s[i + 2] == 1) starts.push_back(i + 3), i += 2;
     std::vector<Bytes> nals;
     for (size_t k = 0; k < starts.size(); ++k) {
         size_t end = k + 1 < starts.size() ? starts[k + 1] - 3 : s.size();
@@ -96,19 +82,15 @@ std::vector<Bytes> NalUnits(const Bytes& s) {
 }
 
 std::vector<Bytes> SplitAccessUnits(const Bytes& stream) {
-    std::vector<Bytes> units;
-    std::vector<Bytes> current;
+    std::vector<Bytes> units, current;
     bool haveSlice = false;
     for (const Bytes& nal : NalUnits(stream)) {
         const int type = nal[0] & 0x1F;
         const bool slice = type == 1 || type == 5;
-        bool startsNew = false;
-        if (haveSlice) {
-            if (type == 6 || type == 7 || type == 8 || type == 9 || (type >= 14 && type <= 18)) startsNew = true;
-            // first_mb_in_slice == 0 (its ue(v) code is a single 1 bit)
-            if (slice && nal.size() > 1 && (nal[1] & 0x80)) startsNew = true;
-        }
-        if (startsNew) {
+        // After a slice: SEI, parameter sets, delimiters, reserved 14-18, or a
+        // slice with first_mb_in_slice 0 (its ue(v) code is a single 1 bit).
+        if (haveSlice && ((type >= 6 && type <= 9) || (type >= 14 && type <= 18) ||
+                          (slice && nal.size() > 1 && (nal[1] & 0x80)))) {
             units.push_back(AnnexB(current));
             current.clear();
             haveSlice = false;
@@ -140,15 +122,13 @@ std::vector<AdtsFrame> ParseAdts(const Bytes& s) {
 uint32_t U32(const Bytes& b, uint64_t at) {
     return (uint32_t(b[at]) << 24) | (uint32_t(b[at + 1]) << 16) | (uint32_t(b[at + 2]) << 8) | b[at + 3];
 }
-
 uint64_t U64(const Bytes& b, uint64_t at) { return (uint64_t(U32(b, at)) << 32) | U32(b, at + 4); }
 
 std::vector<Box> Boxes(const Bytes& file, uint64_t begin, uint64_t end) {
     std::vector<Box> boxes;
     uint64_t pos = begin;
     while (pos + 8 <= end) {
-        uint64_t size = U32(file, pos);
-        uint64_t header = 8;
+        uint64_t size = U32(file, pos), header = 8;
         if (size == 1) {
             if (pos + 16 > end) break;
             size = U64(file, pos + 8);
@@ -165,22 +145,18 @@ std::vector<Box> Boxes(const Bytes& file, uint64_t begin, uint64_t end) {
 }
 
 bool FindBox(const Bytes& file, const std::string& path, Box* out, int index) {
-    uint64_t begin = 0;
-    uint64_t end = file.size();
-    size_t from = 0;
-    while (true) {
+    uint64_t begin = 0, end = file.size();
+    for (size_t from = 0;;) {
         const size_t slash = path.find('/', from);
         const std::string step = path.substr(from, slash == std::string::npos ? std::string::npos : slash - from);
         const bool last = slash == std::string::npos;
         int seen = 0;
         bool found = false;
-        for (const Box& box : Boxes(file, begin, end)) {
-            if (box.type != step) continue;
-            if (last && seen++ != index) continue;
-            *out = box;
-            found = true;
-            break;
-        }
+        for (const Box& box : Boxes(file, begin, end))
+            if (box.type == step && (!last || seen++ == index)) {
+                *out = box, found = true;
+                break;
+            }
         if (!found) return false;
         if (last) return true;
         begin = out->payload;
@@ -193,22 +169,15 @@ Bytes ReadAll(const std::string& path) {
     const std::string bytes = kivtest::ReadFile(path);
     return Bytes(bytes.begin(), bytes.end());
 }
-
-bool WriteAll(const std::string& path, const Bytes& data) {
-    return kivtest::WriteFile(path, std::string(data.begin(), data.end()));
-}
-
+bool WriteAll(const std::string& path, const Bytes& data) { return kivtest::WriteFile(path, std::string(data.begin(), data.end())); }
 std::basic_string<KivWChar> WidePath(const std::string& path) {
-    std::basic_string<KivWChar> out;
-    for (unsigned char c : path) out.push_back(KivWChar(c));
-    return out;
+    return std::basic_string<KivWChar>(reinterpret_cast<const unsigned char*>(path.data()),
+                                       reinterpret_cast<const unsigned char*>(path.data()) + path.size());
 }
 
 int Run(const std::string& command, std::string* output) {
 #ifdef _WIN32
-    (void)command;
-    (void)output;
-    return -1;
+    return (void)command, (void)output, -1;
 #else
     FILE* pipe = popen(command.c_str(), "r");
     if (!pipe) return -1;
@@ -222,24 +191,15 @@ int Run(const std::string& command, std::string* output) {
 #endif
 }
 
-bool HaveFfmpegTools() {
-#ifdef _WIN32
-    return false;
-#else
-    return Run("ffmpeg -version >/dev/null 2>&1") == 0 && Run("ffprobe -version >/dev/null 2>&1") == 0;
-#endif
-}
+bool HaveFfmpegTools() { return Run("ffmpeg -version >/dev/null 2>&1") == 0 && Run("ffprobe -version >/dev/null 2>&1") == 0; }
 
 std::map<std::string, std::string> Probe(const std::string& args) {
     std::string out;
     Run("ffprobe -v error " + args + " -of default=nw=1 2>&1", &out);
     std::map<std::string, std::string> values;
     std::istringstream lines(out);
-    std::string line;
-    while (std::getline(lines, line)) {
-        const size_t eq = line.find('=');
-        if (eq != std::string::npos) values.emplace(line.substr(0, eq), line.substr(eq + 1));
-    }
+    for (std::string line; std::getline(lines, line);)
+        if (line.find('=') != std::string::npos) values.emplace(line.substr(0, line.find('=')), line.substr(line.find('=') + 1));
     return values;
 }
 
@@ -249,10 +209,8 @@ std::vector<std::string> DecodedFrameHashes(const std::string& path, const std::
     if (status != 0) return {"ffmpeg failed: " + out};
     std::vector<std::string> hashes;
     std::istringstream lines(out);
-    std::string line;
-    while (std::getline(lines, line)) {
+    for (std::string line; std::getline(lines, line);)
         if (!line.empty() && line[0] != '#') hashes.push_back(line.substr(line.rfind(',') + 1));
-    }
     return hashes;
 }
 

@@ -12,8 +12,7 @@ namespace streamtest {
 
 using Bytes = std::vector<uint8_t>;
 
-// MSB-first bit writer with Exp-Golomb codes, the encoder's side of the
-// reader under test.
+// MSB-first bit writer with Exp-Golomb codes, the encoder's side of the reader under test.
 class BitWriter {
 public:
     void Bit(uint32_t b);
@@ -37,10 +36,8 @@ Bytes Nal(uint8_t header, const Bytes& rbsp);
 Bytes AnnexB(const std::vector<Bytes>& nals, bool fourByteCodes = true);
 Bytes LengthPrefixed(const std::vector<Bytes>& nals);
 
-// Groups the NAL units of an Annex B elementary stream into access units,
-// each returned in Annex B form.
+// The access units of an Annex B stream, each in Annex B form; the NAL units of one buffer.
 std::vector<Bytes> SplitAccessUnits(const Bytes& stream);
-// The NAL units of one Annex B buffer.
 std::vector<Bytes> NalUnits(const Bytes& annexB);
 
 // One frame of an ADTS stream: raw payload and the header's fields.
@@ -51,8 +48,7 @@ struct AdtsFrame {
 };
 std::vector<AdtsFrame> ParseAdts(const Bytes& stream);
 
-// A box found in an MP4 file: its type, where it starts, its full size and
-// where its payload starts.
+// An MP4 box: type, offset, full size and where its payload starts.
 struct Box {
     std::string type;
     uint64_t offset;
@@ -71,17 +67,16 @@ Bytes ReadAll(const std::string& path);
 bool WriteAll(const std::string& path, const Bytes& data);
 std::basic_string<KivWChar> WidePath(const std::string& path);
 
-// Runs a shell command; returns its exit status and standard output.
-// The ffmpeg tools run only in the native build: elsewhere Run fails.
+// Runs a shell command: exit status and standard output. Native build only
+// (elsewhere it fails, and so there are no ffmpeg tools).
 int Run(const std::string& command, std::string* output = nullptr);
 bool HaveFfmpegTools();
 
-// "key=value" lines of `ffprobe -v error <args> -of default=nw=1`; the first
-// value of each key is kept.
+// "key=value" lines of `ffprobe -v error <args> -of default=nw=1`, first value of each key.
 std::map<std::string, std::string> Probe(const std::string& args);
 
-// framemd5 checksums of the decoded frames of one stream ("0:v", "0:a") in
-// output order; a single "ffmpeg failed" entry when decoding fails.
+// framemd5 checksums of one stream's ("0:v", "0:a") decoded frames in output
+// order; a single "ffmpeg failed" entry when decoding fails.
 std::vector<std::string> DecodedFrameHashes(const std::string& path, const std::string& map = "0:v");
 
 }  // namespace streamtest

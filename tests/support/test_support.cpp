@@ -25,9 +25,7 @@ LibraryScope::LibraryScope() { EXPECT_EQ(KIV_Init(), KIV_OK); }
 LibraryScope::~LibraryScope() { KIV_Shutdown(); }
 
 OwnedFrame::OwnedFrame(int32_t format, int32_t width, int32_t height, uint8_t fill) {
-    frame.format = format;
-    frame.width = width;
-    frame.height = height;
+    frame.format = format, frame.width = width, frame.height = height;
     const int64_t need = kiv::RequiredFrameBytes(format, width, height);
     bytes.assign(static_cast<size_t>(need > 0 ? need : 1), fill);
     kiv::FillPackedLayout(&frame, bytes.data());
@@ -36,33 +34,21 @@ OwnedFrame::OwnedFrame(int32_t format, int32_t width, int32_t height, uint8_t fi
 KivVideoFrame FrameOver(int32_t format, int32_t width, int32_t height, const uint8_t* plane0, int32_t stride0,
                         const uint8_t* plane1, int32_t stride1) {
     KivVideoFrame f{};
-    f.format = format;
-    f.width = width;
-    f.height = height;
+    f.format = format, f.width = width, f.height = height;
     f.planes[0] = const_cast<uint8_t*>(plane0);  // the record's planes are not const; ports only read them
-    f.strides[0] = stride0;
     f.planes[1] = const_cast<uint8_t*>(plane1);
-    f.strides[1] = stride1;
+    f.strides[0] = stride0, f.strides[1] = stride1;
     return f;
 }
 
 FrameCatcher::FrameCatcher(void* port) { KIV_SetVideoFrameCallback(port, &FrameCatcher::OnFrame, this); }
 
 void KIV_CALL FrameCatcher::OnFrame(const KivVideoFrame* f, void* user) {
-    CaughtFrame c;
-    c.meta = *f;
-    c.record = f;
-    c.originalPlane0 = f->planes[0];
-    const size_t stride0 = f->strides[0] > 0 ? static_cast<size_t>(f->strides[0]) : 0;
-    if (f->planes[0] && !kiv::IsUncompressed(f->format)) {
-        c.plane0.assign(f->planes[0], f->planes[0] + stride0);
-    } else if (f->planes[0] && f->height > 0) {
-        c.plane0.assign(f->planes[0], f->planes[0] + stride0 * static_cast<size_t>(f->height));
-    }
-    if (f->format == KIV_PIXEL_FORMAT_NV12 && f->planes[1] && f->strides[1] > 0 && f->height > 0) {
-        c.plane1.assign(f->planes[1],
-                        f->planes[1] + static_cast<size_t>(f->strides[1]) * static_cast<size_t>((f->height + 1) / 2));
-    }
+    CaughtFrame c{*f, f, f->planes[0], {}, {}};
+    const size_t stride0 = f->strides[0] > 0 ? size_t(f->strides[0]) : 0, rows = f->height > 0 ? size_t(f->height) : 0;
+    if (f->planes[0]) c.plane0.assign(f->planes[0], f->planes[0] + stride0 * (kiv::IsUncompressed(f->format) ? rows : 1));
+    if (f->format == KIV_PIXEL_FORMAT_NV12 && f->planes[1] && f->strides[1] > 0)
+        c.plane1.assign(f->planes[1], f->planes[1] + size_t(f->strides[1]) * ((rows + 1) / 2));
     auto* self = static_cast<FrameCatcher*>(user);
     std::lock_guard<std::mutex> lock(self->mutex_);
     self->frames.push_back(std::move(c));
@@ -77,21 +63,14 @@ std::basic_string<KivWChar> Wide(const std::string& text) {
     std::basic_string<KivWChar> out;
     size_t i = 0;
     while (i < text.size()) {
-        unsigned char c = static_cast<unsigned char>(text[i]);
+        const unsigned char c = static_cast<unsigned char>(text[i]);
         uint32_t cp = c;
         int extra = 0;
-        if (c >= 0xF0) { cp = c & 0x07; extra = 3; }
-        else if (c >= 0xE0) { cp = c & 0x0F; extra = 2; }
-        else if (c >= 0xC0) { cp = c & 0x1F; extra = 1; }
+        if (c >= 0xC0) extra = c >= 0xF0 ? 3 : c >= 0xE0 ? 2 : 1, cp = c & (0x3F >> extra);
         ++i;
         for (int k = 0; k < extra && i < text.size(); ++k, ++i) cp = (cp << 6) | (static_cast<unsigned char>(text[i]) & 0x3F);
-        if (cp >= 0x10000) {
-            cp -= 0x10000;
-            out.push_back(static_cast<KivWChar>(0xD800 + (cp >> 10)));
-            out.push_back(static_cast<KivWChar>(0xDC00 + (cp & 0x3FF)));
-        } else {
-            out.push_back(static_cast<KivWChar>(cp));
-        }
+        if (cp < 0x10000) out.push_back(KivWChar(cp));
+        else out.insert(out.end(), {KivWChar(0xD800 + ((cp - 0x10000) >> 10)), KivWChar(0xDC00 + (cp & 0x3FF))});
     }
     return out;
 }
@@ -118,17 +97,12 @@ bool ParseLogMessage(const std::string& raw, LogMessage* out) {
     if (std::sscanf(raw.c_str(), "[%2u:%2u:%2u.%3u][tid=%lu][%n", &h, &mi, &se, &ms, &tid, &fileStart) != 5 ||
         fileStart < 0)
         return false;
-    const size_t close = raw.find("] ", static_cast<size_t>(fileStart));
-    if (close == std::string::npos || raw.size() < close + 4) return false;
-    if (raw.compare(raw.size() - 2, 2, "\r\n") != 0) return false;
-    const std::string fileAndLine = raw.substr(static_cast<size_t>(fileStart), close - static_cast<size_t>(fileStart));
+    const size_t close = raw.find("] ", size_t(fileStart));
+    if (close == std::string::npos || raw.size() < close + 4 || raw.compare(raw.size() - 2, 2, "\r\n") != 0) return false;
+    const std::string fileAndLine = raw.substr(size_t(fileStart), close - size_t(fileStart));
     const size_t colon = fileAndLine.rfind(':');
     if (colon == std::string::npos) return false;
-    out->tid = tid;
-    out->file = fileAndLine.substr(0, colon);
-    out->line = std::atoi(fileAndLine.c_str() + colon + 1);
-    out->text = raw.substr(close + 2, raw.size() - close - 4);
-
+    *out = {tid, fileAndLine.substr(0, colon), std::atoi(fileAndLine.c_str() + colon + 1), raw.substr(close + 2, raw.size() - close - 4)};
     char again[256];
     std::snprintf(again, sizeof(again), "[%02u:%02u:%02u.%03u][tid=%lu][%s:%d] ", h, mi, se, ms, tid,
                   out->file.c_str(), out->line);
@@ -155,9 +129,8 @@ size_t CountOf(const std::string& text, const std::string& what) {
 
 namespace {
 
-// Removes the folders TempDir made once the test that asked for them has
-// passed; a failing test keeps them and says where they are. Folders made
-// outside a test (suite set-up) live until the end of the program.
+// Removes TempDir's folders once their test passed (folders made outside a
+// test: at the end of the program); a failure keeps them and says where.
 class TempDirCleaner : public ::testing::EmptyTestEventListener {
 public:
     static TempDirCleaner& Instance() {
@@ -174,9 +147,7 @@ public:
         (::testing::UnitTest::GetInstance()->current_test_info() ? testDirs_ : programDirs_).push_back(dir);
     }
 
-    void OnTestEnd(const ::testing::TestInfo& info) override {
-        Finish(&testDirs_, !info.result()->Failed());
-    }
+    void OnTestEnd(const ::testing::TestInfo& info) override { Finish(&testDirs_, !info.result()->Failed()); }
     void OnTestProgramEnd(const ::testing::UnitTest& unit) override { Finish(&programDirs_, unit.Passed()); }
 
 private:
@@ -184,11 +155,8 @@ private:
         std::lock_guard<std::mutex> lock(mutex_);
         for (const auto& dir : *dirs) {
             std::error_code ec;
-            if (passed) {
-                std::filesystem::remove_all(dir, ec);
-            } else {
-                std::printf("test files kept in %s\n", dir.u8string().c_str());
-            }
+            if (passed) std::filesystem::remove_all(dir, ec);
+            else std::printf("test files kept in %s\n", dir.u8string().c_str());
         }
         dirs->clear();
     }

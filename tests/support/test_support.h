@@ -22,14 +22,13 @@ struct OwnedFrame {
     OwnedFrame(int32_t format, int32_t width, int32_t height, uint8_t fill = 0);
 };
 
-// A frame record over the caller's bytes (compressed formats: stride0 is the
-// payload length).
+// A frame record over the caller's bytes (compressed: stride0 is the payload length).
 KivVideoFrame FrameOver(int32_t format, int32_t width, int32_t height, const uint8_t* plane0, int32_t stride0,
                         const uint8_t* plane1 = nullptr, int32_t stride1 = 0);
 
-// A video frame handed to a callback: the record, where it and its first
-// plane were, and copies of the planes (height rows of strides[0] bytes; NV12
-// chroma rows; compressed frames: strides[0] payload bytes).
+// A frame handed to a callback: the record, where it and its first plane were,
+// and copies of the planes (height rows of strides[0] bytes, NV12 chroma rows;
+// compressed: strides[0] payload bytes).
 struct CaughtFrame {
     KivVideoFrame meta{};
     const KivVideoFrame* record = nullptr;
@@ -41,8 +40,7 @@ struct CaughtFrame {
 class FrameCatcher {
 public:
     FrameCatcher() = default;
-    // Installs itself as the port's video frame callback.
-    explicit FrameCatcher(void* port);
+    explicit FrameCatcher(void* port);  // installs itself as the port's video callback
     static void KIV_CALL OnFrame(const KivVideoFrame* frame, void* user);
     size_t Count();
     std::vector<CaughtFrame> frames;
@@ -54,9 +52,8 @@ private:
 // UTF-16 copy of an ASCII/UTF-8 string for the wide-character interfaces.
 std::basic_string<KivWChar> Wide(const std::string& text);
 
-// Reads a whole file; empty when it cannot be opened. Paths are UTF-8.
+// Whole files, UTF-8 paths: empty when unreadable; false when not written.
 std::string ReadFile(const std::string& path);
-// Replaces a file's contents; false when it cannot be written.
 bool WriteFile(const std::string& path, const std::string& bytes);
 
 // The library's log file, read whole; empty when logging never started.
@@ -69,9 +66,8 @@ struct LogMessage {
     int line = 0;
     std::string text;
 };
-// Parses one line, its "\r\n" included. The fields are read back and the line
-// written again with the log's format: it matches only if both spellings agree
-// byte for byte, so padding, separators and the line end are all checked.
+// Parses one line with its "\r\n", then writes it again in the log's format:
+// it matches only if both agree byte for byte (padding, separators, line end).
 bool ParseLogMessage(const std::string& raw, LogMessage* out);
 // The message lines of a log text in order; header and service lines skipped.
 std::vector<LogMessage> LogMessages(const std::string& log);
@@ -79,10 +75,9 @@ std::vector<LogMessage> LogMessages(const std::string& log);
 // How many times `what` occurs in `text` (overlapping matches count).
 size_t CountOf(const std::string& text, const std::string& what);
 
-// A fresh folder for a test's files under the system temp folder; the
-// process id keeps concurrent runs of the same suite apart. It is removed when
-// the test that made it passes (made outside a test: when the program ends
-// with every test passed); a failing test keeps it and prints where it is.
+// A fresh folder under the system temp folder (the process id keeps
+// concurrent runs apart), removed when the test that made it passes (outside
+// a test: when the program passes); a failing test keeps it and prints where.
 std::string TempDir(const std::string& name);
 
 }  // namespace kivtest

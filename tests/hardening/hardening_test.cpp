@@ -1,0 +1,309 @@
+// What comes from outside never throws across the interface or reads past a
+// buffer: strides that cannot hold a row (over buffers of exactly the size
+// the strides promise, for the address sanitizer), unusable files, absurd
+// sizes, unwritable recorder paths, and splits with tiny limits, whose every
+// segment must still be a whole MP4 file.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <climits>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "hardening_util.h"
+#include "record/kiv_recorder.h"
+#include "record/video_encoder.h"
+#include "stream_test_util.h"
+#include "test_support.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// An encoder that opens whatever it is asked and counts the pictures it
+// gets, so the recorder converts frames in every build.
+class CountingEncoder : public kiv::VideoEncoder {
+public:
+    explicit CountingEncoder(std::atomic<int>* writes) : writes_(writes) {}
+    kiv::EncoderOpenReport Open(const kiv::VideoEncoderSettings&) override { return open_ = true, kiv::EncoderOpenReport{}; }
+    bool IsOpen() const override { return open_; }
+    uint32_t WriteVideo(const uint8_t*, size_t, int64_t, int64_t) override { return (*writes_)++, 0; }
+    uint32_t WriteAudio(const uint8_t*, size_t, int64_t, int64_t) override { return 0; }
+    kiv::EncoderFinalizeReport Finalize() override { return open_ = false, kiv::EncoderFinalizeReport{}; }
+
+private:
+    std::atomic<int>* writes_;
+    bool open_ = false;
+};
+
+// A recorder fed by its own frame source; Push waits (five seconds at most)
+// until the worker took the frame, so the queue never drops one.
+struct Recording {
+    std::atomic<int> writes{0};
+    void* source = KIV_CreateVideoFrameSource();
+    void* recorder;
+    explicit Recording(const std::string& path, bool counting = false, const KivRecorderConfig* config = nullptr)
+        : recorder(counting ? static_cast<KivPortBase*>(new KivRecorder(path.c_str(), std::make_unique<CountingEncoder>(&writes)))
+                            : KIV_CreateRecorder(path.c_str())) {
+        EXPECT_EQ(config ? KIV_SetRecorderConfig(recorder, config) : KIV_OK, KIV_OK);
+        EXPECT_EQ(KIV_Connect(source, recorder), KIV_OK);
+        EXPECT_EQ(KIV_Start(recorder), KIV_OK);
+    }
+    KivRecorderStats Push(const KivVideoFrame& f) {
+        const int64_t before = Stats().inputFrames;
+        EXPECT_EQ(KIV_PushVideoFrame(source, &f), KIV_OK);
+        return Wait(before + 1);
+    }
+    KivRecorderStats Stats() {
+        KivRecorderStats stats{};
+        KIV_GetRecorderStats(recorder, &stats);
+        return stats;
+    }
+    KivRecorderStats Wait(int64_t frames) {
+        for (int i = 0; i < 5000 && Stats().inputFrames < frames; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        return Stats();
+    }
+    ~Recording() {
+        EXPECT_EQ(KIV_Stop(recorder), KIV_OK);
+        KIV_Disconnect(source, recorder);
+        EXPECT_EQ(KIV_DestroyPort(recorder), KIV_OK);
+        EXPECT_EQ(KIV_DestroyPort(source), KIV_OK);
+    }
+};
+
+// One coded 16x16 picture: an IDR slice of a single PCM macroblock (grey
+// `shade`), with SPS and PPS in front when asked; every unit decodes alone.
+std::vector<uint8_t> IdrAccessUnit(int idrId, bool withParameterSets, uint8_t shade = 0x80) {
+    std::vector<streamtest::Bytes> nals;
+    if (withParameterSets) {  // baseline, level 1.0, one macroblock, POC type 2; CAVLC with deblocking control
+        nals.push_back(streamtest::Nal(0x67, {0x42, 0x00, 0x0A, 0xDA, 0x79}));
+        nals.push_back(streamtest::Nal(0x68, {0xCE, 0x3C, 0x80}));
+    }
+    // I slice header (idr_pic_id 0 or 1, deblocking off), mb_type I_PCM, zero bits to the byte-aligned samples.
+    streamtest::Bytes slice = idrId % 2 ? streamtest::Bytes{0x88, 0x82, 0x28, 0x34} : streamtest::Bytes{0x88, 0x84, 0xA0, 0xD0};
+    slice.insert(slice.end(), 256, shade);
+    slice.insert(slice.end(), 128, 128);
+    slice.push_back(0x80);  // stop bit
+    nals.push_back(streamtest::Nal(0x65, slice));
+    return streamtest::AnnexB(nals);
+}
+
+KivVideoFrame H264Frame(const std::vector<uint8_t>& unit, int64_t timestamp) {
+    KivVideoFrame f = kivtest::FrameOver(KIV_PIXEL_FORMAT_H264, 16, 16, unit.data(), int32_t(unit.size()));
+    f.timestamp = timestamp;
+    return f;
+}
+
+// Counts the frames a port hands to its callback and keeps the last one's first plane.
+struct PlaneWatch {
+    std::atomic<int> count{0};
+    std::atomic<const uint8_t*> plane0{nullptr};
+    static void KIV_CALL OnFrame(const KivVideoFrame* f, void* user) {
+        static_cast<PlaneWatch*>(user)->plane0 = f->planes[0];
+        static_cast<PlaneWatch*>(user)->count++;
+    }
+};
+
+// A frame over heap buffers of exactly |stride0| x height bytes (NV12: and
+// |stride1| x (height + 1) / 2); a negative stride0 runs up from the last row.
+struct ExactFrame {
+    std::unique_ptr<uint8_t[]> plane0, plane1;
+    KivVideoFrame frame{};
+    ExactFrame(int32_t format, int32_t width, int32_t height, int32_t stride0, int32_t stride1) {
+        const size_t bytes0 = size_t(std::abs(stride0)) * height, bytes1 = size_t(std::abs(stride1)) * ((height + 1) / 2);
+        plane0.reset(new uint8_t[bytes0 ? bytes0 : 1]);  // exact, for the address sanitizer
+        for (size_t i = 0; i < bytes0; ++i) plane0[i] = uint8_t(i * 7);
+        frame = kivtest::FrameOver(format, width, height, plane0.get() + (stride0 < 0 ? bytes0 + stride0 : 0), stride0);
+        if (format != KIV_PIXEL_FORMAT_NV12) return;
+        plane1.reset(new uint8_t[bytes1 ? bytes1 : 1]);
+        for (size_t i = 0; i < bytes1; ++i) plane1[i] = uint8_t(128 + i);
+        frame.planes[1] = plane1.get();
+        frame.strides[1] = stride1;
+    }
+};
+
+const struct StrideCase {
+    const char* what;
+    int32_t format, width, height, stride0, stride1;
+    bool fits;
+} kStrides[] = {
+    {"RGB32 stride 64 for 256-byte rows", KIV_PIXEL_FORMAT_RGB32, 64, 6, 64, 0, false},
+    {"RGB32 stride -255", KIV_PIXEL_FORMAT_RGB32, 64, 6, -255, 0, false},
+    {"RGB32 exact", KIV_PIXEL_FORMAT_RGB32, 64, 6, 256, 0, true},
+    {"RGB24 odd width one byte short", KIV_PIXEL_FORMAT_RGB24, 15, 5, 44, 0, false},
+    {"RGB24 odd width exact", KIV_PIXEL_FORMAT_RGB24, 15, 5, 45, 0, true},
+    {"YUY2 one byte short", KIV_PIXEL_FORMAT_YUY2, 16, 6, 31, 0, false},
+    {"YUY2 exact", KIV_PIXEL_FORMAT_YUY2, 16, 6, 32, 0, true},
+    {"NV12 luma short", KIV_PIXEL_FORMAT_NV12, 16, 6, 8, 16, false},
+    {"NV12 chroma short", KIV_PIXEL_FORMAT_NV12, 16, 6, 16, 15, false},
+    {"NV12 exact", KIV_PIXEL_FORMAT_NV12, 16, 6, 16, 16, true},
+};
+
+}  // namespace
+
+TEST(ShortStrides, ProcessingPortsPassThemOnUntouchedAndTheRecorderEncodesOnlyFittingFrames) {
+    kivtest::LibraryScope library;
+    const std::string dir = kivtest::TempDir("hardening_strides");
+    hardening::Chain chain(hardening::WriteSwapCube(dir));
+    // Each port alone behind the source, its output watched (the overlay's through the chain's mux).
+    KIV_Disconnect(chain.source, chain.crop);
+    KIV_Disconnect(chain.crop, chain.color);
+    KIV_Disconnect(chain.color, chain.osd);
+    for (auto p : {std::make_pair(chain.crop, chain.crop), {chain.color, chain.color}, {chain.osd, chain.tap}}) {
+        ASSERT_EQ(KIV_Connect(chain.source, p.first), KIV_OK);
+        PlaneWatch last;
+        ASSERT_EQ(KIV_SetVideoFrameCallback(p.second, PlaneWatch::OnFrame, &last), KIV_OK);
+        for (const StrideCase& c : kStrides) {
+            ExactFrame in(c.format, c.width, c.height, c.stride0, c.stride1);
+            ASSERT_EQ(KIV_PushVideoFrame(chain.source, &in.frame), KIV_OK) << c.what;
+            ASSERT_EQ(last.count.exchange(0), 1) << c.what;
+            // The overlay copies a YUY2 or NV12 row as far as its stride goes and pads the rest.
+            const bool osdPads = p.first == chain.osd && c.stride0 > 0 && c.stride1 >= 0 &&
+                                 (c.format == KIV_PIXEL_FORMAT_YUY2 || c.format == KIV_PIXEL_FORMAT_NV12);
+            EXPECT_EQ(last.plane0 != in.frame.planes[0], c.fits || osdPads) << c.what;
+        }
+        ASSERT_EQ(KIV_SetVideoFrameCallback(p.second, nullptr, nullptr), KIV_OK);
+        KIV_Disconnect(chain.source, p.first);
+    }
+    for (const StrideCase& c : kStrides) {
+        Recording rec(dir + "/out.mp4", true);
+        {
+            ExactFrame in(c.format, c.width, c.height, c.stride0, c.stride1);
+            ASSERT_EQ(KIV_PushVideoFrame(rec.source, &in.frame), KIV_OK) << c.what;
+        }  // the caller's buffer is gone at once: the recorder works on its copy
+        EXPECT_EQ(rec.Wait(1).inputFrames, 1) << c.what;
+        EXPECT_EQ(KIV_Stop(rec.recorder), KIV_OK);
+        EXPECT_EQ(rec.writes.load(), c.fits ? 1 : 0) << c.what;
+    }
+}
+
+TEST(BadInput, FilesTheLibraryCannotUseAreRefusedOrSkipped) {
+    kivtest::LibraryScope library;
+    const std::string dir = kivtest::TempDir("hardening_files");
+    hardening::Chain chain(hardening::WriteSwapCube(dir));
+    kivtest::WriteFile(dir + "/empty.cube", "");
+    { std::ofstream(dir + "/huge.cube").put('\n'); }
+    std::error_code ec;
+    fs::resize_file(dir + "/huge.cube", uintmax_t{300} << 20, ec);  // sparse: 300 MiB claimed, nothing written
+    std::vector<std::pair<const char*, std::string>> paths = {
+        {"a folder", dir}, {"a missing file", dir + "/missing.cube"}, {"an empty file", dir + "/empty.cube"},
+        {"a file over 256 MiB", dir + "/huge.cube"}, {"a path through a file", dir + "/empty.cube/inner.cube"}};
+#if !defined(_WIN32)
+    paths.emplace_back("a file that opens but cannot be read", "/proc/self/mem");
+#endif
+    kivtest::OwnedFrame in(KIV_PIXEL_FORMAT_RGB32, 32, 16, 90);
+    kivtest::FrameCatcher graded(chain.color), composited(chain.tap);
+    ASSERT_EQ(KIV_PushVideoFrame(chain.source, &in.frame), KIV_OK);
+    ASSERT_EQ(graded.frames.size(), 1u);
+    for (const auto& bad : paths) {
+        const auto wide = kivtest::Wide(bad.second);
+        EXPECT_EQ(KIV_LoadVideoColorEngineCubeFile(chain.color, wide.c_str()), KIV_ERROR_FAILED) << bad.first;
+        // An overlay picture that cannot be loaded draws nothing; the frame goes on.
+        KivVideoOsdItem picture{};
+        picture.visible = 1;
+        picture.opacity = 1.0f;
+        std::memcpy(picture.imagePath, wide.data(), std::min(wide.size(), size_t{259}) * sizeof(KivWChar));
+        EXPECT_GE(KIV_SetVideoOsdImage(chain.osd, &picture), 0) << bad.first;
+        EXPECT_EQ(KIV_PushVideoFrame(chain.source, &in.frame), KIV_OK) << bad.first;
+        EXPECT_EQ(graded.frames.back().plane0, graded.frames[0].plane0) << bad.first << ": the table was kept";
+        EXPECT_EQ(composited.Count(), graded.frames.size()) << bad.first;
+    }
+    KIV_SetVideoFrameCallback(chain.color, nullptr, nullptr);
+    KIV_SetVideoFrameCallback(chain.tap, nullptr, nullptr);
+
+    kivtest::WriteFile(dir + "/file", "x");
+    for (const std::string& path : {dir, dir + "/file/out.mp4", dir + "/no/such/out.mp4"}) {
+        Recording rec(path);
+        const std::vector<uint8_t> idr = IdrAccessUnit(0, true);
+        for (int i = 0; i < 3; ++i) rec.Push(H264Frame(idr, 1 + i * 333333));
+        EXPECT_EQ(rec.Stats().inputFrames, 3) << path;
+        EXPECT_EQ(rec.Stats().encodedFrames, 0) << path;
+    }
+    size_t files = 0;
+    for (const auto& entry : fs::recursive_directory_iterator(dir)) files += entry.is_regular_file();
+    EXPECT_EQ(files, 4u) << "only the test's own files";
+}
+
+// Sizes no real picture has, over a small buffer: a port believing them would
+// allocate gigabytes or read far past the buffer.
+TEST(BadInput, AbsurdSizesPassProcessingAndAreNotRecorded) {
+    kivtest::LibraryScope library;
+    const std::string dir = kivtest::TempDir("hardening_sizes");
+    hardening::Chain chain(hardening::WriteSwapCube(dir));
+    KivRecorderConfig config{};
+    config.width = config.height = 100000;  // would need a 15 GB picture
+    Recording rec(dir + "/out.mp4", true, &config);
+    ASSERT_EQ(KIV_Connect(chain.source, rec.recorder), KIV_OK);
+    PlaneWatch composited;
+    ASSERT_EQ(KIV_SetVideoFrameCallback(chain.tap, PlaneWatch::OnFrame, &composited), KIV_OK);
+    std::vector<uint8_t> small(4096, 7);
+    const struct {
+        const char* what;
+        int32_t format, width, height, stride0;
+    } sizes[] = {
+        {"RGB32 134M rows", KIV_PIXEL_FORMAT_RGB32, 16, 1 << 27, 64},
+        {"RGB32 row over 2 GiB", KIV_PIXEL_FORMAT_RGB32, 1 << 29, 2, INT_MAX},
+        {"NV12 65536 x 32768", KIV_PIXEL_FORMAT_NV12, 65536, 32768, 65536},
+        {"YUY2 INT_MAX x INT_MAX", KIV_PIXEL_FORMAT_YUY2, INT_MAX, INT_MAX, INT_MAX},
+        {"H.264 payload of 2 GiB", KIV_PIXEL_FORMAT_H264, 1920, 1080, INT_MAX},  // the overlay sends nothing on
+    };
+    for (const auto& s : sizes) {
+        KivVideoFrame f = kivtest::FrameOver(s.format, s.width, s.height, small.data(), s.stride0);
+        EXPECT_EQ(KIV_PushVideoFrame(chain.source, &f), KIV_OK) << s.what;
+        EXPECT_EQ(composited.count.exchange(0), s.format == KIV_PIXEL_FORMAT_H264 ? 0 : 1) << s.what;
+        EXPECT_TRUE(s.format == KIV_PIXEL_FORMAT_H264 || composited.plane0 == small.data()) << s.what << " passed untouched";
+    }
+    // The recorder refused every copy; an ordinary frame reaches its worker,
+    // which cannot make the configured picture and writes nothing.
+    kivtest::OwnedFrame ordinary(KIV_PIXEL_FORMAT_RGB32, 32, 16, 90);
+    ASSERT_EQ(KIV_PushVideoFrame(chain.source, &ordinary.frame), KIV_OK);
+    EXPECT_EQ(rec.Wait(1).inputFrames, 1);
+    EXPECT_EQ(KIV_Stop(rec.recorder), KIV_OK);
+    EXPECT_EQ(rec.writes.load(), 0);
+    KIV_Disconnect(chain.source, rec.recorder);
+}
+
+TEST(Split, EverySegmentIsACompleteFile) {
+    kivtest::LibraryScope library;
+    const bool probe = streamtest::HaveFfmpegTools();
+    const struct {
+        const char* what;
+        int32_t split;
+        uint32_t maxBytes;
+        int32_t seconds, audio, frames, files;  // files 0: more than one, number not fixed
+    } cases[] = {
+        {"1-byte size limit", KIV_RECORD_SPLIT_SIZE, 1, 0, 0, 4, 4},
+        {"1-byte size limit, audio reckoned", KIV_RECORD_SPLIT_SIZE, 1, 0, 1, 3, 3},
+        {"2000-byte size limit", KIV_RECORD_SPLIT_SIZE, 2000, 0, 0, 8, 0},
+        {"1-second time limit", KIV_RECORD_SPLIT_TIME, 0, 1, 0, 45, 2},
+    };
+    for (const auto& c : cases) {
+        const std::string dir = kivtest::TempDir("hardening_split");
+        KivRecorderConfig config{};
+        const auto path = kivtest::Wide(dir + "/seg.mp4");
+        std::copy(path.begin(), path.end(), config.filePath);
+        config.audio = c.audio, config.split = c.split, config.maxBytesLow = c.maxBytes, config.seconds = c.seconds;
+        {
+            Recording rec(dir + "/seg.mp4", false, &config);
+            for (int i = 0; i < c.frames; ++i) rec.Push(H264Frame(IdrAccessUnit(i, i == 0, uint8_t(40 + i * 4)), 1000 + i * 333333LL));
+            ASSERT_EQ(KIV_Stop(rec.recorder), KIV_OK);
+            EXPECT_EQ(rec.Stats().encodedFrames, c.frames) << c.what;
+        }
+        std::vector<std::string> files;
+        for (const auto& e : fs::directory_iterator(dir)) files.push_back(e.path().string());
+        EXPECT_TRUE(c.files ? files.size() == size_t(c.files) : files.size() > 1) << c.what << ": " << files.size();
+        int64_t framesInFiles = 0;
+        for (const std::string& file : files) {
+            const streamtest::Bytes bytes = streamtest::ReadAll(file);
+            streamtest::Box stsz{};
+            ASSERT_TRUE(streamtest::FindBox(bytes, "moov/trak/mdia/minf/stbl/stsz", &stsz)) << c.what << ": " << file;
+            framesInFiles += streamtest::U32(bytes, stsz.payload + 8);  // after version/flags and sample_size
+            if (!probe) continue;
+            auto info = streamtest::Probe("-select_streams v -show_entries stream=codec_name,width,nb_frames '" + file + "'");
+            EXPECT_EQ(info["codec_name"] + " " + info["width"], "h264 16") << c.what << ": " << file;
+        }
+        EXPECT_EQ(framesInFiles, c.frames) << c.what;
+    }
+}
