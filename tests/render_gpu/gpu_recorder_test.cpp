@@ -1,3 +1,5 @@
+// The GPU recorder's rules against a stand-in sink: defaults, times, the
+// zero-copy fallback, retries, audio checks and their log lines.
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -33,10 +35,7 @@ public:
     int32_t Open(void* device, const kiv::GpuRecordSettings& settings, int32_t width, int32_t height,
                  bool* audioReady) override {
         ++log_->opened;
-        log_->device = device;
-        log_->settings = settings;
-        log_->width = width;
-        log_->height = height;
+        log_->device = device, log_->settings = settings, log_->width = width, log_->height = height;
         *audioReady = script_->audioReady;
         return script_->openResult;
     }
@@ -70,11 +69,7 @@ KivGpuRecordConfig Request(const char* file, int32_t fps, int32_t audio, int32_t
     KivGpuRecordConfig r{};
     const auto wide = kivtest::Wide(file);
     std::copy(wide.begin(), wide.end(), r.file);
-    r.fps = fps;
-    r.bitrate = 4000000;
-    r.audio = audio;
-    r.sampleRate = rate;
-    r.channels = channels;
+    r.fps = fps, r.bitrate = 4000000, r.audio = audio, r.sampleRate = rate, r.channels = channels;
     r.audioBitrate = audioBitrate;
     return r;
 }
@@ -109,9 +104,9 @@ TEST_F(GpuRecorderTest, DefaultsAndCountedVideoTimes) {
         for (int i = 0; i < 3; ++i) ASSERT_EQ(recorder.SubmitFrame(&device, &texture, 641, 359), KIV_OK);
         ASSERT_EQ(script.sinks.size(), 1u);
         const SinkLog& log = *script.sinks[0];
-        EXPECT_EQ(log.width, 641);  // odd sizes go to the writer as they are
-        EXPECT_EQ(log.height, 359);
-        EXPECT_EQ(log.settings.fps, c.fps < 1 ? 30 : c.fps);
+        // Odd sizes go to the writer as they are.
+        EXPECT_EQ(std::vector<int32_t>({log.width, log.height, log.settings.fps}),
+                  std::vector<int32_t>({641, 359, c.fps < 1 ? 30 : c.fps}));
         EXPECT_EQ(log.settings.file, kivtest::Wide("a.mp4"));
         EXPECT_EQ(std::vector<int32_t>({log.settings.sampleRate, log.settings.channels, log.settings.audioBitrate}),
                   std::vector<int32_t>({48000, 2, 128000}));
