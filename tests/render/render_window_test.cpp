@@ -122,7 +122,7 @@ TEST_F(RenderWindowTest, AutomaticInterpolationFiltersOnlyAMarkedShrink) {
     for (size_t i = 0; i < stripes.size(); ++i) stripes[i] = ((i / 4) % 2) ? 255 : 0;
     const KivVideoFrame frame = kivtest::FrameOver(KIV_PIXEL_FORMAT_RGB32, 1920, 1080, stripes.data(), 1920 * 4);
     // 1280/1920 = 0.667 is below 0.7; min(1400/1920, 800/1080) = 0.729 is not.
-    for (const auto c : {std::make_pair(1280, false), std::make_pair(1400, true)}) {
+    for (const auto& c : {std::make_pair(1280, false), std::make_pair(1400, true)}) {
         SCOPED_TRACE(c.first);
         // A window running off the screen reads back black (or scaled) there.
         ASSERT_GE(GetSystemMetrics(SM_CXSCREEN), c.first) << "scripts/wine-env.sh starts Xvfb at 1920x1200; restart an older display";

@@ -57,7 +57,7 @@ public:
         HDC windowDc = GetDC(hwnd_);
         HDC memDc = CreateCompatibleDC(windowDc);
         BITMAPINFO bi{};
-        bi.bmiHeader = {sizeof(bi.bmiHeader), *width, -*height, 1, 32, BI_RGB};
+        bi.bmiHeader = {sizeof(bi.bmiHeader), *width, -*height, 1, 32, BI_RGB, 0, 0, 0, 0, 0};
         void* bits = nullptr;
         HBITMAP dib = CreateDIBSection(memDc, &bi, DIB_RGB_COLORS, &bits, nullptr, 0);
         HGDIOBJ old = SelectObject(memDc, dib);
