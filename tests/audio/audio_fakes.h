@@ -158,13 +158,11 @@ public:
     static kiv::RenderEndpointFactory Factory(std::shared_ptr<RenderScript> s) {
         return [s] { return std::make_unique<StandInRender>(s); };
     }
+    // Steps up to Activate fail in OpenDevice, the later ones in OpenClient.
     kiv::RenderOpenReport OpenDevice() override {
         kiv::RenderOpenReport r;
-        if (s_->failStep >= kiv::RenderOpenStep::kCreateEnumerator && s_->failStep <= kiv::RenderOpenStep::kActivate) {
-            r.failedStep = s_->failStep;
-            r.hr = s_->failHr;
-            return r;
-        }
+        if (s_->failStep >= kiv::RenderOpenStep::kCreateEnumerator && s_->failStep <= kiv::RenderOpenStep::kActivate)
+            return Failed(r);
         r.mixKnown = !s_->mixFails;
         r.mixHr = s_->mixFails ? 0x80004005 : 0;
         r.mix = kiv::AudioMixFormat{44100, 2, 32, 8, 0xFFFE, kiv::AudioSampleKind::kFloat};
@@ -174,11 +172,7 @@ public:
         kiv::RenderOpenReport r;
         r.initializeFlags = 0x88000000;
         r.bufferFrames = s_->bufferFrames;
-        if (s_->failStep > kiv::RenderOpenStep::kActivate) {
-            r.failedStep = s_->failStep;
-            r.hr = s_->failHr;
-            return r;
-        }
+        if (s_->failStep > kiv::RenderOpenStep::kActivate) return Failed(r);
         s_->opens.push_back(source);
         format_ = source;
         started_ = true;
@@ -206,6 +200,11 @@ public:
     uint64_t TickMs() override { return s_->tick; }
 
 private:
+    kiv::RenderOpenReport Failed(kiv::RenderOpenReport r) {
+        r.failedStep = s_->failStep;
+        r.hr = s_->failHr;
+        return r;
+    }
     std::shared_ptr<RenderScript> s_;
     kiv::RenderSourceFormat format_;
     std::vector<uint8_t> buffer_;

@@ -11,7 +11,6 @@ namespace {
 
 // Everything one recording's sink was asked to do.
 struct SinkLog {
-    int opened = 0;
     int finalized = 0;
     kiv::GpuRecordSettings settings;
     int32_t width = 0, height = 0;
@@ -34,7 +33,6 @@ public:
     FakeSink(SinkScript* script, std::shared_ptr<SinkLog> log) : script_(script), log_(std::move(log)) {}
     int32_t Open(void* device, const kiv::GpuRecordSettings& settings, int32_t width, int32_t height,
                  bool* audioReady) override {
-        ++log_->opened;
         log_->device = device, log_->settings = settings, log_->width = width, log_->height = height;
         *audioReady = script_->audioReady;
         return script_->openResult;
