@@ -111,12 +111,13 @@ TEST(RenderRulesTest, ColourSpaceRangeSamplingAndBaseParams) {
     // Automatic sampling (mode 2) is nearest down to seven tenths of the frame size.
     const int32_t sampling[][6] = {{2, 1280, 720, 1920, 1080, 0}, {2, 1400, 800, 1920, 1080, 1}, {2, 700, 1000, 1000, 1000, 1},
                                    {2, 699, 1000, 1000, 1000, 0}, {2, 4000, 100, 100, 1000, 0},  {2, 10, 10, 0, 0, 1},
-                                   {1, 10, 10, 1000, 1000, 1},    {0, 1000, 1000, 10, 10, 0}};
+                                   {1, 10, 10, 1000, 1000, 1},    {0, 1000, 1000, 10, 10, 0},
+                                   {2, 10, 0, 10, 1, 0}};
     for (const auto& c : sampling) EXPECT_EQ(KivRenderUseNearest(c[0], c[1], c[2], c[3], c[4]), c[5] == 1) << c[0] << " " << c[1] << "x" << c[2];
     const KivRenderParams p = KivRenderBaseParams(KIV_PIXEL_FORMAT_YUY2, true, {0, 1, 1.5f}, 720, 576);
     EXPECT_EQ(std::vector<float>({float(p.mode), float(p.interp), float(p.lutEnable), p.lutStrength, float(p.colorSpace),
-                                  float(p.colorRange), p.domainMax[2]}),
-              std::vector<float>({2, 1, 0, 1.0f, 1, 1, 1.0f}));
+                                  float(p.colorRange), p.domainMax[0], p.domainMax[2], p.domainPad1}),
+              std::vector<float>({2, 1, 0, 1.0f, 1, 1, 1.0f, 1.0f, 0}));
     EXPECT_EQ(KivRenderBaseParams(KIV_PIXEL_FORMAT_NV12, false, {0, 0, -2.0f}, 8, 8).lutStrength, 0.0f);
     EXPECT_EQ(KivRenderShaderMode(KIV_PIXEL_FORMAT_NV12), 1);
     EXPECT_EQ(KivRenderShaderMode(KIV_PIXEL_FORMAT_RGB24), 0);
@@ -145,6 +146,10 @@ TEST(RenderRulesTest, StoredFrameCopiesPlanesWithDefaultStrides) {
     EXPECT_TRUE(stored.chroma.empty());
     EXPECT_EQ(stored.chromaStride, 0);
     EXPECT_TRUE(std::equal(rgb.bytes.begin(), rgb.bytes.end(), stored.View().planes[0]));
+    PatternFrame yuy2(KIV_PIXEL_FORMAT_YUY2, 4, 2);
+    yuy2.frame.strides[0] = 0;  // tight: two bytes a pixel
+    stored.Store(yuy2.frame);
+    EXPECT_EQ(stored.stride * 100 + int(stored.plane0.size()), 816);
 }
 
 void* const kSomeWindow = reinterpret_cast<void*>(static_cast<uintptr_t>(0x1234));
