@@ -142,6 +142,8 @@ TEST_F(GpuRecorderTest, ArmingStoppingAndRetries) {
     EXPECT_TRUE(script.sinks.empty());
     EXPECT_EQ(recorder.Arm(Request("", 30, 0)), KIV_ERROR_INVALID_ARG);
     EXPECT_FALSE(recorder.Armed());
+    kiv::GpuRecorder oneLetter(Factory());
+    EXPECT_EQ(oneLetter.Arm(Request("x", 30, 0)), KIV_OK);  // a one-character name is a name
 
     ASSERT_EQ(recorder.Arm(Request("first.mp4", 24, 0)), KIV_OK);
     ASSERT_EQ(recorder.Arm(Request("second.mp4", 60, 1)), KIV_OK);  // keeps the first request
