@@ -249,10 +249,7 @@ TEST_F(AudioEndpoints, TheRecorderGoesOnWithoutAnAacEncoder) {
     KivRecorderConfig config{};
     const std::basic_string<KivWChar> wide = streamtest::WidePath(file);
     std::memcpy(config.filePath, wide.c_str(), (wide.size() + 1) * sizeof(KivWChar));
-    config.width = 320;
-    config.height = 240;
-    config.recordFps = 25;
-    config.audio = 1;
+    config.width = 320, config.height = 240, config.recordFps = 25, config.audio = 1;
     ASSERT_EQ(KIV_SetRecorderConfig(recorder, &config), KIV_OK);
     ASSERT_EQ(KIV_Connect(input, recorder), KIV_OK);
     ASSERT_EQ(KIV_Connect(source, recorder), KIV_OK);

@@ -53,9 +53,8 @@ int WorstDifference(const std::vector<uint8_t>& shown, const std::vector<uint8_t
 // Pixels of a 24-bit BMP, read by hand: bottom-up rows padded to 4 bytes.
 std::vector<uint8_t> ReadBmp24(const std::string& bytes) {
     if (bytes.size() < 54 || bytes[0] != 'B' || bytes[1] != 'M') return {};
-    uint32_t offset = 0;
+    int32_t offset = 0, w = 0, h = 0;
     std::memcpy(&offset, bytes.data() + 10, 4);
-    int32_t w = 0, h = 0;
     std::memcpy(&w, bytes.data() + 18, 4);
     std::memcpy(&h, bytes.data() + 22, 4);
     if (w != kW || std::abs(h) != kH) return {};
@@ -102,16 +101,6 @@ protected:
         std::vector<uint8_t> px = window.Read(&w, &h);
         return w == kW && h == kH ? px : std::vector<uint8_t>(kW * kH * 4, 0);
     }
-    std::string Cube(const std::string& name) {
-        const std::string path = dir + "/" + name;
-        kivtest::WriteFile(path, proctest::CubeText(17, [](float r, float g, float b, float* o) {
-                               o[0] = g;
-                               o[1] = b * b;
-                               o[2] = 1.0f - 0.5f * r;
-                           }));
-        return path;
-    }
-
     kivtest::LibraryScope library;
     rendertest::TestWindow window{kW, kH};
     void* render = nullptr;
@@ -121,7 +110,10 @@ protected:
 
 TEST_F(GpuRenderTest, LutGradesLikeTheColourEngineAndSnapshotsReadTheFinalTexture) {
     const std::vector<uint8_t> frame = Pattern();
-    const std::string cube = Cube("grade.cube");
+    const std::string cube = dir + "/grade.cube";
+    kivtest::WriteFile(cube, proctest::CubeText(17, [](float r, float g, float b, float* o) {
+                           o[0] = g, o[1] = b * b, o[2] = 1.0f - 0.5f * r;
+                       }));
 
     // The CPU colour engine's result for the same cube and strength.
     void* engine = KIV_CreateVideoColorEngine();
@@ -168,8 +160,7 @@ TEST_F(GpuRenderTest, OverlayItemsAppearWhereAndHowTheySay) {
     KivVideoOsdItem text = red;
     text.id = 3, text.layer = 3, text.x = 28, text.y = 26, text.width = 34, text.height = 20, text.size = 18;
     text.transparent = 1, text.color = 0xFFFFFFFF;
-    const auto hi = kivtest::Wide("Hi");
-    std::copy(hi.begin(), hi.end(), text.text);
+    kivtest::Wide("Hi").copy(text.text, 2);
     // A picture file of 4 x 4 pixels drawn at 8 x 8.
     std::vector<uint8_t> picture(4 * 4 * 4, 0);
     for (int i = 0; i < 16; ++i) picture[i * 4 + (i % 3)] = 255;
@@ -177,8 +168,7 @@ TEST_F(GpuRenderTest, OverlayItemsAppearWhereAndHowTheySay) {
     ASSERT_EQ(kiv::SaveSnapshotImage(kivtest::Wide(picturePath).c_str(), 1, picture.data(), 4, 4, 16), KIV_OK);
     KivVideoOsdItem image = red;
     image.id = 4, image.x = 52, image.y = 2, image.width = 8, image.height = 8;
-    const auto wide = kivtest::Wide(picturePath);
-    std::copy(wide.begin(), wide.end(), image.imagePath);
+    kivtest::Wide(picturePath).copy(image.imagePath, picturePath.size());
 
     ASSERT_EQ(KIV_AddVideoRenderGpuOsdRect(render, &red), KIV_OK);
     ASSERT_EQ(KIV_AddVideoRenderGpuOsdRect(render, &green), KIV_OK);
@@ -221,9 +211,7 @@ TEST_F(GpuRenderTest, OverlayItemsAppearWhereAndHowTheySay) {
     // Removing the red rectangle and changing the text show at the next frames.
     ASSERT_EQ(KIV_RemoveVideoRenderGpuOsdItem(render, 1), KIV_OK);
     ASSERT_EQ(KIV_UpdateVideoRenderGpuOsdText(render, 3, kivtest::Wide("--").c_str()), KIV_OK);
-    const auto dashes = kivtest::Wide("--");
-    std::fill(std::begin(text.text), std::end(text.text), 0);
-    std::copy(dashes.begin(), dashes.end(), text.text);
+    kivtest::Wide("--").copy(text.text, 2);
     const std::vector<uint8_t> after =
         expected({&green, &text, &image}, {kiv::kOsdRect, kiv::kOsdText, kiv::kOsdPicture});
     EXPECT_LE(Show(grey, after, 3, 2, &where), 2) << where;
