@@ -95,6 +95,9 @@ TEST(RenderConvertTest, ExpandToBgraMatchesTheReferencePixels) {
         }
     }
     std::vector<uint8_t> out;
+    PatternFrame row(KIV_PIXEL_FORMAT_RGB24, 3, 1);  // a single row is a frame
+    EXPECT_EQ(KivRenderExpandToBgra(row.frame, &out), KIV_OK);
+    EXPECT_EQ(out.size(), 12u);
     PatternFrame mjpg(KIV_PIXEL_FORMAT_RGB32, 4, 4);
     mjpg.frame.format = KIV_PIXEL_FORMAT_MJPG;
     EXPECT_EQ(KivRenderExpandToBgra(mjpg.frame, &out), KIV_ERROR_UNSUPPORTED);
@@ -112,7 +115,7 @@ TEST(RenderRulesTest, ColourSpaceRangeSamplingAndBaseParams) {
     const int32_t sampling[][6] = {{2, 1280, 720, 1920, 1080, 0}, {2, 1400, 800, 1920, 1080, 1}, {2, 700, 1000, 1000, 1000, 1},
                                    {2, 699, 1000, 1000, 1000, 0}, {2, 4000, 100, 100, 1000, 0},  {2, 10, 10, 0, 0, 1},
                                    {1, 10, 10, 1000, 1000, 1},    {0, 1000, 1000, 10, 10, 0},
-                                   {2, 10, 0, 10, 1, 0}};
+                                   {2, 10, 0, 10, 1, 0},          {2, 0, 10, 1, 10, 0}};
     for (const auto& c : sampling) EXPECT_EQ(KivRenderUseNearest(c[0], c[1], c[2], c[3], c[4]), c[5] == 1) << c[0] << " " << c[1] << "x" << c[2];
     const KivRenderParams p = KivRenderBaseParams(KIV_PIXEL_FORMAT_YUY2, true, {0, 1, 1.5f}, 720, 576);
     EXPECT_EQ(std::vector<float>({float(p.mode), float(p.interp), float(p.lutEnable), p.lutStrength, float(p.colorSpace),
