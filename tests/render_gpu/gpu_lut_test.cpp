@@ -65,6 +65,7 @@ TEST_F(GpuLutTest, EdgeLengthFromTheEntryCountAndSixteenBitTexels) {
     EXPECT_TRUE(Logged("Render GPU LUT load cube failed: parse error path=" + dir + "/n33plus1.cube"));
     EXPECT_TRUE(Logged("Render GPU LUT load cube failed: open file failed path=" + dir + "/missing.cube"));
     EXPECT_EQ(Load(kivtest::Wide("")), KIV_ERROR_INVALID_ARG);
+    EXPECT_EQ(Load(kivtest::Wide("x")), KIV_ERROR_FAILED);  // a one-character name is a path, just not there
     EXPECT_EQ(lut.LoadCubeFile(nullptr, renderLock), KIV_ERROR_INVALID_ARG);
 }
 

@@ -127,6 +127,10 @@ TEST(GpuOsdItems, CommandsApplyInOrderWithSharedIds) {
         queue.TakeAll(&batch);
         EXPECT_EQ(batch.size(), expected);
     }
+    queue.Push({kiv::kGpuOsdClear, 0, {}});
+    queue.Clear();
+    queue.TakeAll(&batch);
+    EXPECT_TRUE(batch.empty());
 }
 
 // Rectangles: four bars per item, clipped, corners covered twice, layers

@@ -144,6 +144,10 @@ TEST_F(GpuRecorderTest, ArmingStoppingAndRetries) {
     EXPECT_FALSE(recorder.Armed());
     kiv::GpuRecorder oneLetter(Factory());
     EXPECT_EQ(oneLetter.Arm(Request("x", 30, 0)), KIV_OK);  // a one-character name is a name
+    KivGpuRecordConfig full = Request("", 30, 0);  // a name filling the field ends with it
+    std::fill(std::begin(full.file), std::end(full.file), 'a');
+    full.reserved0 = 0x62;
+    EXPECT_EQ(kiv::GpuRecordSettingsFrom(full).file.size(), 260u);
 
     ASSERT_EQ(recorder.Arm(Request("first.mp4", 24, 0)), KIV_OK);
     ASSERT_EQ(recorder.Arm(Request("second.mp4", 60, 1)), KIV_OK);  // keeps the first request
