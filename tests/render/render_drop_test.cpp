@@ -4,9 +4,8 @@
 
 #include <thread>
 
-#include "fake_render_gpu.h"
-#include "pixel_reference.h"
 #include "render/kiv_video_render.h"
+#include "render_reference.h"
 #include "test_support.h"
 
 namespace {

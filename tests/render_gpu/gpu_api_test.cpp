@@ -2,11 +2,11 @@
 // them; no window, so nothing is drawn and the rules show in the state.
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <functional>
 
 #include "render/kiv_video_render.h"
 #include "render/render_gpu_stages.h"
+#include "render/snapshot_image.h"
 #include "test_support.h"
 
 namespace {
@@ -19,23 +19,15 @@ protected:
         ASSERT_NE(render, nullptr);
         stages = dynamic_cast<KivRenderGpuStages*>(&static_cast<KivVideoRender*>(static_cast<KivPortBase*>(render))->Stages());
         ASSERT_NE(stages, nullptr);
-        dir = kivtest::TempDir("gpu_api");
     }
     void TearDown() override {
         KIV_DestroyPort(render);
         KIV_EnableLog(0);
-        std::filesystem::remove_all(std::filesystem::u8path(dir));
-    }
-    // One frame through the port: applies what was queued.
-    void Frame() {
-        uint8_t px[16] = {};
-        const KivVideoFrame f = kivtest::FrameOver(KIV_PIXEL_FORMAT_RGB32, 2, 2, px, 8);
-        static_cast<KivPortBase*>(render)->OnVideoFrame(&f);
     }
     kivtest::LibraryScope library;
     void* render = nullptr;
     KivRenderGpuStages* stages = nullptr;
-    std::string dir;
+    std::string dir = kivtest::TempDir("gpu_api");
 };
 
 TEST_F(GpuApiTest, GpuRequestsMoveThePortToTheGpuPipelineAndLeavingItTearsThemDown) {
@@ -47,8 +39,7 @@ TEST_F(GpuApiTest, GpuRequestsMoveThePortToTheGpuPipelineAndLeavingItTearsThemDo
 
     using Request = std::function<int32_t()>;
     KivVideoOsdItem item{};
-    item.id = 7;
-    item.visible = 1;
+    item.id = 7, item.visible = 1;
     KivGpuRecordConfig record{};
     const auto file = kivtest::Wide(dir + "/r.mp4");
     std::copy(file.begin(), file.end(), record.file);
@@ -89,9 +80,8 @@ TEST_F(GpuApiTest, LutConfigurationAppliesAtOnceWhenTheRenderSideIsFree) {
     KivVideoRenderLutConfig config{3, 1, 9, 2, 1, 0.25f};
     ASSERT_EQ(KIV_SetVideoRenderLutConfig(render, &config), KIV_OK);
     EXPECT_TRUE(stages->LutActive());  // applied together with the configuration
-    const KivRenderColorSettings colour = stages->ColorSettings();
-    EXPECT_EQ(std::vector<float>({float(colour.colorSpace), float(colour.colorRange), colour.strength}),
-              std::vector<float>({2, 1, 0.25f}));
+    const KivRenderColorSettings c = stages->ColorSettings();
+    EXPECT_EQ(std::vector<float>({float(c.colorSpace), float(c.colorRange), c.strength}), std::vector<float>({2, 1, 0.25f}));
     EXPECT_EQ(KIV_ClearVideoRenderLut(render), KIV_OK);
     EXPECT_FALSE(stages->LutActive());
     const std::string log = kivtest::LibraryLog();
@@ -126,6 +116,30 @@ TEST_F(GpuApiTest, SnapshotAndHandleChecks) {
     EXPECT_EQ(KIV_StartVideoRenderGpuRecord(render, &record), KIV_ERROR_INVALID_ARG);
     EXPECT_EQ(KIV_GetVideoRenderPipelineMode(render), 0);
     KIV_DestroyPort(mux);
+}
+
+TEST(SnapshotImage, RowsArePackedToTightBgrAndBadArgumentsTouchNoFile) {
+    // Two rows of three pixels with a stride of 16 bytes (4 bytes of padding); alpha is dropped.
+    std::vector<uint8_t> bgra(32, 0xEE), rows;
+    for (int i = 0; i < 12; ++i) bgra[i] = static_cast<uint8_t>(i + 1), bgra[16 + i] = static_cast<uint8_t>(101 + i);
+    kiv::PackBgr24Rows(bgra.data(), 3, 2, 16, &rows);
+    EXPECT_EQ(rows, (std::vector<uint8_t>{1, 2, 3, 5, 6, 7, 9, 10, 11, 101, 102, 103, 105, 106, 107, 109, 110, 111}));
+    const auto path = kivtest::Wide("never_written.bmp");
+    const KivWChar empty[1] = {0};
+    const uint8_t pixel[4] = {1, 2, 3, 4};
+    const struct {
+        const KivWChar* path;
+        int32_t format;
+        const uint8_t* pixels;
+        int32_t w, h, stride;
+    } cases[] = {
+        {nullptr, 1, pixel, 1, 1, 4},       {empty, 1, pixel, 1, 1, 4},          {path.c_str(), 3, pixel, 1, 1, 4},
+        {path.c_str(), 0, pixel, 1, 1, 4},  {path.c_str(), 1, nullptr, 1, 1, 4}, {path.c_str(), 2, pixel, 0, 1, 4},
+        {path.c_str(), 2, pixel, 1, -1, 4}, {path.c_str(), 2, pixel, 1, 1, 0},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(kiv::SaveSnapshotImage(c.path, c.format, c.pixels, c.w, c.h, c.stride), KIV_ERROR_INVALID_ARG);
+    EXPECT_TRUE(kivtest::ReadFile("never_written.bmp").empty());
 }
 
 }  // namespace

@@ -1,24 +1,19 @@
+// Requests from two application threads while a render thread applies them
+// under its lock, as frames would; meant for the thread sanitizer.
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <filesystem>
 #include <thread>
 
 #include "render/gpu_lut_state.h"
 #include "test_support.h"
 
-namespace {
-
-// Requests from two application threads while a render thread applies them
-// under its lock, as frames would.
 TEST(GpuLutRace, RequestsAndApplyingRunTogether) {
     const std::string dir = kivtest::TempDir("gpu_lut_race");
     std::string body = "LUT_3D_SIZE 2\n";
     for (int i = 0; i < 8; ++i) body += "0 0.5 1\n";
-    ASSERT_TRUE(kivtest::WriteFile(dir + "/x.cube", body));
-    ASSERT_TRUE(kivtest::WriteFile(dir + "/y.cube", body));
+    ASSERT_TRUE(kivtest::WriteFile(dir + "/x.cube", body) && kivtest::WriteFile(dir + "/y.cube", body));
     const auto x = kivtest::Wide(dir + "/x.cube"), y = kivtest::Wide(dir + "/y.cube");
-
     kiv::GpuLutState lut;
     std::recursive_mutex renderLock;
     std::atomic<bool> stop{false};
@@ -26,9 +21,7 @@ TEST(GpuLutRace, RequestsAndApplyingRunTogether) {
         while (!stop.load()) {
             std::lock_guard<std::recursive_mutex> lock(renderLock);
             lut.ApplyPending();
-            if (lut.Usable()) {
-                EXPECT_EQ(lut.ActiveData()->texels.size(), 32u);
-            }
+            if (lut.Usable()) { EXPECT_EQ(lut.ActiveData()->texels.size(), 32u); }
         }
     });
     std::thread loader([&] {
@@ -43,7 +36,4 @@ TEST(GpuLutRace, RequestsAndApplyingRunTogether) {
     loader.join();
     stop = true;
     render.join();
-    std::filesystem::remove_all(std::filesystem::u8path(dir));
 }
-
-}  // namespace

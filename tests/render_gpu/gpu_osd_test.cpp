@@ -1,7 +1,9 @@
+// The overlay of the GPU stages natively: the integer "over" step, item
+// records and commands, and the canvas composed from rectangles, text and
+// pictures, each against a reference written out here.
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstring>
 #include <map>
 
 #include "render/gpu_osd_canvas.h"
@@ -16,15 +18,8 @@ using kiv::OsdItem;
 KivVideoOsdItem Record(int32_t id, int32_t layer, int32_t x, int32_t y, int32_t w, int32_t h, uint32_t color,
                        float opacity = 1.0f) {
     KivVideoOsdItem r{};
-    r.id = id;
-    r.visible = 1;
-    r.layer = layer;
-    r.x = x;
-    r.y = y;
-    r.width = w;
-    r.height = h;
-    r.color = color;
-    r.opacity = opacity;
+    r.id = id, r.visible = 1, r.layer = layer, r.x = x, r.y = y, r.width = w, r.height = h;
+    r.color = color, r.opacity = opacity;
     return r;
 }
 
@@ -40,27 +35,23 @@ void ReferenceOver(uint8_t* p, uint8_t b, uint8_t g, uint8_t r, uint32_t a) {
 class FakeRasterizer : public kiv::GpuOsdRasterizer {
 public:
     bool RenderText(const OsdItem& item, GpuOsdBitmap* out) override {
-        out->width = item.width;
-        out->height = item.height;
+        out->width = item.width, out->height = item.height;
         out->pixels.assign(static_cast<size_t>(item.width) * item.height * 4, 0);
         // Column c gets c * 40 in blue and green, c * 10 in red and a stray
         // byte where GDI leaves alpha (it must not count).
-        for (int32_t y = 0; y < item.height; ++y) {
-            for (int32_t x = 0; x < item.width; ++x) {
-                uint8_t* p = &out->pixels[(static_cast<size_t>(y) * item.width + x) * 4];
-                p[0] = p[1] = static_cast<uint8_t>(x * 40);
-                p[2] = static_cast<uint8_t>(x * 10);
-                p[3] = 0x55;
-            }
+        for (size_t i = 0; i < out->pixels.size(); i += 4) {
+            const int x = static_cast<int>(i / 4 % item.width);
+            out->pixels[i] = out->pixels[i + 1] = static_cast<uint8_t>(x * 40);
+            out->pixels[i + 2] = static_cast<uint8_t>(x * 10);
+            out->pixels[i + 3] = 0x55;
         }
         ++texts;
         return true;
     }
     bool DecodePicture(const kiv::OsdString& path, GpuOsdBitmap* out) override {
         auto it = pictures.find(path);
-        if (it == pictures.end()) return false;
-        *out = it->second;
-        return true;
+        if (it != pictures.end()) *out = it->second;
+        return it != pictures.end();
     }
     std::map<kiv::OsdString, GpuOsdBitmap> pictures;
     int texts = 0;
@@ -72,8 +63,7 @@ TEST(GpuOsdBlend, OverStepMatchesTheRoundedFormula) {
     for (uint32_t a : {0u, 1u, 77u, 128u, 254u, 255u}) {
         for (uint8_t d : {uint8_t{0}, uint8_t{90}, uint8_t{255}}) {
             uint8_t got[4] = {d, static_cast<uint8_t>(255 - d), 17, d};
-            uint8_t want[4];
-            std::memcpy(want, got, 4);
+            uint8_t want[4] = {got[0], got[1], got[2], got[3]};
             kiv::GpuOsdBlendOver(got, 200, 3, 255, a);
             if (a != 0) ReferenceOver(want, 200, 3, 255, a);
             EXPECT_EQ(std::vector<uint8_t>(got, got + 4), std::vector<uint8_t>(want, want + 4)) << a << " " << int(d);
@@ -94,8 +84,7 @@ TEST(GpuOsdItems, RecordDefaults) {
         EXPECT_EQ(item.backColor, 0x80000000u);
         EXPECT_EQ(item.size, 3);
     }
-    KivVideoOsdItem text = Record(1, 0, 0, 0, 4, 4, 0);
-    const OsdItem t = kiv::GpuOsdItemFromRecord(text, kiv::kOsdText);
+    const OsdItem t = kiv::GpuOsdItemFromRecord(Record(1, 0, 0, 0, 4, 4, 0), kiv::kOsdText);
     EXPECT_EQ(t.size, 36);
     EXPECT_EQ(t.fontName, kivtest::Wide("Microsoft YaHei UI"));
 }
@@ -118,13 +107,11 @@ TEST(GpuOsdItems, CommandsApplyInOrderWithSharedIds) {
     };
     ASSERT_TRUE(kiv::ApplyGpuOsdCommands(batch, &items));
     // Sorted by layer; equal layers keep their order.
-    std::vector<std::basic_string<KivWChar>> texts;
-    for (const OsdItem& i : items) texts.push_back(i.text);
-    EXPECT_EQ(texts, (std::vector<std::basic_string<KivWChar>>{kivtest::Wide(""), kivtest::Wide("changed"),
-                                                                kivtest::Wide("second"), kivtest::Wide("pic")}));
+    std::basic_string<KivWChar> texts;
+    for (const OsdItem& i : items) texts += i.text + kivtest::Wide("|");
+    EXPECT_EQ(texts, kivtest::Wide("|changed|second|pic|"));
 
-    // Nothing to change: no update of a picture's id, no removal of an
-    // unknown id.
+    // Nothing to change: no update of a picture's id, no removal of an unknown id.
     const std::vector<kiv::GpuOsdCommand> idle = {{kiv::kGpuOsdUpdateText, 9, item(0, 0, 0, "x")},
                                                   {kiv::kGpuOsdRemove, 3, {}}};
     EXPECT_FALSE(kiv::ApplyGpuOsdCommands(idle, &items));
@@ -134,15 +121,16 @@ TEST(GpuOsdItems, CommandsApplyInOrderWithSharedIds) {
     EXPECT_TRUE(kiv::ApplyGpuOsdCommands({{kiv::kGpuOsdClear, 0, {}}}, &items));
     EXPECT_TRUE(items.empty());
     EXPECT_FALSE(kiv::ApplyGpuOsdCommands({{kiv::kGpuOsdClear, 0, {}}}, &items));
-
-    kiv::GpuOsdCommandQueue queue;
-    queue.Push(batch[0]);
-    queue.Push(batch[1]);
-    std::vector<kiv::GpuOsdCommand> taken;
-    queue.TakeAll(&taken);
-    EXPECT_EQ(taken.size(), 2u);
-    queue.TakeAll(&taken);
-    EXPECT_TRUE(taken.empty());
+    kiv::GpuOsdCommandQueue queue;  // hands each command over once
+    for (int i = 0; i < 2; ++i) queue.Push(batch[i]);
+    for (size_t expected : {2u, 0u}) {
+        queue.TakeAll(&batch);
+        EXPECT_EQ(batch.size(), expected);
+    }
+    queue.Push({kiv::kGpuOsdClear, 0, {}});
+    queue.Clear();
+    queue.TakeAll(&batch);
+    EXPECT_TRUE(batch.empty());
 }
 
 // Rectangles: four bars per item, clipped, corners covered twice, layers
@@ -215,8 +203,7 @@ TEST(GpuOsdCanvas, TextBlendsItsBrightnessAndClipsAtTheEdges) {
 TEST(GpuOsdCanvas, PicturesScaleByNearestNeighbourWithTheirAlpha) {
     FakeRasterizer raster;
     GpuOsdBitmap picture;
-    picture.width = 2;
-    picture.height = 2;
+    picture.width = picture.height = 2;
     picture.pixels = {10, 20, 30, 255, 40, 50, 60, 128, 70, 80, 90, 0, 100, 110, 120, 255};
     raster.pictures[kivtest::Wide("p.png")] = picture;
 
@@ -227,13 +214,10 @@ TEST(GpuOsdCanvas, PicturesScaleByNearestNeighbourWithTheirAlpha) {
     scaled.imagePath = kivtest::Wide("p.png");
     OsdItem natural = scaled;  // own size, at the bottom right corner
     natural.width = natural.height = 0;
-    natural.x = 4;
-    natural.y = 3;
-    natural.opacity = 1.0f;
+    natural.x = 4, natural.y = 3, natural.opacity = 1.0f;
     OsdItem single = natural;  // 1 x 1: the picture's top-left pixel only
     single.width = single.height = 1;
-    single.x = 0;
-    single.y = 3;
+    single.x = 0, single.y = 3;
     OsdItem missing = scaled;
     missing.imagePath = kivtest::Wide("none.png");
     GpuOsdBitmap canvas;

@@ -7,7 +7,6 @@
 
 #include <objbase.h>
 
-#include <filesystem>
 #include <thread>
 
 #include "render/gpu_osd_canvas.h"
@@ -18,15 +17,9 @@ namespace {
 
 class GpuPlatformTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        ASSERT_EQ(KIV_EnableLog(1), KIV_OK);
-        dir = kivtest::TempDir("render_gpu_win");
-    }
-    void TearDown() override {
-        KIV_EnableLog(0);
-        std::filesystem::remove_all(std::filesystem::u8path(dir));
-    }
-    std::string dir;
+    void SetUp() override { ASSERT_EQ(KIV_EnableLog(1), KIV_OK); }
+    void TearDown() override { KIV_EnableLog(0); }
+    std::string dir = kivtest::TempDir("render_gpu_win");
 };
 
 // Pixel checks of snapshot files are made against real windows
@@ -42,10 +35,7 @@ TEST_F(GpuPlatformTest, SnapshotFilesFromAnyApartmentAndTheFailurePath) {
     });
     sta.join();
     EXPECT_EQ(result, KIV_OK);
-    const std::string bytes = kivtest::ReadFile(jpg);
-    ASSERT_GT(bytes.size(), 2u);
-    EXPECT_EQ(static_cast<uint8_t>(bytes[0]), 0xFF);  // a JPEG start marker
-    EXPECT_EQ(static_cast<uint8_t>(bytes[1]), 0xD8);
+    EXPECT_EQ(kivtest::ReadFile(jpg).substr(0, 2), "\xFF\xD8");  // a JPEG start marker
     EXPECT_NE(kivtest::LibraryLog().find("Snapshot saved path=" + jpg + " size=2x2 fmt=2"), std::string::npos);
 
     const std::string bad = dir + "/no/such/folder/x.bmp";
@@ -57,12 +47,8 @@ TEST_F(GpuPlatformTest, GdiTextDrawsOnItsBoxOrOnBlack) {
     auto raster = kiv::CreateGpuOsdRasterizer();
     ASSERT_TRUE(raster);
     KivVideoOsdItem record{};
-    record.visible = 1;
-    record.width = 80;
-    record.height = 30;
-    record.color = 0xFFFFFFFF;
-    record.backColor = 0xFF0000FF;  // blue box
-    record.size = 22;
+    record.visible = 1, record.width = 80, record.height = 30, record.size = 22;
+    record.color = 0xFFFFFFFF, record.backColor = 0xFF0000FF;  // on a blue box
     const auto text = kivtest::Wide("Hg");
     std::copy(text.begin(), text.end(), record.text);
     for (int transparent : {0, 1}) {
@@ -70,13 +56,11 @@ TEST_F(GpuPlatformTest, GdiTextDrawsOnItsBoxOrOnBlack) {
         kiv::OsdItem item = kiv::OsdItemFromRecord(record, kiv::kOsdText);
         kiv::GpuOsdBitmap bitmap;
         ASSERT_TRUE(raster->RenderText(item, &bitmap));
-        ASSERT_EQ(bitmap.width, 80);
-        ASSERT_EQ(bitmap.height, 30);
+        ASSERT_EQ(bitmap.width * 100 + bitmap.height, 8030);
         const uint8_t* corner = bitmap.pixels.data();
         EXPECT_EQ(std::vector<int>({corner[0], corner[1], corner[2]}),
                   transparent ? std::vector<int>({0, 0, 0}) : std::vector<int>({255, 0, 0}));
-        // Text pixels: bright in every channel, in the left part (the text is
-        // left-aligned and short).
+        // Text pixels: bright in every channel, in the left part (the text is left-aligned and short).
         int bright = 0, brightRight = 0;
         for (int y = 0; y < 30; ++y) {
             for (int x = 0; x < 80; ++x) {

@@ -1,3 +1,5 @@
+// The GPU recorder's rules against a stand-in sink: defaults, times, the
+// zero-copy fallback, retries, audio checks and their log lines.
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -9,7 +11,6 @@ namespace {
 
 // Everything one recording's sink was asked to do.
 struct SinkLog {
-    int opened = 0;
     int finalized = 0;
     kiv::GpuRecordSettings settings;
     int32_t width = 0, height = 0;
@@ -32,11 +33,7 @@ public:
     FakeSink(SinkScript* script, std::shared_ptr<SinkLog> log) : script_(script), log_(std::move(log)) {}
     int32_t Open(void* device, const kiv::GpuRecordSettings& settings, int32_t width, int32_t height,
                  bool* audioReady) override {
-        ++log_->opened;
-        log_->device = device;
-        log_->settings = settings;
-        log_->width = width;
-        log_->height = height;
+        log_->device = device, log_->settings = settings, log_->width = width, log_->height = height;
         *audioReady = script_->audioReady;
         return script_->openResult;
     }
@@ -70,11 +67,7 @@ KivGpuRecordConfig Request(const char* file, int32_t fps, int32_t audio, int32_t
     KivGpuRecordConfig r{};
     const auto wide = kivtest::Wide(file);
     std::copy(wide.begin(), wide.end(), r.file);
-    r.fps = fps;
-    r.bitrate = 4000000;
-    r.audio = audio;
-    r.sampleRate = rate;
-    r.channels = channels;
+    r.fps = fps, r.bitrate = 4000000, r.audio = audio, r.sampleRate = rate, r.channels = channels;
     r.audioBitrate = audioBitrate;
     return r;
 }
@@ -109,9 +102,9 @@ TEST_F(GpuRecorderTest, DefaultsAndCountedVideoTimes) {
         for (int i = 0; i < 3; ++i) ASSERT_EQ(recorder.SubmitFrame(&device, &texture, 641, 359), KIV_OK);
         ASSERT_EQ(script.sinks.size(), 1u);
         const SinkLog& log = *script.sinks[0];
-        EXPECT_EQ(log.width, 641);  // odd sizes go to the writer as they are
-        EXPECT_EQ(log.height, 359);
-        EXPECT_EQ(log.settings.fps, c.fps < 1 ? 30 : c.fps);
+        // Odd sizes go to the writer as they are.
+        EXPECT_EQ(std::vector<int32_t>({log.width, log.height, log.settings.fps}),
+                  std::vector<int32_t>({641, 359, c.fps < 1 ? 30 : c.fps}));
         EXPECT_EQ(log.settings.file, kivtest::Wide("a.mp4"));
         EXPECT_EQ(std::vector<int32_t>({log.settings.sampleRate, log.settings.channels, log.settings.audioBitrate}),
                   std::vector<int32_t>({48000, 2, 128000}));
@@ -149,6 +142,12 @@ TEST_F(GpuRecorderTest, ArmingStoppingAndRetries) {
     EXPECT_TRUE(script.sinks.empty());
     EXPECT_EQ(recorder.Arm(Request("", 30, 0)), KIV_ERROR_INVALID_ARG);
     EXPECT_FALSE(recorder.Armed());
+    kiv::GpuRecorder oneLetter(Factory());
+    EXPECT_EQ(oneLetter.Arm(Request("x", 30, 0)), KIV_OK);  // a one-character name is a name
+    KivGpuRecordConfig full = Request("", 30, 0);  // a name filling the field ends with it
+    std::fill(std::begin(full.file), std::end(full.file), 'a');
+    full.reserved0 = 0x62;
+    EXPECT_EQ(kiv::GpuRecordSettingsFrom(full).file.size(), 260u);
 
     ASSERT_EQ(recorder.Arm(Request("first.mp4", 24, 0)), KIV_OK);
     ASSERT_EQ(recorder.Arm(Request("second.mp4", 60, 1)), KIV_OK);  // keeps the first request

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 
 #include "processing_test_helpers.h"
 #include "render/gpu_osd_canvas.h"
@@ -24,15 +23,11 @@ constexpr int kW = 64, kH = 48;
 constexpr int kLutTolerance = 3;
 
 std::vector<uint8_t> Pattern() {
-    std::vector<uint8_t> px(kW * kH * 4);
-    for (int y = 0; y < kH; ++y) {
-        for (int x = 0; x < kW; ++x) {
-            uint8_t* p = &px[(y * kW + x) * 4];
-            p[0] = static_cast<uint8_t>(x * 4);
-            p[1] = static_cast<uint8_t>(y * 5);
-            p[2] = static_cast<uint8_t>((x + y) * 2);
-            p[3] = 255;
-        }
+    std::vector<uint8_t> px(kW * kH * 4, 255);
+    for (int i = 0; i < kW * kH; ++i) {
+        const int x = i % kW, y = i / kW;
+        px[i * 4] = static_cast<uint8_t>(x * 4), px[i * 4 + 1] = static_cast<uint8_t>(y * 5);
+        px[i * 4 + 2] = static_cast<uint8_t>((x + y) * 2);
     }
     return px;
 }
@@ -44,13 +39,12 @@ int WorstDifference(const std::vector<uint8_t>& shown, const std::vector<uint8_t
     for (int i = 0; i < kW * kH; ++i) {
         for (int c = 0; c < 3; ++c) {
             const int d = std::abs(shown[i * 4 + c] - want[i * wantBytesPerPixel + c]);
-            if (d > worst) {
-                worst = d;
-                char text[96];
-                std::snprintf(text, sizeof text, "x=%d y=%d channel=%d shown=%d want=%d", i % kW, i / kW, c,
-                              shown[i * 4 + c], want[i * wantBytesPerPixel + c]);
-                *where = text;
-            }
+            if (d <= worst) continue;
+            worst = d;
+            char text[96];
+            std::snprintf(text, sizeof text, "x=%d y=%d channel=%d shown=%d want=%d", i % kW, i / kW, c, shown[i * 4 + c],
+                          want[i * wantBytesPerPixel + c]);
+            *where = text;
         }
     }
     return worst;
@@ -59,9 +53,8 @@ int WorstDifference(const std::vector<uint8_t>& shown, const std::vector<uint8_t
 // Pixels of a 24-bit BMP, read by hand: bottom-up rows padded to 4 bytes.
 std::vector<uint8_t> ReadBmp24(const std::string& bytes) {
     if (bytes.size() < 54 || bytes[0] != 'B' || bytes[1] != 'M') return {};
-    uint32_t offset = 0;
+    int32_t offset = 0, w = 0, h = 0;
     std::memcpy(&offset, bytes.data() + 10, 4);
-    int32_t w = 0, h = 0;
     std::memcpy(&w, bytes.data() + 18, 4);
     std::memcpy(&h, bytes.data() + 22, 4);
     if (w != kW || std::abs(h) != kH) return {};
@@ -82,14 +75,12 @@ protected:
         render = KIV_CreateVideoRender(window.Handle());
         source = KIV_CreateVideoFrameSource();
         ASSERT_EQ(KIV_Connect(source, render), KIV_OK);
-        dir = kivtest::TempDir("gpu_render");
     }
     void TearDown() override {
         KIV_Disconnect(source, render);
         KIV_DestroyPort(source);
         KIV_DestroyPort(render);
         KIV_EnableLog(0);
-        std::filesystem::remove_all(std::filesystem::u8path(dir));
     }
     // Pushes the frame until the window matches (at most two seconds: a
     // present may be skipped while the GPU is busy); the worst difference.
@@ -110,26 +101,19 @@ protected:
         std::vector<uint8_t> px = window.Read(&w, &h);
         return w == kW && h == kH ? px : std::vector<uint8_t>(kW * kH * 4, 0);
     }
-    std::string Cube(const std::string& name) {
-        const std::string path = dir + "/" + name;
-        kivtest::WriteFile(path, proctest::CubeText(17, [](float r, float g, float b, float* o) {
-                               o[0] = g;
-                               o[1] = b * b;
-                               o[2] = 1.0f - 0.5f * r;
-                           }));
-        return path;
-    }
-
     kivtest::LibraryScope library;
     rendertest::TestWindow window{kW, kH};
     void* render = nullptr;
     void* source = nullptr;
-    std::string dir;
+    std::string dir = kivtest::TempDir("gpu_render");
 };
 
 TEST_F(GpuRenderTest, LutGradesLikeTheColourEngineAndSnapshotsReadTheFinalTexture) {
     const std::vector<uint8_t> frame = Pattern();
-    const std::string cube = Cube("grade.cube");
+    const std::string cube = dir + "/grade.cube";
+    kivtest::WriteFile(cube, proctest::CubeText(17, [](float r, float g, float b, float* o) {
+                           o[0] = g, o[1] = b * b, o[2] = 1.0f - 0.5f * r;
+                       }));
 
     // The CPU colour engine's result for the same cube and strength.
     void* engine = KIV_CreateVideoColorEngine();
@@ -168,37 +152,23 @@ TEST_F(GpuRenderTest, LutGradesLikeTheColourEngineAndSnapshotsReadTheFinalTextur
 TEST_F(GpuRenderTest, OverlayItemsAppearWhereAndHowTheySay) {
     const std::vector<uint8_t> grey(kW * kH * 4, 128);
     KivVideoOsdItem red{};
-    red.id = 1;
-    red.visible = 1;
-    red.layer = 2;
-    red.x = 4, red.y = 4, red.width = 20, red.height = 16;
+    red.id = 1, red.visible = 1, red.layer = 2, red.x = 4, red.y = 4, red.width = 20, red.height = 16;
     red.color = 0xFFFF0000;
     KivVideoOsdItem green = red;
-    green.id = 2;
-    green.layer = 1;
-    green.x = 10, green.y = 8, green.width = 30, green.height = 20;
-    green.size = 5;
-    green.color = 0x0000FF00;  // plain RGB counts as opaque colour
-    green.opacity = 0.5f;
+    green.id = 2, green.layer = 1, green.x = 10, green.y = 8, green.width = 30, green.height = 20, green.size = 5;
+    green.color = 0x0000FF00, green.opacity = 0.5f;  // plain RGB counts as opaque colour
     KivVideoOsdItem text = red;
-    text.id = 3;
-    text.layer = 3;
-    text.x = 28, text.y = 26, text.width = 34, text.height = 20;
-    text.size = 18;
-    text.transparent = 1;
-    text.color = 0xFFFFFFFF;
-    const auto hi = kivtest::Wide("Hi");
-    std::copy(hi.begin(), hi.end(), text.text);
+    text.id = 3, text.layer = 3, text.x = 28, text.y = 26, text.width = 34, text.height = 20, text.size = 18;
+    text.transparent = 1, text.color = 0xFFFFFFFF;
+    kivtest::Wide("Hi").copy(text.text, 2);
     // A picture file of 4 x 4 pixels drawn at 8 x 8.
     std::vector<uint8_t> picture(4 * 4 * 4, 0);
     for (int i = 0; i < 16; ++i) picture[i * 4 + (i % 3)] = 255;
     const std::string picturePath = dir + "/p.bmp";
     ASSERT_EQ(kiv::SaveSnapshotImage(kivtest::Wide(picturePath).c_str(), 1, picture.data(), 4, 4, 16), KIV_OK);
     KivVideoOsdItem image = red;
-    image.id = 4;
-    image.x = 52, image.y = 2, image.width = 8, image.height = 8;
-    const auto wide = kivtest::Wide(picturePath);
-    std::copy(wide.begin(), wide.end(), image.imagePath);
+    image.id = 4, image.x = 52, image.y = 2, image.width = 8, image.height = 8;
+    kivtest::Wide(picturePath).copy(image.imagePath, picturePath.size());
 
     ASSERT_EQ(KIV_AddVideoRenderGpuOsdRect(render, &red), KIV_OK);
     ASSERT_EQ(KIV_AddVideoRenderGpuOsdRect(render, &green), KIV_OK);
@@ -216,9 +186,7 @@ TEST_F(GpuRenderTest, OverlayItemsAppearWhereAndHowTheySay) {
         std::vector<uint8_t> out(kW * kH * 3);
         for (int i = 0; i < kW * kH; ++i) {
             const double a = canvas.pixels[i * 4 + 3] / 255.0;
-            for (int c = 0; c < 3; ++c) {
-                out[i * 3 + c] = static_cast<uint8_t>(canvas.pixels[i * 4 + c] * a + 128 * (1 - a) + 0.5);
-            }
+            for (int c = 0; c < 3; ++c) out[i * 3 + c] = static_cast<uint8_t>(canvas.pixels[i * 4 + c] * a + 128 * (1 - a) + 0.5);
         }
         return out;
     };
@@ -243,9 +211,7 @@ TEST_F(GpuRenderTest, OverlayItemsAppearWhereAndHowTheySay) {
     // Removing the red rectangle and changing the text show at the next frames.
     ASSERT_EQ(KIV_RemoveVideoRenderGpuOsdItem(render, 1), KIV_OK);
     ASSERT_EQ(KIV_UpdateVideoRenderGpuOsdText(render, 3, kivtest::Wide("--").c_str()), KIV_OK);
-    const auto dashes = kivtest::Wide("--");
-    std::fill(std::begin(text.text), std::end(text.text), 0);
-    std::copy(dashes.begin(), dashes.end(), text.text);
+    kivtest::Wide("--").copy(text.text, 2);
     const std::vector<uint8_t> after =
         expected({&green, &text, &image}, {kiv::kOsdRect, kiv::kOsdText, kiv::kOsdPicture});
     EXPECT_LE(Show(grey, after, 3, 2, &where), 2) << where;

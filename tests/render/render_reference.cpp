@@ -1,0 +1,161 @@
+#include "render_reference.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace rendertest {
+
+PatternFrame::PatternFrame(int32_t format, int32_t width, int32_t height, bool nv12ChromaPointer) {
+    const int32_t pairs = (width + 1) / 2;
+    const bool nv12 = format == KIV_PIXEL_FORMAT_NV12, yuy2 = format == KIV_PIXEL_FORMAT_YUY2;
+    // NV12: the luma stride doubles as the chroma stride.
+    const int32_t stride = nv12 ? pairs * 2 : yuy2 ? pairs * 4 : width * (format == KIV_PIXEL_FORMAT_RGB24 ? 3 : 4);
+    bytes.resize(static_cast<size_t>(stride) * (nv12 ? height + (height + 1) / 2 : height));
+    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<uint8_t>((i * 37 + (i / 7) * 11 + 16) % 256);
+    for (int32_t y = 0; (nv12 || yuy2) && y < height; ++y) {
+        for (int32_t x = 0; x < (nv12 ? width : pairs * 2); ++x)
+            bytes[static_cast<size_t>(stride) * y + x * (nv12 ? 1 : 2)] = static_cast<uint8_t>(16 + (x * 23 + y * 41) % 220);
+    }
+    frame.planes[0] = bytes.data();
+    frame.strides[0] = stride;
+    frame.width = width;
+    frame.height = height;
+    frame.format = format;
+    if (nv12) {
+        frame.strides[1] = stride;
+        if (nv12ChromaPointer) frame.planes[1] = bytes.data() + static_cast<size_t>(stride) * height;
+    }
+}
+
+namespace {
+
+int FloorDiv256(int v) { return static_cast<int>(std::floor(v / 256.0)); }
+int Clamp(int v) { return std::min(255, std::max(0, v)); }
+
+Bgr FromYuv(int y, int u, int v) {
+    const int c = y < 16 ? 0 : 298 * (y - 16);
+    return {Clamp(FloorDiv256(c + 516 * u - 65920)), Clamp(FloorDiv256(c - 100 * u - 208 * v + 39552)),
+            Clamp(FloorDiv256(c + 409 * v - 52224))};
+}
+
+void ToYuv(const Bgr& p, uint8_t* yuv) {
+    yuv[0] = static_cast<uint8_t>(FloorDiv256(66 * p.r + 129 * p.g + 25 * p.b + 128) + 16);
+    yuv[1] = static_cast<uint8_t>(FloorDiv256(-38 * p.r - 74 * p.g + 112 * p.b + 128) + 128);
+    yuv[2] = static_cast<uint8_t>(FloorDiv256(112 * p.r - 94 * p.g - 18 * p.b + 128) + 128);
+}
+
+}  // namespace
+
+Bgr ReferencePixel(const KivVideoFrame& f, int x, int y) {
+    const int w = f.width;
+    auto stride = [&](int i, int tight) { return f.strides[i] < 1 ? tight : f.strides[i]; };
+    switch (f.format) {
+    case KIV_PIXEL_FORMAT_RGB32:
+    case KIV_PIXEL_FORMAT_RGB24: {
+        const int bpp = f.format == KIV_PIXEL_FORMAT_RGB32 ? 4 : 3;
+        const uint8_t* p = f.planes[0] + stride(0, w * bpp) * y + bpp * x;
+        return {p[0], p[1], p[2]};
+    }
+    case KIV_PIXEL_FORMAT_YUY2: {
+        const int s = stride(0, w * 2);
+        const uint8_t* pair = f.planes[0] + s * y + (x / 2) * 4;
+        return FromYuv(x % 2 ? pair[2] : pair[0], pair[1], (x / 2) * 4 + 3 < s ? pair[3] : 128);
+    }
+    case KIV_PIXEL_FORMAT_NV12: {
+        const int ls = stride(0, w), cs = stride(1, w);
+        const uint8_t* chroma = f.planes[1] ? f.planes[1] : f.planes[0] + ls * f.height;
+        const uint8_t* uv = chroma + cs * (y / 2) + (x / 2) * 2;
+        return FromYuv(f.planes[0][ls * y + x], uv[0], (x / 2) * 2 + 1 < cs ? uv[1] : 128);
+    }
+    default: return {0, 0, 0};
+    }
+}
+
+ReferencePlanes ReferenceConvert(const KivVideoFrame& f, int w, int h, int format) {
+    ReferencePlanes out;
+    const int pairs = (w + 1) / 2;
+    // Output pixel (x, y) shows source pixel (x * W / w, y * H / h); the
+    // padding pixel of an odd width repeats the last one.
+    auto yuv = [&](int x, int y) {
+        x = std::min(x, w - 1);
+        std::vector<uint8_t> v(3);
+        ToYuv(ReferencePixel(f, static_cast<int>(int64_t(x) * f.width / w), static_cast<int>(int64_t(y) * f.height / h)),
+              v.data());
+        return v;
+    };
+    if (format == KIV_PIXEL_FORMAT_RGB32 || format == KIV_PIXEL_FORMAT_RGB24) {
+        const int bpp = format == KIV_PIXEL_FORMAT_RGB32 ? 4 : 3;
+        out.stride0 = w * bpp;
+        for (int y = 0; y < h; ++y) {
+            for (int x = 0; x < w; ++x) {
+                const Bgr p = ReferencePixel(f, int(int64_t(x) * f.width / w), int(int64_t(y) * f.height / h));
+                out.plane0.insert(out.plane0.end(), {uint8_t(p.b), uint8_t(p.g), uint8_t(p.r)});
+                if (bpp == 4) out.plane0.push_back(255);
+            }
+        }
+    } else if (format == KIV_PIXEL_FORMAT_YUY2) {
+        out.stride0 = pairs * 4;
+        for (int y = 0; y < h; ++y) {
+            for (int x = 0; x < pairs * 2; x += 2) {
+                const std::vector<uint8_t> a = yuv(x, y), b = yuv(x + 1, y);
+                out.plane0.insert(out.plane0.end(), {a[0], a[1], b[0], a[2]});
+            }
+        }
+    } else if (format == KIV_PIXEL_FORMAT_NV12) {
+        out.stride0 = w;
+        out.stride1 = pairs * 2;
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x) out.plane0.push_back(yuv(x, y)[0]);
+        for (int y = 0; y < h; y += 2) {
+            for (int x = 0; x < pairs * 2; x += 2) out.plane1.insert(out.plane1.end(), {yuv(x, y)[1], yuv(x, y)[2]});
+        }
+    }
+    return out;
+}
+
+namespace {
+
+// Floating-point YUV to RGB as the pixel shader does it.
+void YuvToBgr(int y8, int u8, int v8, const ColourCase& colour, uint8_t* out) {
+    static const double full[3][4] = {
+        {1.4020, 0.344136, 0.714136, 1.7720}, {1.5748, 0.187324, 0.468124, 1.8556}, {1.4746, 0.16455, 0.57135, 1.8814}};
+    static const double limited[3][4] = {{1.596027, 0.391762, 0.812968, 2.017232},
+                                         {1.792741, 0.213249, 0.532909, 2.112402},
+                                         {1.678674, 0.187326, 0.650424, 2.141772}};
+    const double* k = (colour.colorRange == 1 ? full : limited)[colour.colorSpace - 1];
+    const double y = y8 / 255.0, d = u8 / 255.0 - 0.5, e = v8 / 255.0 - 0.5;
+    const double base = colour.colorRange == 1 ? y : 1.164383 * (y - 16.0 / 255.0);
+    const double bgr[3] = {base + k[3] * d, base - k[1] * d - k[2] * e, base + k[0] * e};
+    for (int c = 0; c < 3; ++c) out[c] = static_cast<uint8_t>(std::lround(std::min(std::max(bgr[c], 0.0), 1.0) * 255.0));
+}
+
+int Texel(double uv, int size) { return std::min(static_cast<int>(std::floor(uv * size)), size - 1); }
+
+}  // namespace
+
+std::vector<uint8_t> ExpectedWindow(const KivVideoFrame& f, int ww, int wh, const ColourCase& colour, double nudge) {
+    std::vector<uint8_t> out(static_cast<size_t>(ww) * wh * 3);
+    const int w = f.width, h = f.height, pairs = (w + 1) / 2;
+    const uint8_t* chroma = f.planes[1] ? f.planes[1] : f.planes[0] + static_cast<size_t>(f.strides[0]) * h;
+    for (int y = 0; y < wh; ++y) {
+        for (int x = 0; x < ww; ++x) {
+            const double u = (x + 0.5) / ww + nudge, v = (y + 0.5) / wh + nudge;
+            uint8_t* px = &out[(static_cast<size_t>(y) * ww + x) * 3];
+            const uint8_t* row = f.planes[0] + static_cast<size_t>(f.strides[0]) * Texel(v, h);
+            if (f.format == KIV_PIXEL_FORMAT_RGB32 || f.format == KIV_PIXEL_FORMAT_RGB24) {
+                const uint8_t* s = row + Texel(u, w) * (f.format == KIV_PIXEL_FORMAT_RGB32 ? 4 : 3);
+                px[0] = s[0], px[1] = s[1], px[2] = s[2];
+            } else if (f.format == KIV_PIXEL_FORMAT_NV12) {
+                const uint8_t* c = chroma + static_cast<size_t>(f.strides[1]) * Texel(v, (h + 1) / 2) + 2 * Texel(u, pairs);
+                YuvToBgr(row[Texel(u, w)], c[0], c[1], colour, px);
+            } else if (f.format == KIV_PIXEL_FORMAT_YUY2) {
+                const int sx = Texel(u, pairs * 2);
+                const uint8_t* pair = row + 4 * std::min(sx / 2, pairs - 1);
+                YuvToBgr((sx & 1) ? pair[2] : pair[0], pair[1], pair[3], colour, px);
+            }
+        }
+    }
+    return out;
+}
+
+}  // namespace rendertest
