@@ -68,11 +68,13 @@ TEST(OsdBlend, HandWorkedPixelsInEveryCanvasFormat) {
 }
 
 TEST(OsdCanvasBuild, OddSizesShortStridesAndMissingChroma) {
-    // YUY2 of odd width: rows padded with a grey pixel.
-    OwnedFrame yuy2(KIV_PIXEL_FORMAT_YUY2, 641, 3, 50);
+    // YUY2 of odd width and a tight stride (the last Cr is not in the row):
+    // rows padded with a grey pixel.
+    const std::vector<uint8_t> tight(641 * 2 * 3, 50);
+    const KivVideoFrame yuy2 = kivtest::FrameOver(KIV_PIXEL_FORMAT_YUY2, 641, 3, tight.data(), 641 * 2);
     OsdCanvas canvas;
-    ASSERT_EQ(canvas.Build(yuy2.frame), KIV_OK);
-    KivVideoFrame out = canvas.Frame(yuy2.frame);
+    ASSERT_EQ(canvas.Build(yuy2), KIV_OK);
+    KivVideoFrame out = canvas.Frame(yuy2);
     ASSERT_EQ(out.strides[0], 1284);
     for (int row = 0; row < 3; ++row)
         EXPECT_EQ(std::vector<int>(out.planes[0] + row * 1284 + 1281, out.planes[0] + row * 1284 + 1284),

@@ -122,35 +122,32 @@ OsdItem Text(int x, int y, int w, int h, int size) {
     return kiv::OsdItemFromRecord(record, kiv::kOsdText);
 }
 
-TEST(OsdText, AutomaticBoxFollowsPositionAndSize) {
+TEST(OsdText, BoxFontAndColoursReachTheRasteriser) {
     FakeSetup f;
     Rgb32Canvas c(640, 480);
-    kiv::OsdDrawText(c.canvas, &f.raster, Text(100, 10, 0, 0, 0));
+    kiv::OsdDrawText(c.canvas, &f.raster, Text(100, 10, 0, 0, 0));  // automatic box from position and size
     ASSERT_EQ(f.calls->text, 1);
-    EXPECT_EQ(f.calls->lastText.box.width, 540);
-    EXPECT_EQ(f.calls->lastText.box.height, 72);
-    EXPECT_EQ(f.calls->lastText.fontPixels, 36);
-    EXPECT_EQ(f.calls->lastText.textArgb, 0xFFFFFFFFu);
-    EXPECT_EQ(f.calls->lastText.boxArgb, 0x80000000u);
-    EXPECT_TRUE(f.calls->lastText.fillBox);
+    const kiv::OsdTextJob& job = f.calls->lastText;
+    EXPECT_EQ(std::vector<int64_t>({job.box.width, job.box.height, job.fontPixels, job.textArgb, job.boxArgb, job.fillBox}),
+              std::vector<int64_t>({540, 72, 36, 0xFFFFFFFF, 0x80000000, 1}));
     // The default colours are for the rasteriser; the fake paints opaque red.
-    EXPECT_EQ(c.Red(100, 10), 255);
-    EXPECT_EQ(c.Red(639, 81), 255);
-    EXPECT_EQ(c.Red(99, 10), 0);
-    EXPECT_EQ(c.Red(100, 82), 0);
+    EXPECT_EQ(std::vector<int>({c.Red(100, 10), c.Red(639, 81), c.Red(99, 10), c.Red(100, 82)}),
+              std::vector<int>({255, 255, 0, 0}));
     EXPECT_EQ(c.CountRed(), 540 * 72);
-}
 
-TEST(OsdText, HugeSizeClampsTheFontButNotTheBox) {
-    FakeSetup f;
-    Rgb32Canvas c(64, 64);
-    kiv::OsdDrawText(c.canvas, &f.raster, Text(0, -10, 20, 0, 1000));
-    ASSERT_EQ(f.calls->text, 1);
-    EXPECT_EQ(f.calls->lastText.fontPixels, 512);
-    EXPECT_EQ(f.calls->lastText.box.height, 2000);
-    EXPECT_EQ(f.calls->lastRegion.y, 0);
-    EXPECT_EQ(f.calls->lastRegion.height, 64);
-    EXPECT_EQ(f.calls->lastRegion.width, 20);
+    OsdItem item = Text(0, 0, 10, 10, 10);
+    item.transparent = true;
+    item.color = 0x00123456;  // plain RGB: opaque
+    item.backColor = 0x40ABCDEF;
+    kiv::OsdDrawText(c.canvas, &f.raster, item);
+    EXPECT_EQ(std::vector<int64_t>({job.textArgb, job.boxArgb, job.fillBox}), std::vector<int64_t>({0xFF123456, 0x40ABCDEF, 0}));
+
+    // A huge size clamps the font but not the box, which is clipped.
+    Rgb32Canvas small(64, 64);
+    kiv::OsdDrawText(small.canvas, &f.raster, Text(0, -10, 20, 0, 1000));
+    EXPECT_EQ(std::vector<int>({job.fontPixels, job.box.height, f.calls->lastRegion.y, f.calls->lastRegion.height,
+                                f.calls->lastRegion.width}),
+              std::vector<int>({512, 2000, 0, 64, 20}));
 }
 
 TEST(OsdText, SkipsWhatCannotBeDrawn) {
@@ -166,33 +163,23 @@ TEST(OsdText, SkipsWhatCannotBeDrawn) {
     EXPECT_EQ(c.CountRed(), 0);
 }
 
-TEST(OsdText, TransparentAndPlainColoursReachTheRasteriser) {
-    FakeSetup f;
-    Rgb32Canvas c(64, 64);
-    OsdItem item = Text(0, 0, 10, 10, 10);
-    item.transparent = true;
-    item.color = 0x00123456;
-    item.backColor = 0x40ABCDEF;
-    kiv::OsdDrawText(c.canvas, &f.raster, item);
-    EXPECT_FALSE(f.calls->lastText.fillBox);
-    EXPECT_EQ(f.calls->lastText.textArgb, 0xFF123456u);
-    EXPECT_EQ(f.calls->lastText.boxArgb, 0x40ABCDEFu);
-}
-
 OsdItem Picture(int x, int y, int w, int h) {
     KivVideoOsdItem record = osdtest::Item(x, y, w, h);
     osdtest::SetText(record.imagePath, "logo.png");
     return kiv::OsdItemFromRecord(record, kiv::kOsdPicture);
 }
 
-TEST(OsdPicture, OwnSizeWhenItemSizeIsAutomatic) {
+TEST(OsdPicture, OwnSizeWhenItemSizeIsAutomaticAndNothingWhenMissing) {
     FakeSetup f;
     Rgb32Canvas c(64, 64);
     kiv::OsdDrawPicture(c.canvas, &f.raster, Picture(60, 4, 0, 0));
     ASSERT_EQ(f.calls->picture, 1);
-    EXPECT_EQ(f.calls->lastDest.width, 16);
-    EXPECT_EQ(f.calls->lastDest.height, 8);
-    EXPECT_EQ(f.calls->lastRegion.width, 4);  // clipped at the right edge
+    EXPECT_EQ(std::vector<int>({f.calls->lastDest.width, f.calls->lastDest.height, f.calls->lastRegion.width}),
+              std::vector<int>({16, 8, 4}));  // clipped at the right edge
+    EXPECT_EQ(c.CountRed(), 4 * 8);
+    f.raster.missingFile = true;
+    kiv::OsdDrawPicture(c.canvas, &f.raster, Picture(0, 20, 10, 10));
+    EXPECT_EQ(f.calls->picture, 1);
     EXPECT_EQ(c.CountRed(), 4 * 8);
 }
 
@@ -211,15 +198,6 @@ TEST(OsdPicture, ColourKeyHidesMatchingPixelsWhateverTheirAlpha) {
     item.transparent = false;
     kiv::OsdDrawPicture(c.canvas, &green, item);
     EXPECT_EQ(c.out.planes[0][1], 255);
-}
-
-TEST(OsdPicture, MissingFileDrawsNothing) {
-    FakeSetup f;
-    f.raster.missingFile = true;
-    Rgb32Canvas c(32, 32);
-    kiv::OsdDrawPicture(c.canvas, &f.raster, Picture(0, 0, 10, 10));
-    EXPECT_EQ(f.calls->picture, 0);
-    EXPECT_EQ(c.CountRed(), 0);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 // A measuring tool, not a test: the native benchmark covers the portable part.
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -59,5 +60,6 @@ int main() {
         std::printf("%-5s picture 256x256:         %7.2f ms/frame\n", name,
                     MsPerFrame(format, picture, kiv::kOsdPicture));
     }
+    std::filesystem::remove_all(std::filesystem::u8path(path).parent_path());  // no test listener does it here
     return 0;
 }

@@ -11,23 +11,20 @@
 
 namespace {
 
-struct Counter {
-    std::atomic<int> frames{0};
-    static void KIV_CALL OnFrame(const KivVideoFrame* frame, void* user) {
-        // Touch the pixels so a canvas overwritten under our feet would show.
-        volatile uint8_t sink = frame->planes[0][0];
-        (void)sink;
-        static_cast<Counter*>(user)->frames++;
-    }
-};
+void KIV_CALL CountFrame(const KivVideoFrame* frame, void* count) {
+    // Touch the pixels so a canvas overwritten under our feet would show.
+    volatile uint8_t pixel = frame->planes[0][0];
+    (void)pixel;
+    ++*static_cast<std::atomic<int>*>(count);
+}
 
 TEST(OsdStress, CommandsRaceFrames) {
     kivtest::LibraryScope library;
     void* source = KIV_CreateVideoFrameSource();
     void* osd = KIV_CreateVideoOsd();
     void* out = KIV_CreateVideoMux();
-    Counter counter;
-    KIV_SetVideoFrameCallback(out, Counter::OnFrame, &counter);
+    std::atomic<int> frames{0};
+    KIV_SetVideoFrameCallback(out, CountFrame, &frames);
     ASSERT_EQ(KIV_Connect(source, osd), KIV_OK);
     ASSERT_EQ(KIV_ConnectVideoOsdOutput(osd, 1, out), KIV_OK);
 
@@ -67,10 +64,10 @@ TEST(OsdStress, CommandsRaceFrames) {
 
     // Afterwards the port still works: a frame reaches the overlay output.
     ASSERT_EQ(KIV_ConnectVideoOsdOutput(osd, 1, out), KIV_OK);
-    const int before = counter.frames;
+    const int before = frames;
     kivtest::OwnedFrame frame(KIV_PIXEL_FORMAT_RGB32, 16, 16, 0);
     ASSERT_EQ(KIV_PushVideoFrame(source, &frame.frame), KIV_OK);
-    EXPECT_EQ(counter.frames, before + 1);
+    EXPECT_EQ(frames, before + 1);
 
     KIV_Disconnect(source, osd);
     KIV_Disconnect(osd, out);

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -77,33 +78,22 @@ private:
 template <class Colour>
 void WriteBmp24(const std::string& path, int w, int h, Colour colour) {
     const int rowBytes = (w * 3 + 3) & ~3;
-    const uint32_t pixelBytes = static_cast<uint32_t>(rowBytes * h);
-    std::vector<uint8_t> file(54 + pixelBytes, 0);
-    auto put32 = [&](size_t at, uint32_t v) {
-        for (int i = 0; i < 4; ++i) file[at + i] = static_cast<uint8_t>(v >> (8 * i));
-    };
+    std::vector<uint8_t> file(54 + size_t(rowBytes) * h, 0);
+    // Little-endian fields from offset 2: file size, reserved, pixel offset,
+    // header size, width, height, planes and bits per pixel, compression, pixel bytes.
+    const uint32_t fields[] = {uint32_t(file.size()), 0, 54, 40, uint32_t(w), uint32_t(h), 1 | 24 << 16, 0,
+                               uint32_t(rowBytes * h)};
+    for (size_t i = 0; i < 4 * std::size(fields); ++i) file[2 + i] = uint8_t(fields[i / 4] >> (8 * (i % 4)));
     file[0] = 'B';
     file[1] = 'M';
-    put32(2, static_cast<uint32_t>(file.size()));
-    put32(10, 54);
-    put32(14, 40);
-    put32(18, static_cast<uint32_t>(w));
-    put32(22, static_cast<uint32_t>(h));
-    file[26] = 1;
-    file[28] = 24;
-    put32(34, pixelBytes);
-    for (int row = 0; row < h; ++row) {
-        const int y = h - 1 - row;  // file rows run bottom-up
+    for (int y = 0; y < h; ++y) {
         for (int x = 0; x < w; ++x) {
             const uint32_t rgb = colour(x, y);
-            uint8_t* p = &file[54 + static_cast<size_t>(row) * rowBytes + static_cast<size_t>(x) * 3];
-            p[0] = static_cast<uint8_t>(rgb);
-            p[1] = static_cast<uint8_t>(rgb >> 8);
-            p[2] = static_cast<uint8_t>(rgb >> 16);
+            uint8_t* p = &file[54 + size_t(h - 1 - y) * rowBytes + size_t(x) * 3];  // rows run bottom-up
+            p[0] = uint8_t(rgb), p[1] = uint8_t(rgb >> 8), p[2] = uint8_t(rgb >> 16);
         }
     }
-    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(file.data()),
-                                                static_cast<std::streamsize>(file.size()));
+    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(file.data()), std::streamsize(file.size()));
 }
 
 inline KivVideoOsdItem Item(int32_t x, int32_t y, int32_t width, int32_t height) {

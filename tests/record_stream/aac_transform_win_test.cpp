@@ -24,10 +24,8 @@ public:
 
     // What the encoder told us.
     std::vector<MFT_MESSAGE_TYPE> messages;
-    std::vector<LONGLONG> inputTimes;
-    std::vector<LONGLONG> inputDurations;
-    std::vector<DWORD> inputIds;
-    std::vector<DWORD> outputIds;
+    std::vector<LONGLONG> inputTimes, inputDurations;
+    std::vector<DWORD> inputIds, outputIds;
     DWORD smallestOutputBuffer = 0xFFFFFFFF;
     UINT32 inRate = 0, inChannels = 0, inBits = 0, inAlign = 0, inAvg = 0, inIndependent = 0;
     UINT32 outRate = 0, outChannels = 0, outBits = 0, outAvg = 0, outAlign = 0, outProfile = 0;
@@ -176,8 +174,7 @@ private:
 
 struct Collector : kiv::AacSink {
     std::vector<std::vector<uint8_t>> units;
-    std::vector<int64_t> times;
-    std::vector<int64_t> durations;
+    std::vector<int64_t> times, durations;
     void OnAccessUnit(const uint8_t* data, size_t size, int64_t time, int64_t duration) override {
         units.emplace_back(data, data + size);
         times.push_back(time);
@@ -222,26 +219,19 @@ TEST_P(AacTransformPump, ConfiguresPumpsDrainsAndReleases) {
         // Ten buffers of 20 ms: 9600 frames make 9 full access units.
         Collector sink;
         const std::vector<uint8_t> pcm(960 * 4, 0x11);
-        for (int i = 0; i < 10; ++i) {
-            ASSERT_EQ(encoder.Encode(pcm.data(), pcm.size(), int64_t(i) * 200000, &sink), 0u) << i;
-        }
+        for (int i = 0; i < 10; ++i) ASSERT_EQ(encoder.Encode(pcm.data(), pcm.size(), int64_t(i) * 200000, &sink), 0u) << i;
         EXPECT_EQ(sink.units.size(), 9u);
         ASSERT_EQ(fake.inputTimes.size(), 10u);
-        EXPECT_EQ(fake.inputTimes[3], 600000);
-        EXPECT_EQ(fake.inputDurations[3], 200000);
+        EXPECT_EQ(std::make_pair(fake.inputTimes[3], fake.inputDurations[3]), std::make_pair(LONGLONG(600000), LONGLONG(200000)));
         EXPECT_EQ(fake.inputIds, std::vector<DWORD>(fake.inputIds.size(), 3));
         EXPECT_EQ(fake.outputIds, std::vector<DWORD>(fake.outputIds.size(), 5));
-        if (!GetParam()) {
-            EXPECT_GE(fake.smallestOutputBuffer, 16384u);
-        }
-
+        EXPECT_GE(GetParam() ? 16384u : fake.smallestOutputBuffer, 16384u);
         EXPECT_EQ(encoder.Drain(&sink), 0u);
         ASSERT_EQ(sink.units.size(), 10u) << "the last partial frame comes out on drain";
         for (size_t k = 0; k < sink.units.size(); ++k) {
             ASSERT_EQ(sink.units[k].size(), 100 + k);
-            EXPECT_EQ(sink.units[k][0], uint8_t(k));
-            EXPECT_EQ(sink.times[k], int64_t(k) * 1024 * 10000000 / 48000);
-            EXPECT_EQ(sink.durations[k], int64_t(1024) * 10000000 / 48000);
+            EXPECT_EQ(std::vector<int64_t>({sink.units[k][0], sink.times[k], sink.durations[k]}),
+                      std::vector<int64_t>({uint8_t(k), int64_t(k) * 1024 * 10000000 / 48000, int64_t(1024) * 10000000 / 48000}));
         }
         encoder.Release();
         EXPECT_FALSE(encoder.Ready());
