@@ -6,8 +6,7 @@
 // Each instance reads its configuration from the text stored beside its
 // registry entry, ';'-separated entries:
 //   cap=SUBTYPE:WIDTH:HEIGHT:BLOCK:AVG:MIN:MAX   one capability (repeatable)
-//   page=1       the filter offers a property page
-//   nocfg=1      the capture pin has no IAMStreamConfig (capability probes fail)
+//   page=1 / nocfg=1   a property page / no IAMStreamConfig (probes fail)
 //   record=PATH  file the camera rewrites with what it was asked
 //   h264=PATH    Annex-B file streamed one access unit per sample
 // SUBTYPE is YUY2, NV12, RGB24, RGB32, MJPG, H264 or P010 (a 10-bit format the
@@ -86,8 +85,6 @@ CamConfig ParseConfig(const std::wstring& text) {
     }
     return config;
 }
-
-// ---- Media types
 
 struct SubtypeInfo {
     const char* name;
@@ -257,8 +254,6 @@ std::vector<std::vector<BYTE>> ReadAccessUnits(const std::wstring& path) {
     return units;
 }
 
-// ---- COM objects
-
 // IUnknown of the small objects with one interface (enumerators, the class
 // factory, the property page): counted, deleted at zero, and counted in
 // g_objects while alive.
@@ -309,10 +304,7 @@ public:
         pos_ = all ? pos_ + count : items_.size();
         return all ? S_OK : S_FALSE;
     }
-    STDMETHODIMP Reset() override {
-        pos_ = 0;
-        return S_OK;
-    }
+    STDMETHODIMP Reset() override { return pos_ = 0, S_OK; }
     STDMETHODIMP Clone(Enum** out) override {
         if (!out) return E_POINTER;
         *out = new Enumerator(this->iid_, items_, pos_);
@@ -425,9 +417,7 @@ public:
     STDMETHODIMP ConnectedTo(IPin** pin) override {
         if (!pin) return E_POINTER;
         *pin = peer_;
-        if (!peer_) return VFW_E_NOT_CONNECTED;
-        peer_->AddRef();
-        return S_OK;
+        return peer_ ? (peer_->AddRef(), S_OK) : VFW_E_NOT_CONNECTED;
     }
     STDMETHODIMP ConnectionMediaType(AM_MEDIA_TYPE* mt) override {
         if (!mt) return E_POINTER;
@@ -446,11 +436,7 @@ public:
         lstrcpynW(info->achName, kPinName, MAX_PIN_NAME);
         return S_OK;
     }
-    STDMETHODIMP QueryDirection(PIN_DIRECTION* dir) override {
-        if (!dir) return E_POINTER;
-        *dir = PINDIR_OUTPUT;
-        return S_OK;
-    }
+    STDMETHODIMP QueryDirection(PIN_DIRECTION* dir) override { return dir ? (*dir = PINDIR_OUTPUT, S_OK) : E_POINTER; }
     STDMETHODIMP QueryId(LPWSTR* id) override {
         if (!id) return E_POINTER;
         *id = static_cast<LPWSTR>(CoTaskMemAlloc(sizeof(kPinName)));
@@ -498,8 +484,7 @@ public:
     }
     STDMETHODIMP GetNumberOfCapabilities(int* count, int* size) override {
         if (!count || !size) return E_POINTER;
-        *count = static_cast<int>(Config().caps.size());
-        *size = sizeof(VIDEO_STREAM_CONFIG_CAPS);
+        *count = static_cast<int>(Config().caps.size()), *size = sizeof(VIDEO_STREAM_CONFIG_CAPS);
         return S_OK;
     }
     STDMETHODIMP GetStreamCaps(int index, AM_MEDIA_TYPE** mt, BYTE* caps) override {
@@ -775,11 +760,7 @@ public:
         if (n == 0) delete this;
         return n;
     }
-    STDMETHODIMP GetClassID(CLSID* clsid) override {
-        if (!clsid) return E_POINTER;
-        *clsid = CLSID_TestCam;
-        return S_OK;
-    }
+    STDMETHODIMP GetClassID(CLSID* clsid) override { return clsid ? (*clsid = CLSID_TestCam, S_OK) : E_POINTER; }
     STDMETHODIMP Stop() override {
         EnterCriticalSection(&lock);
         pin_.StopStreaming();
@@ -808,9 +789,7 @@ public:
         return hr;
     }
     STDMETHODIMP GetState(DWORD, FILTER_STATE* state) override {
-        if (!state) return E_POINTER;
-        *state = state_;
-        return state_ == State_Paused ? VFW_S_CANT_CUE : S_OK;
+        return !state ? E_POINTER : (*state = state_) == State_Paused ? VFW_S_CANT_CUE : S_OK;
     }
     STDMETHODIMP SetSyncSource(IReferenceClock* clock) override {
         EnterCriticalSection(&lock);
@@ -822,8 +801,7 @@ public:
     }
     STDMETHODIMP GetSyncSource(IReferenceClock** clock) override {
         if (!clock) return E_POINTER;
-        *clock = clock_;
-        if (clock_) clock_->AddRef();
+        if ((*clock = clock_)) clock_->AddRef();
         return S_OK;
     }
     STDMETHODIMP EnumPins(IEnumPins** e) override {
@@ -848,8 +826,7 @@ public:
     }
     STDMETHODIMP JoinFilterGraph(IFilterGraph* graph, LPCWSTR name) override {
         graph_ = graph;  // not counted: the graph owns us
-        name_ = name ? name : L"";
-        return S_OK;
+        return name_ = name ? name : L"", S_OK;
     }
     STDMETHODIMP QueryVendorInfo(LPWSTR*) override { return E_NOTIMPL; }
     // IPersistPropertyBag
@@ -904,11 +881,7 @@ public:
                                   nullptr);
         return window_ ? S_OK : E_FAIL;
     }
-    STDMETHODIMP Deactivate() override {
-        if (window_) DestroyWindow(window_);
-        window_ = nullptr;
-        return S_OK;
-    }
+    STDMETHODIMP Deactivate() override { return window_ && DestroyWindow(window_), window_ = nullptr, S_OK; }
     STDMETHODIMP GetPageInfo(PROPPAGEINFO* info) override {
         if (!info) return E_POINTER;
         static const wchar_t title[] = L"Test camera";
@@ -920,13 +893,9 @@ public:
         return S_OK;
     }
     STDMETHODIMP SetObjects(ULONG, IUnknown**) override { return S_OK; }
-    STDMETHODIMP Show(UINT cmd) override {
-        if (window_) ShowWindow(window_, cmd);
-        return S_OK;
-    }
+    STDMETHODIMP Show(UINT cmd) override { return window_ && ShowWindow(window_, cmd), S_OK; }
     STDMETHODIMP Move(LPCRECT r) override {
-        if (window_) MoveWindow(window_, r->left, r->top, r->right - r->left, r->bottom - r->top, TRUE);
-        return S_OK;
+        return window_ && MoveWindow(window_, r->left, r->top, r->right - r->left, r->bottom - r->top, TRUE), S_OK;
     }
     STDMETHODIMP IsPageDirty() override { return S_FALSE; }
     STDMETHODIMP Apply() override { return S_OK; }
@@ -951,16 +920,11 @@ public:
         object->Release();
         return hr;
     }
-    STDMETHODIMP LockServer(BOOL lock) override {
-        lock ? ++g_locks : --g_locks;
-        return S_OK;
-    }
+    STDMETHODIMP LockServer(BOOL lock) override { return (lock ? ++g_locks : --g_locks), S_OK; }
 
 private:
     bool page_;
 };
-
-// ---- Registration
 
 std::wstring GuidText(const GUID& guid) {
     wchar_t text[64];
