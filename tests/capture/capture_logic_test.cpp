@@ -7,6 +7,7 @@
 #include "../../src/capture/capture_frame_queue.h"
 #include "../../src/capture/capture_intake.h"
 #include "../../src/capture/capture_negotiation.h"
+#include "../../src/capture/capture_registry.h"
 
 using namespace kiv::capture;
 
@@ -192,6 +193,19 @@ TEST(CaptureNegotiation, SourceRestartsOnlyWhenAskedForMore) {
         {"RGB32 asked of NV12", true, {1280, 720, 30, 2}, {1280, 720, 30, 4}, true},
     };
     for (const auto& c : cases) EXPECT_EQ(SourceSatisfies(c.running, c.actual, c.wanted), c.satisfied) << c.name;
+}
+
+// A device's active source is removed only by the port it names.
+TEST(CaptureRegistry, ActiveSourceRemovedOnlyByItsOwner) {
+    std::lock_guard<std::mutex> lock(DeviceLock());
+    auto* a = reinterpret_cast<KivVideoInput*>(0x10);
+    auto* b = reinterpret_cast<KivVideoInput*>(0x20);
+    SetActiveSourceLocked(3, a);
+    EXPECT_FALSE(RemoveActiveSourceLocked(3, b));
+    EXPECT_FALSE(RemoveActiveSourceLocked(4, a));
+    EXPECT_EQ(ActiveSourceLocked(3), a);
+    EXPECT_TRUE(RemoveActiveSourceLocked(3, a));
+    EXPECT_EQ(ActiveSourceLocked(3), nullptr);
 }
 
 }  // namespace

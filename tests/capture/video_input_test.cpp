@@ -161,6 +161,17 @@ TEST_F(VideoInputTest, WithoutDevicesStartFailsAndBadSettingsAreRefused) {
     EXPECT_EQ(CountOf(log, "Set video config device=1 64x48 fps=15 fmt=2 cs=2 range=1 buffers=4"), 1u);
 }
 
+// A listed device without a capture graph to open it (no DirectShow).
+TEST_F(VideoInputTest, DeviceWithoutAGraphFailsToStart) {
+    SetCaptureDeviceCountOverride(1);
+    void* in = Port(64, 48, KIV_PIXEL_FORMAT_YUY2);
+    EXPECT_EQ(KIV_Start(in), KIV_ERROR_FAILED);
+    SetCaptureDeviceCountOverride(-1);
+    const std::string log = LibraryLog();
+    EXPECT_EQ(CountOf(log, "Video device moniker not found index=0"), 1u);
+    EXPECT_EQ(CountOf(log, "Video dispatch thread enter"), 0u);  // nothing was built
+}
+
 TEST_F(VideoInputTest, FramesArriveInOrderWithTheirLayout) {
     const struct {
         int32_t format, w, h;
