@@ -135,6 +135,7 @@ TEST(CaptureNegotiation, ChoosesTheEntryThatBestServesTheRequest) {
         {"format weight outweighs area", {1920, 1080, 30, 4}, {Cap(1280, 720, 30, 3), Cap(640, 480, 30, 1)}, 1},
         {"preferred format bonus", {640, 480, 30, 5}, {Cap(640, 480, 30, 1), Cap(640, 480, 30, 5)}, 1},
         {"faster rate breaks a tie", {640, 480, 30, 1}, {Cap(640, 480, 30, 1), Cap(640, 480, 31, 1)}, 1},
+        {"RGB32 outweighs RGB24", {640, 480, 30, 1}, {Cap(640, 480, 30, 3), Cap(640, 480, 30, 4)}, 1},
     };
     for (const auto& c : cases) {
         std::vector<CaptureCandidate> list = c.offered;
@@ -169,7 +170,8 @@ TEST(CaptureNegotiation, RateFromMediaTypeAndCapabilityRange) {
     for (const auto& c : cases)
         EXPECT_EQ(CandidateRate(c.media, c.caps, c.minI, c.maxI), c.fps) << c.media << " " << c.minI << " " << c.maxI;
     EXPECT_EQ(RateFromInterval(0), 0);
-    EXPECT_EQ(RateFromInterval(20000001), 0);  // rounds down below one frame a second
+    EXPECT_EQ(RateFromInterval(20000000), 1);  // half a frame a second rounds up
+    EXPECT_EQ(RateFromInterval(20000001), 0);
 }
 
 TEST(CaptureNegotiation, SourceRestartsOnlyWhenAskedForMore) {

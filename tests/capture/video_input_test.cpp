@@ -404,6 +404,8 @@ TEST_F(VideoInputTest, SharedClientSlotsDetachAndGoStale) {
     std::string log = LibraryLog();
     EXPECT_EQ(CountOf(log, "Shared client slot unregistered device=0"), 1u);
     EXPECT_EQ(CountOf(log, "Video input stop shared client complete device=0"), 1u);
+    EXPECT_EQ(CountOf(log, "Register active video device index=0 source="), 1u);
+    EXPECT_EQ(CountOf(log, "DirectShow capture graph started"), 1u);
 
     ASSERT_EQ(KIV_Start(client), KIV_OK);
     ASSERT_TRUE(camera.Feed(Yuy2(1, 640, 480)));
