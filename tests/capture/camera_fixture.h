@@ -2,13 +2,11 @@
 // in the prefix for each test and removed afterwards.
 #pragma once
 #include <windows.h>
-#include <objbase.h>
 
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <mutex>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -29,15 +27,6 @@ bool WaitFor(Cond cond, int ms = 10000) {
     return true;
 }
 
-inline testcam::PatternFormat PatternOf(int32_t format) {
-    switch (format) {
-        case KIV_PIXEL_FORMAT_NV12: return testcam::PatternFormat::NV12;
-        case KIV_PIXEL_FORMAT_RGB24: return testcam::PatternFormat::RGB24;
-        case KIV_PIXEL_FORMAT_RGB32: return testcam::PatternFormat::RGB32;
-        default: return testcam::PatternFormat::YUY2;
-    }
-}
-
 // What a port delivered: the record and the number the camera drew into the
 // top row of each frame.
 struct Delivered {
@@ -45,22 +34,19 @@ struct Delivered {
     uint32_t number = 0;
 };
 
-class NumberCatcher {
-public:
+struct NumberCatcher {
     static void KIV_CALL OnFrame(const KivVideoFrame* f, void* user) {
+        using testcam::PatternFormat;
+        const PatternFormat formats[] = {PatternFormat::YUY2, PatternFormat::NV12, PatternFormat::RGB24,
+                                         PatternFormat::RGB32};
+        Delivered d{*f, 0};
+        if (f->format >= KIV_PIXEL_FORMAT_YUY2 && f->format <= KIV_PIXEL_FORMAT_RGB32 && f->width >= 32)
+            d.number = testcam::ReadPattern(formats[f->format - KIV_PIXEL_FORMAT_YUY2], f->width, f->planes[0]);
         auto* self = static_cast<NumberCatcher*>(user);
-        Delivered d;
-        d.meta = *f;
-        if (f->format >= KIV_PIXEL_FORMAT_YUY2 && f->format <= KIV_PIXEL_FORMAT_RGB32 && f->width >= 32) {
-            d.number = testcam::ReadPattern(PatternOf(f->format), f->width, f->planes[0]);
-        }
         std::lock_guard<std::mutex> lock(self->mutex);
         self->frames.push_back(d);
     }
-    size_t Count() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return frames.size();
-    }
+    size_t Count() { return Frames().size(); }
     std::vector<Delivered> Frames() {
         std::lock_guard<std::mutex> lock(mutex);
         return frames;
@@ -81,19 +67,22 @@ protected:
         installer.RemoveAll();
         KIV_EnableLog(0);
     }
-    // The camera joins the library's device list as an application would see
-    // a newly plugged-in one: through a refresh.
+    // The camera joins the device list as a newly plugged-in one would:
+    // through a refresh.
     void Install(const std::wstring& config) {
         ASSERT_EQ(installer.Install(L"cam0", L"KIV Test Camera", config.c_str()), S_OK);
         ASSERT_EQ(KIV_RefreshDeviceList(), KIV_OK);
         ASSERT_EQ(KIV_GetVideoDeviceCount(), 1);
     }
-    void* Port(int32_t w, int32_t h, int32_t fps, int32_t fmt) {
-        void* p = KIV_CreateVideoInput();
+    void* Port(int32_t w, int32_t h, int32_t fps, int32_t fmt, NumberCatcher* catcher = nullptr) {
+        void* p = Add(KIV_CreateVideoInput());
         EXPECT_EQ(KIV_SetVideoInputFormat(p, w, h, fps, fmt), KIV_OK);
-        ports.push_back(p);
+        if (catcher) {
+            EXPECT_EQ(KIV_SetVideoFrameCallback(p, &NumberCatcher::OnFrame, catcher), KIV_OK);
+        }
         return p;
     }
+    // Ports added later are destroyed first.
     void* Add(void* port) {
         ports.insert(ports.begin(), port);
         return port;

@@ -16,48 +16,40 @@
 
 namespace {
 
-const char kPathPrefix[] = "@device:sw:{860BB310-5D01-11D0-BD3B-00A0C911CE86}\\";
-
-std::wstring LongWideName() {
-    std::wstring name = L"Kamera ";
-    for (int i = 0; i < 130; ++i) name += L'\x20AC';  // euro sign: three UTF-8 bytes
-    return name;
-}
-
-// "Kamera " and 82 whole euro signs make 253 bytes; the cut keeps two bytes
-// of the 83rd.
-std::string LongNameCut() {
-    std::string name = "Kamera ";
-    for (int i = 0; i < 83; ++i) name += "\xE2\x82\xAC";
-    return name.substr(0, 255);
-}
+using Fields = std::vector<int32_t>;  // width, height, fps, valid, format
+Fields Of(const KivVideoCapability& c) { return {c.width, c.height, c.fps, c.valid, c.format}; }
 
 struct Camera {
     const wchar_t* key;
     std::wstring friendly;  // empty: no FriendlyName value
     const wchar_t* config;
     std::string listedName;
-    std::vector<KivVideoCapability> table;
+    std::vector<Fields> table;
 };
 
-std::vector<Camera> Cameras() {
-    return {
+// "Kamera " and 130 euro signs (three UTF-8 bytes each): the name keeps 255
+// bytes, two of them from the 83rd sign.
+const std::vector<Camera>& Cameras() {
+    static const std::vector<Camera> cameras = {
         {L"cam0", L"Test Camera",
          L"cap=YUY2:640:480:vih:333333:333333:333333;cap=YUY2:1280:720:vih:333333:166666:333333;"
          L"cap=P010:640:480:vih:333333:0:0;cap=NV12:320:240:vih2:166666:0:0;page=1",
          "Test Camera",
          {{640, 480, 30, 1, 1}, {1280, 720, 60, 1, 1}, {320, 240, 60, 1, 2}}},
-        {L"cam1", LongWideName(), L"cap=RGB24:320:240:vih:666666:0:0;cap=RGB32:640:480:vih:333333:0:0;"
-         L"cap=RGB32:320:-240:vih2:333333:0:0",
-         LongNameCut(),
+        {L"cam1", L"Kamera " + std::wstring(130, L'\x20AC'),
+         L"cap=RGB24:320:240:vih:666666:0:0;cap=RGB32:640:480:vih:333333:0:0;cap=RGB32:320:-240:vih2:333333:0:0",
+         [] {
+             std::string name = "Kamera ";
+             for (int i = 0; i < 83; ++i) name += "\xE2\x82\xAC";
+             return name.substr(0, 255);
+         }(),
          {{320, 240, 15, 1, 3}, {640, 480, 30, 1, 4}, {320, 240, 30, 1, 4}}},
         {L"cam2", L"", L"cap=MJPG:1920:1080:vih:333333:0:0;cap=H264:1920:1080:vih2:400000:0:0", "Unknown Device",
          {{1920, 1080, 30, 1, 5}, {1920, 1080, 25, 1, 6}}},
         {L"cam3", L"Broken Camera", L"nocfg=1;cap=YUY2:640:480:vih:333333:0:0", "Broken Camera", {}},
     };
+    return cameras;
 }
-
-std::vector<int32_t> Fields(const KivVideoCapability& c) { return {c.width, c.height, c.fps, c.valid, c.format}; }
 
 class VideoDevices : public ::testing::Test {
 protected:
@@ -77,22 +69,27 @@ protected:
     testcam::CameraInstaller installer;
 };
 
-TEST_F(VideoDevices, ListsTheInstalledCamerasInOrderUntilShutdown) {
-    const std::vector<Camera> cameras = Cameras();
-    ASSERT_EQ(KIV_GetVideoDeviceCount(), static_cast<int32_t>(cameras.size()));
-    for (size_t i = 0; i < cameras.size(); ++i) {
+TEST_F(VideoDevices, ListsTheInstalledCamerasUntilShutdownAndRefreshes) {
+    ASSERT_EQ(KIV_GetVideoDeviceCount(), 4);
+    for (int32_t i = 0; i < 4; ++i) {
         KivDeviceInfo info;
         std::memset(&info, 0x5a, sizeof(info));
-        ASSERT_EQ(KIV_GetVideoDeviceInfo(static_cast<int32_t>(i), &info), KIV_OK);
-        EXPECT_EQ(info.index, static_cast<int32_t>(i));
-        EXPECT_EQ(std::string(info.name), cameras[i].listedName);
-        const std::wstring key = cameras[i].key;
-        EXPECT_EQ(std::string(info.path), kPathPrefix + std::string(key.begin(), key.end()));
+        ASSERT_EQ(KIV_GetVideoDeviceInfo(i, &info), KIV_OK);
+        EXPECT_EQ(info.index, i);
+        EXPECT_EQ(std::string(info.name), Cameras()[i].listedName);
+        const std::wstring key = Cameras()[i].key;
+        EXPECT_EQ(std::string(info.path),
+                  "@device:sw:{860BB310-5D01-11D0-BD3B-00A0C911CE86}\\" + std::string(key.begin(), key.end()));
     }
     EXPECT_NE(kivtest::LibraryLog().find("Device enum completed video=4 audio="), std::string::npos);
-
-    // A camera plugged in later appears at the next refresh.
+    // A failed probe is not retried, and a camera plugged in later is not
+    // seen, until the next refresh.
+    KivVideoCapability cap{};
+    EXPECT_EQ(KIV_GetVideoCapabilityCount(3), 0);
+    EXPECT_EQ(KIV_GetVideoCapability(3, 0, &cap), KIV_ERROR_INVALID_ARG);
+    ASSERT_EQ(installer.Install(L"cam3", L"Broken Camera", L"cap=YUY2:640:480:vih:333333:0:0"), S_OK);
     ASSERT_EQ(installer.Install(L"cam4", L"Late Camera", L"cap=YUY2:640:480:vih:333333:0:0"), S_OK);
+    EXPECT_EQ(KIV_GetVideoCapabilityCount(3), 0);
     EXPECT_EQ(KIV_GetVideoDeviceCount(), 4);
     ASSERT_EQ(KIV_RefreshDeviceList(), KIV_OK);
     EXPECT_EQ(KIV_GetVideoDeviceCount(), 5);
@@ -100,8 +97,10 @@ TEST_F(VideoDevices, ListsTheInstalledCamerasInOrderUntilShutdown) {
     ASSERT_EQ(KIV_GetVideoDeviceInfo(4, &info), KIV_OK);
     EXPECT_STREQ(info.name, "Late Camera");
     EXPECT_EQ(KIV_GetVideoCapabilityCount(4), 1);
+    ASSERT_EQ(KIV_GetVideoCapabilityCount(3), 1);
+    ASSERT_EQ(KIV_GetVideoCapability(3, 0, &cap), KIV_OK);
+    EXPECT_EQ(Of(cap), (Fields{640, 480, 30, 1, 1}));
     EXPECT_NE(kivtest::LibraryLog().find("Device refresh completed video=5 audio="), std::string::npos);
-
     KIV_Shutdown();
     EXPECT_EQ(KIV_GetVideoDeviceCount(), 0);
     EXPECT_EQ(KIV_GetVideoDeviceInfo(0, &info), KIV_ERROR_NOT_INITIALIZED);
@@ -111,19 +110,17 @@ TEST_F(VideoDevices, ListsTheInstalledCamerasInOrderUntilShutdown) {
 }
 
 TEST_F(VideoDevices, CapabilityTablesThroughBothNames) {
-    const std::vector<Camera> cameras = Cameras();
-    for (size_t d = 0; d < cameras.size(); ++d) {
-        SCOPED_TRACE(cameras[d].listedName);
-        const int32_t device = static_cast<int32_t>(d);
-        const std::vector<KivVideoCapability>& table = cameras[d].table;
-        ASSERT_EQ(KIV_GetVideoCapabilityCount(device), static_cast<int32_t>(table.size()));
-        ASSERT_EQ(KIV_GetVideoFormatCount(device), static_cast<int32_t>(table.size()));
-        for (size_t i = 0; i < table.size(); ++i) {
+    for (int32_t d = 0; d < 4; ++d) {
+        const std::vector<Fields>& table = Cameras()[d].table;
+        const int32_t n = static_cast<int32_t>(table.size());
+        ASSERT_EQ(KIV_GetVideoCapabilityCount(d), n) << d;
+        ASSERT_EQ(KIV_GetVideoFormatCount(d), n) << d;
+        for (int32_t i = 0; i < n; ++i) {
             KivVideoCapability cap{}, twin{};
-            ASSERT_EQ(KIV_GetVideoCapability(device, static_cast<int32_t>(i), &cap), KIV_OK);
-            ASSERT_EQ(KIV_GetVideoFormatInfo(device, static_cast<int32_t>(i), &twin), KIV_OK);
-            EXPECT_EQ(Fields(cap), Fields(table[i])) << "entry " << i;
-            EXPECT_EQ(Fields(twin), Fields(table[i])) << "entry " << i;
+            ASSERT_EQ(KIV_GetVideoCapability(d, i, &cap), KIV_OK);
+            ASSERT_EQ(KIV_GetVideoFormatInfo(d, i, &twin), KIV_OK);
+            EXPECT_EQ(Of(cap), table[i]) << d << " entry " << i;
+            EXPECT_EQ(Of(twin), table[i]) << d << " entry " << i;
         }
     }
     const std::string log = kivtest::LibraryLog();
@@ -132,26 +129,11 @@ TEST_F(VideoDevices, CapabilityTablesThroughBothNames) {
     EXPECT_EQ(kivtest::CountOf(log, "Video capability cached device=3"), 0u);
 }
 
-// The broken camera is fixed behind the library's back: its failed probe is
-// not retried until the device list is refreshed.
-TEST_F(VideoDevices, FailedProbeIsNotRetriedUntilRefresh) {
-    KivVideoCapability cap{};
-    EXPECT_EQ(KIV_GetVideoCapabilityCount(3), 0);
-    EXPECT_EQ(KIV_GetVideoCapability(3, 0, &cap), KIV_ERROR_INVALID_ARG);
-    ASSERT_EQ(installer.Install(L"cam3", L"Broken Camera", L"cap=YUY2:640:480:vih:333333:0:0"), S_OK);
-    EXPECT_EQ(KIV_GetVideoCapabilityCount(3), 0);
-    ASSERT_EQ(KIV_RefreshDeviceList(), KIV_OK);
-    EXPECT_EQ(KIV_GetVideoCapabilityCount(3), 1);
-    ASSERT_EQ(KIV_GetVideoCapability(3, 0, &cap), KIV_OK);
-    EXPECT_EQ(Fields(cap), (std::vector<int32_t>{640, 480, 30, 1, 1}));
-}
-
 TEST_F(VideoDevices, BadArgumentsChangeNothing) {
     const struct {
         const char* what;
         int32_t device, index;
-        bool nullOut;
-        bool initialised;
+        bool nullOut, initialised;
         int32_t result;
     } cases[] = {
         {"index below 0", 0, -1, false, true, KIV_ERROR_INVALID_ARG},
@@ -162,67 +144,48 @@ TEST_F(VideoDevices, BadArgumentsChangeNothing) {
         {"not initialised", 0, 0, false, false, KIV_ERROR_NOT_INITIALIZED},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
         if (!c.initialised) KIV_Shutdown();
         KivVideoCapability cap{7, 7, 7, 7, 7};
-        EXPECT_EQ(KIV_GetVideoCapability(c.device, c.index, c.nullOut ? nullptr : &cap), c.result);
-        EXPECT_EQ(KIV_GetVideoFormatInfo(c.device, c.index, c.nullOut ? nullptr : &cap), c.result);
-        EXPECT_EQ(Fields(cap), std::vector<int32_t>(5, 7));
+        EXPECT_EQ(KIV_GetVideoCapability(c.device, c.index, c.nullOut ? nullptr : &cap), c.result) << c.what;
+        EXPECT_EQ(KIV_GetVideoFormatInfo(c.device, c.index, c.nullOut ? nullptr : &cap), c.result) << c.what;
+        EXPECT_EQ(Of(cap), Fields(5, 7)) << c.what;
     }
     EXPECT_EQ(KIV_GetVideoCapabilityCount(0), 0);
 }
 
-// Closes the first visible window of this process that appears, and tells
-// its title.
-class WindowCloser {
-public:
-    WindowCloser() : thread_([this] { Run(); }) {}
-    ~WindowCloser() {
-        stop_ = true;
-        thread_.join();
-    }
-    std::string Title() {
-        stop_ = true;
-        thread_.join();
-        thread_ = std::thread([] {});
-        return title_;
-    }
-
-private:
-    static BOOL CALLBACK FindOwnWindow(HWND w, LPARAM found) {
-        DWORD pid = 0;
-        GetWindowThreadProcessId(w, &pid);
-        if (pid != GetCurrentProcessId() || !IsWindowVisible(w)) return TRUE;
-        *reinterpret_cast<HWND*>(found) = w;
-        return FALSE;
-    }
-    void Run() {
-        for (int i = 0; i < 2000 && !stop_; ++i) {
-            HWND found = nullptr;
-            EnumWindows(&FindOwnWindow, reinterpret_cast<LPARAM>(&found));
-            if (found) {
-                char text[256] = {};
-                GetWindowTextA(found, text, sizeof(text));
-                if (title_.empty()) title_ = text;
-                PostMessageW(found, WM_COMMAND, IDCANCEL, 0);
-                PostMessageW(found, WM_CLOSE, 0, 0);
-            }
-            Sleep(10);
-        }
-    }
-    std::atomic<bool> stop_{false};
-    std::string title_;
-    std::thread thread_;
-};
+BOOL CALLBACK OwnVisibleWindow(HWND w, LPARAM found) {
+    DWORD pid = 0;
+    GetWindowThreadProcessId(w, &pid);
+    if (pid != GetCurrentProcessId() || !IsWindowVisible(w)) return TRUE;
+    *reinterpret_cast<HWND*>(found) = w;
+    return FALSE;
+}
 
 TEST_F(VideoDevices, PropertyPages) {
     EXPECT_EQ(KIV_ShowVideoCrossbarPropertyPage(0, nullptr), KIV_ERROR_UNSUPPORTED);  // no crossbar
     EXPECT_EQ(KIV_ShowVideoDevicePropertyPage(1, nullptr), KIV_ERROR_UNSUPPORTED);    // no page
     EXPECT_EQ(KIV_ShowVideoDevicePropertyPage(4, nullptr), KIV_ERROR_INVALID_ARG);
     EXPECT_EQ(KIV_ShowVideoCrossbarPropertyPage(-1, nullptr), KIV_ERROR_INVALID_ARG);
-    WindowCloser closer;
+    // Closes the first visible window of this process that appears and keeps
+    // its title.
+    std::atomic<bool> stop{false};
+    std::string title;
+    std::thread closer([&] {
+        for (int i = 0; i < 2000 && !stop; ++i, Sleep(10)) {
+            HWND found = nullptr;
+            EnumWindows(&OwnVisibleWindow, reinterpret_cast<LPARAM>(&found));
+            if (!found) continue;
+            char text[256] = {};
+            GetWindowTextA(found, text, sizeof(text));
+            if (title.empty()) title = text;
+            PostMessageW(found, WM_COMMAND, IDCANCEL, 0);
+            PostMessageW(found, WM_CLOSE, 0, 0);
+        }
+    });
     EXPECT_EQ(KIV_ShowVideoDevicePropertyPage(0, nullptr), KIV_OK);
-    EXPECT_NE(closer.Title().find("KIV Video Device"), std::string::npos);
+    stop = true;
+    closer.join();
+    EXPECT_NE(title.find("KIV Video Device"), std::string::npos);
 }
 
 }  // namespace

@@ -1,40 +1,31 @@
 // Installing test cameras from a test or a tool: the camera DLL does the
-// registry work; callers load it and call these two functions.
+// registry work; callers load it once for the process and call its functions.
 #pragma once
 #include <windows.h>
 
 #include <string>
 
-extern "C" {
-typedef HRESULT (*KivTestCamInstallFn)(const wchar_t* keyName, const wchar_t* friendlyName, const wchar_t* config);
-typedef HRESULT (*KivTestCamRemoveAllFn)();
-}
-
 namespace testcam {
 
-// The camera DLL as a Windows path (the build passes its Unix path; Wine
-// maps the Unix root to drive Z:).
+// The camera DLL as a Windows path (the build passes its Unix path; Wine maps
+// the Unix root to drive Z:).
 inline std::wstring CameraDllPath() {
 #ifdef KIV_TESTCAM_DLL
-    std::string unix = KIV_TESTCAM_DLL;
     std::wstring path = L"Z:";
-    for (char c : unix) path += c == '/' ? L'\\' : static_cast<wchar_t>(c);
+    for (const char* c = KIV_TESTCAM_DLL; *c; ++c) path += *c == '/' ? L'\\' : static_cast<wchar_t>(*c);
     return path;
 #else
     return L"testcam.dll";
 #endif
 }
 
-// Loads the camera DLL once for the process and hands out its functions.
 class CameraInstaller {
 public:
     CameraInstaller() : module_(LoadLibraryW(CameraDllPath().c_str())) {
-        if (module_) {
-            install_ = reinterpret_cast<KivTestCamInstallFn>(
-                reinterpret_cast<void*>(GetProcAddress(module_, "KivTestCamInstall")));
-            removeAll_ = reinterpret_cast<KivTestCamRemoveAllFn>(
-                reinterpret_cast<void*>(GetProcAddress(module_, "KivTestCamRemoveAll")));
-        }
+        if (!module_) return;
+        install_ = reinterpret_cast<InstallFn>(reinterpret_cast<void*>(GetProcAddress(module_, "KivTestCamInstall")));
+        removeAll_ =
+            reinterpret_cast<RemoveAllFn>(reinterpret_cast<void*>(GetProcAddress(module_, "KivTestCamRemoveAll")));
     }
     ~CameraInstaller() {
         if (module_) FreeLibrary(module_);
@@ -47,9 +38,11 @@ public:
     HRESULT RemoveAll() const { return removeAll_ ? removeAll_() : E_FAIL; }
 
 private:
+    using InstallFn = HRESULT (*)(const wchar_t* keyName, const wchar_t* friendlyName, const wchar_t* config);
+    using RemoveAllFn = HRESULT (*)();
     HMODULE module_;
-    KivTestCamInstallFn install_ = nullptr;
-    KivTestCamRemoveAllFn removeAll_ = nullptr;
+    InstallFn install_ = nullptr;
+    RemoveAllFn removeAll_ = nullptr;
 };
 
 }  // namespace testcam

@@ -18,16 +18,11 @@ enum class PatternFormat { YUY2, NV12, RGB24, RGB32 };
 
 inline int PatternCellWidth(int width) { return width / 32 > 0 ? width / 32 : 1; }
 
-// Bytes a pixel in the luma (or packed RGB) plane and the byte offset of the
-// channel read for pixel x of a row.
+// The byte offset of the channel read for pixel x of a row of the luma (or
+// packed RGB) plane.
 inline size_t PatternPixelOffset(PatternFormat f, int x) {
-    switch (f) {
-        case PatternFormat::YUY2: return static_cast<size_t>(x) * 2;
-        case PatternFormat::NV12: return static_cast<size_t>(x);
-        case PatternFormat::RGB24: return static_cast<size_t>(x) * 3;
-        case PatternFormat::RGB32: return static_cast<size_t>(x) * 4;
-    }
-    return 0;
+    const size_t bytes[] = {2, 1, 3, 4};  // YUY2, NV12, RGB24, RGB32
+    return static_cast<size_t>(x) * bytes[static_cast<int>(f)];
 }
 
 // Fills a whole buffer: `stride` bytes a row of the first plane; NV12 chroma
@@ -37,16 +32,12 @@ inline void WritePattern(PatternFormat f, int width, int height, size_t stride, 
                          uint8_t* data) {
     const bool rgb = f == PatternFormat::RGB24 || f == PatternFormat::RGB32;
     const uint8_t grey = 100;
+    const size_t plane = stride * static_cast<size_t>(height);
     if (f == PatternFormat::YUY2) {
-        for (int y = 0; y < height; ++y)
-            for (int x = 0; x < width; ++x) {
-                data[y * stride + x * 2] = grey;
-                data[y * stride + x * 2 + 1] = 128;
-            }
+        for (size_t i = 0; i < plane; i += 2) data[i] = grey, data[i + 1] = 128;
     } else {
-        std::memset(data, grey, stride * static_cast<size_t>(height));
-        if (f == PatternFormat::NV12)
-            std::memset(data + stride * static_cast<size_t>(height), 128, stride * static_cast<size_t>((height + 1) / 2));
+        std::memset(data, grey, plane);
+        if (f == PatternFormat::NV12) std::memset(data + plane, 128, stride * static_cast<size_t>((height + 1) / 2));
     }
     const int cell = PatternCellWidth(width);
     uint8_t* row = data + (bottomUp ? stride * static_cast<size_t>(height - 1) : 0);
@@ -54,12 +45,7 @@ inline void WritePattern(PatternFormat f, int width, int height, size_t stride, 
         const int bit = x / cell;
         const bool set = bit < 32 && ((number >> (31 - bit)) & 1u) != 0;
         const uint8_t v = rgb ? (set ? 255 : 0) : (set ? 235 : 16);
-        uint8_t* p = row + PatternPixelOffset(f, x);
-        p[0] = v;
-        if (rgb) {
-            p[1] = v;
-            p[2] = v;
-        }
+        std::memset(row + PatternPixelOffset(f, x), v, rgb ? 3 : 1);
     }
 }
 

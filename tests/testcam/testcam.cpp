@@ -1,0 +1,1013 @@
+// The test camera: a DirectShow video capture source of our own, so tests
+// under Wine see a camera exactly where a USB camera would appear. One filter
+// with one capture output pin, a trivial property page, the class factory and
+// the functions that install camera instances; plain COM, no framework.
+//
+// Each instance reads its configuration from the text stored beside its
+// registry entry, ';'-separated entries:
+//   cap=SUBTYPE:WIDTH:HEIGHT:BLOCK:AVG:MIN:MAX   one capability (repeatable)
+//   page=1 / nocfg=1   a property page / no IAMStreamConfig (probes fail)
+//   record=PATH  file the camera rewrites with what it was asked
+//   h264=PATH    Annex-B file streamed one access unit per sample
+// SUBTYPE is YUY2, NV12, RGB24, RGB32, MJPG, H264 or P010 (a 10-bit format the
+// library does not know); a negative HEIGHT is a top-down picture; BLOCK is
+// vih (VIDEOINFOHEADER) or vih2 (VIDEOINFOHEADER2); AVG, MIN and MAX are frame
+// intervals in 100 ns.
+#include <windows.h>
+#include <dshow.h>
+#include <dvdmedia.h>
+#include <ocidl.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "testcam_pattern.h"
+
+namespace testcam {
+namespace {
+
+// {9CD1D6BD-FD91-4036-B021-8664EC006260}
+const CLSID CLSID_TestCam = {0x9cd1d6bd, 0xfd91, 0x4036, {0xb0, 0x21, 0x86, 0x64, 0xec, 0x00, 0x62, 0x60}};
+// {AC54F4C5-B66C-4630-A981-9EFC32C2C565}
+const CLSID CLSID_TestCamPage = {0xac54f4c5, 0xb66c, 0x4630, {0xa9, 0x81, 0x9e, 0xfc, 0x32, 0xc2, 0xc5, 0x65}};
+std::atomic<long> g_objects{0}, g_locks{0};  // for DllCanUnloadNow
+HMODULE g_module = nullptr;
+
+struct CamCap {
+    std::string subtype;
+    int width = 0, height = 0;  // height < 0: top-down
+    bool vih2 = false;
+    int64_t avg = 0, min = 0, max = 0;
+};
+
+struct CamConfig {
+    std::vector<CamCap> caps;
+    bool page = false, noStreamConfig = false;
+    std::wstring recordPath, h264Path;
+};
+
+std::vector<std::wstring> Split(const std::wstring& text, wchar_t sep) {
+    std::vector<std::wstring> parts;
+    for (size_t start = 0;;) {
+        const size_t end = text.find(sep, start);
+        parts.push_back(text.substr(start, end == std::wstring::npos ? std::wstring::npos : end - start));
+        if (end == std::wstring::npos) return parts;
+        start = end + 1;
+    }
+}
+
+CamConfig ParseConfig(const std::wstring& text) {
+    CamConfig config;
+    for (const std::wstring& entry : Split(text, L';')) {
+        const size_t eq = entry.find(L'=');
+        if (eq == std::wstring::npos) continue;
+        const std::wstring key = entry.substr(0, eq), value = entry.substr(eq + 1);
+        const std::vector<std::wstring> f = Split(value, L':');
+        if (key == L"cap" && f.size() == 7) {
+            config.caps.push_back({std::string(f[0].begin(), f[0].end()), std::wcstol(f[1].c_str(), nullptr, 10),
+                                   std::wcstol(f[2].c_str(), nullptr, 10), f[3] == L"vih2",
+                                   std::wcstoll(f[4].c_str(), nullptr, 10), std::wcstoll(f[5].c_str(), nullptr, 10),
+                                   std::wcstoll(f[6].c_str(), nullptr, 10)});
+        } else if (key == L"page") {
+            config.page = value == L"1";
+        } else if (key == L"nocfg") {
+            config.noStreamConfig = value == L"1";
+        } else if (key == L"record") {
+            config.recordPath = value;
+        } else if (key == L"h264") {
+            config.h264Path = value;
+        }
+    }
+    return config;
+}
+
+struct SubtypeInfo {
+    const char* name;
+    DWORD fourcc;  // BI_RGB for the RGB types
+    WORD bits;
+    GUID guid;
+};
+
+GUID FourccGuid(DWORD fourcc) { return {fourcc, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xaa, 0x00, 0x38, 0x9b, 0x71}}; }
+
+const SubtypeInfo* Subtypes() {
+    static const SubtypeInfo table[] = {
+        {"YUY2", MAKEFOURCC('Y', 'U', 'Y', '2'), 16, FourccGuid(MAKEFOURCC('Y', 'U', 'Y', '2'))},
+        {"NV12", MAKEFOURCC('N', 'V', '1', '2'), 12, FourccGuid(MAKEFOURCC('N', 'V', '1', '2'))},
+        {"RGB24", BI_RGB, 24, MEDIASUBTYPE_RGB24},
+        {"RGB32", BI_RGB, 32, MEDIASUBTYPE_RGB32},
+        {"MJPG", MAKEFOURCC('M', 'J', 'P', 'G'), 24, FourccGuid(MAKEFOURCC('M', 'J', 'P', 'G'))},
+        {"H264", MAKEFOURCC('H', '2', '6', '4'), 24, FourccGuid(MAKEFOURCC('H', '2', '6', '4'))},
+        {"P010", MAKEFOURCC('P', '0', '1', '0'), 24, FourccGuid(MAKEFOURCC('P', '0', '1', '0'))},
+        {nullptr, 0, 0, GUID_NULL},
+    };
+    return table;
+}
+
+const SubtypeInfo* FindSubtype(const std::string& name, const GUID* guid = nullptr) {
+    for (const SubtypeInfo* s = Subtypes(); s->name; ++s)
+        if (guid ? IsEqualGUID(*guid, s->guid) : name == s->name) return s;
+    return nullptr;
+}
+
+void BuildMediaType(const CamCap& cap, AM_MEDIA_TYPE* mt) {
+    const SubtypeInfo* info = FindSubtype(cap.subtype);
+    if (!info) info = FindSubtype("YUY2");
+    std::memset(mt, 0, sizeof(*mt));
+    mt->majortype = MEDIATYPE_Video;
+    mt->subtype = info->guid;
+    const bool compressed = cap.subtype == "MJPG" || cap.subtype == "H264";
+    mt->bFixedSizeSamples = !compressed;
+    mt->bTemporalCompression = cap.subtype == "H264";
+    BITMAPINFOHEADER bmi{};
+    bmi.biSize = sizeof(bmi);
+    bmi.biWidth = cap.width;
+    bmi.biHeight = cap.height;
+    bmi.biPlanes = 1;
+    bmi.biBitCount = info->bits;
+    bmi.biCompression = info->fourcc;
+    const long absHeight = cap.height < 0 ? -cap.height : cap.height;
+    bmi.biSizeImage = static_cast<DWORD>(cap.width) * static_cast<DWORD>(absHeight) * info->bits / 8;
+    mt->lSampleSize = compressed ? 0 : bmi.biSizeImage;
+    mt->formattype = cap.vih2 ? FORMAT_VideoInfo2 : FORMAT_VideoInfo;
+    mt->cbFormat = cap.vih2 ? sizeof(VIDEOINFOHEADER2) : sizeof(VIDEOINFOHEADER);
+    mt->pbFormat = static_cast<BYTE*>(CoTaskMemAlloc(mt->cbFormat));
+    std::memset(mt->pbFormat, 0, mt->cbFormat);
+    if (cap.vih2) {
+        auto* vih = reinterpret_cast<VIDEOINFOHEADER2*>(mt->pbFormat);
+        vih->AvgTimePerFrame = cap.avg;
+        vih->dwPictAspectRatioX = static_cast<DWORD>(cap.width);
+        vih->dwPictAspectRatioY = static_cast<DWORD>(absHeight);
+        vih->bmiHeader = bmi;
+    } else {
+        auto* vih = reinterpret_cast<VIDEOINFOHEADER*>(mt->pbFormat);
+        vih->AvgTimePerFrame = cap.avg;
+        vih->bmiHeader = bmi;
+    }
+}
+
+void FreeMediaType(AM_MEDIA_TYPE* mt) {
+    if (mt->pbFormat) CoTaskMemFree(mt->pbFormat);
+    if (mt->pUnk) mt->pUnk->Release();
+    std::memset(mt, 0, sizeof(*mt));
+}
+
+void CopyMediaType(AM_MEDIA_TYPE* dst, const AM_MEDIA_TYPE* src) {
+    *dst = *src;
+    dst->pbFormat = nullptr;
+    if (src->cbFormat && src->pbFormat) {
+        dst->pbFormat = static_cast<BYTE*>(CoTaskMemAlloc(src->cbFormat));
+        std::memcpy(dst->pbFormat, src->pbFormat, src->cbFormat);
+    } else {
+        dst->cbFormat = 0;
+    }
+    if (dst->pUnk) dst->pUnk->AddRef();
+}
+
+bool ReadVideoHeader(const AM_MEDIA_TYPE* mt, BITMAPINFOHEADER* bmi, REFERENCE_TIME* avg) {
+    if (!mt->pbFormat) return false;
+    if (IsEqualGUID(mt->formattype, FORMAT_VideoInfo) && mt->cbFormat >= sizeof(VIDEOINFOHEADER)) {
+        const auto* vih = reinterpret_cast<const VIDEOINFOHEADER*>(mt->pbFormat);
+        *bmi = vih->bmiHeader;
+        *avg = vih->AvgTimePerFrame;
+        return true;
+    }
+    if (IsEqualGUID(mt->formattype, FORMAT_VideoInfo2) && mt->cbFormat >= sizeof(VIDEOINFOHEADER2)) {
+        const auto* vih = reinterpret_cast<const VIDEOINFOHEADER2*>(mt->pbFormat);
+        *bmi = vih->bmiHeader;
+        *avg = vih->AvgTimePerFrame;
+        return true;
+    }
+    return false;
+}
+
+// The capability a full media type names; -1 when none.
+int FindCap(const std::vector<CamCap>& caps, const AM_MEDIA_TYPE* mt) {
+    BITMAPINFOHEADER bmi;
+    REFERENCE_TIME avg;
+    if (!IsEqualGUID(mt->majortype, MEDIATYPE_Video) || !ReadVideoHeader(mt, &bmi, &avg)) return -1;
+    const SubtypeInfo* info = FindSubtype("", &mt->subtype);
+    const bool vih2 = IsEqualGUID(mt->formattype, FORMAT_VideoInfo2);
+    for (size_t i = 0; info && i < caps.size(); ++i) {
+        const CamCap& c = caps[i];
+        if (c.subtype == info->name && c.vih2 == vih2 && c.width == bmi.biWidth && c.height == bmi.biHeight)
+            return static_cast<int>(i);
+    }
+    return -1;
+}
+
+std::string DescribeMediaType(const AM_MEDIA_TYPE* mt) {
+    BITMAPINFOHEADER bmi;
+    REFERENCE_TIME avg;
+    const SubtypeInfo* info = FindSubtype("", &mt->subtype);
+    if (!info || !ReadVideoHeader(mt, &bmi, &avg)) return "unknown";
+    char text[128];
+    std::snprintf(text, sizeof(text), "%s:%ld:%ld:%s:%lld", info->name, static_cast<long>(bmi.biWidth),
+                  static_cast<long>(bmi.biHeight), IsEqualGUID(mt->formattype, FORMAT_VideoInfo2) ? "vih2" : "vih",
+                  static_cast<long long>(avg));
+    return text;
+}
+
+// Access units of an Annex-B H.264 file (none when it cannot be read). NAL
+// units start after 00 00 01; a new access unit begins at an access unit
+// delimiter, SPS, PPS or SEI, or at a slice whose first macroblock is 0, once
+// the current unit holds a slice.
+std::vector<std::vector<BYTE>> ReadAccessUnits(const std::wstring& path) {
+    std::vector<std::vector<BYTE>> units;
+    FILE* f = _wfopen(path.c_str(), L"rb");
+    if (!f) return units;
+    std::vector<BYTE> data;
+    BYTE chunk[65536];
+    for (size_t n; (n = std::fread(chunk, 1, sizeof(chunk), f)) > 0;) data.insert(data.end(), chunk, chunk + n);
+    std::fclose(f);
+    std::vector<size_t> starts;  // offsets of the start codes (3 or 4 bytes)
+    for (size_t i = 0; i + 3 <= data.size(); ++i) {
+        if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1) {
+            starts.push_back(i > 0 && data[i - 1] == 0 ? i - 1 : i);
+            i += 2;
+        }
+    }
+    std::vector<BYTE> current;
+    bool hasSlice = false;
+    for (size_t k = 0; k < starts.size(); ++k) {
+        const size_t begin = starts[k], end = k + 1 < starts.size() ? starts[k + 1] : data.size();
+        const size_t header = begin + (data[begin + 2] == 1 ? 3 : 4);
+        if (header >= end) continue;
+        const int type = data[header] & 0x1f;
+        const bool slice = type == 1 || type == 5;
+        const bool firstSlice = slice && header + 1 < end && (data[header + 1] & 0x80) != 0;
+        if ((type == 9 || type == 7 || type == 8 || type == 6 || firstSlice) && hasSlice) {
+            units.push_back(current);
+            current.clear();
+            hasSlice = false;
+        }
+        current.insert(current.end(), data.begin() + static_cast<std::ptrdiff_t>(begin),
+                       data.begin() + static_cast<std::ptrdiff_t>(end));
+        hasSlice = hasSlice || slice;
+    }
+    if (hasSlice) units.push_back(current);
+    return units;
+}
+
+// IUnknown of the small objects with one interface (enumerators, the class
+// factory, the property page): counted, deleted at zero, and counted in
+// g_objects while alive.
+template <class Interface>
+class SingleInterface : public Interface {
+public:
+    explicit SingleInterface(const IID& iid) : iid_(iid) { ++g_objects; }
+    virtual ~SingleInterface() { --g_objects; }
+    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
+        if (!ppv) return E_POINTER;
+        *ppv = IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, iid_) ? static_cast<Interface*>(this) : nullptr;
+        if (!*ppv) return E_NOINTERFACE;
+        AddRef();
+        return S_OK;
+    }
+    STDMETHODIMP_(ULONG) AddRef() override { return ++refs_; }
+    STDMETHODIMP_(ULONG) Release() override {
+        const long n = --refs_;
+        if (n == 0) delete this;
+        return n;
+    }
+
+protected:
+    const IID& iid_;
+
+private:
+    std::atomic<long> refs_{1};
+};
+
+// An enumerator over copies of items (pins or media types).
+template <class Enum, class Item, class Traits>
+class Enumerator : public SingleInterface<Enum> {
+public:
+    Enumerator(const IID& iid, const std::vector<Item>& items, size_t pos) : SingleInterface<Enum>(iid), pos_(pos) {
+        for (const Item& item : items) items_.push_back(Traits::Copy(item));
+    }
+    ~Enumerator() override {
+        for (Item& item : items_) Traits::Free(item);
+    }
+    STDMETHODIMP Next(ULONG count, Item* out, ULONG* fetched) override {
+        ULONG n = 0;
+        for (; n < count && pos_ < items_.size(); ++n, ++pos_) out[n] = Traits::Copy(items_[pos_]);
+        if (fetched) *fetched = n;
+        return n == count ? S_OK : S_FALSE;
+    }
+    STDMETHODIMP Skip(ULONG count) override {
+        const bool all = pos_ + count <= items_.size();
+        pos_ = all ? pos_ + count : items_.size();
+        return all ? S_OK : S_FALSE;
+    }
+    STDMETHODIMP Reset() override { return pos_ = 0, S_OK; }
+    STDMETHODIMP Clone(Enum** out) override {
+        if (!out) return E_POINTER;
+        *out = new Enumerator(this->iid_, items_, pos_);
+        return S_OK;
+    }
+
+private:
+    std::vector<Item> items_;
+    size_t pos_;
+};
+
+struct PinTraits {
+    static IPin* Copy(IPin* pin) {
+        pin->AddRef();
+        return pin;
+    }
+    static void Free(IPin* pin) { pin->Release(); }
+};
+struct TypeTraits {
+    static AM_MEDIA_TYPE* Copy(AM_MEDIA_TYPE* mt) {
+        auto* copy = static_cast<AM_MEDIA_TYPE*>(CoTaskMemAlloc(sizeof(AM_MEDIA_TYPE)));
+        CopyMediaType(copy, mt);
+        return copy;
+    }
+    static void Free(AM_MEDIA_TYPE* mt) {
+        FreeMediaType(mt);
+        CoTaskMemFree(mt);
+    }
+};
+
+bool SameType(const AM_MEDIA_TYPE* a, const AM_MEDIA_TYPE* b) {
+    return IsEqualGUID(a->majortype, b->majortype) && IsEqualGUID(a->subtype, b->subtype) &&
+           IsEqualGUID(a->formattype, b->formattype) && a->cbFormat == b->cbFormat &&
+           (a->cbFormat == 0 || std::memcmp(a->pbFormat, b->pbFormat, a->cbFormat) == 0);
+}
+
+// A partial type given to Connect matches when every GUID it names matches.
+bool MatchesPartial(const AM_MEDIA_TYPE* partial, const AM_MEDIA_TYPE* full) {
+    for (auto [p, f] : {std::make_pair(&partial->majortype, &full->majortype),
+                        std::make_pair(&partial->subtype, &full->subtype),
+                        std::make_pair(&partial->formattype, &full->formattype)})
+        if (!IsEqualGUID(*p, GUID_NULL) && !IsEqualGUID(*p, *f)) return false;
+    return true;
+}
+
+const wchar_t kPinName[] = L"Capture";
+
+// What the filter and its pin share.
+struct CamState {
+    CamConfig config;
+    CRITICAL_SECTION lock;
+};
+
+// The capture output pin: stream configuration, connection with allocator
+// negotiation, and the streaming thread that draws numbered frames. Its
+// lifetime is the filter's (`owner`).
+class TestCamPin : public IPin, public IAMStreamConfig, public IKsPropertySet {
+public:
+    TestCamPin(IBaseFilter* owner, CamState* state) : owner_(owner), state_(state) {}
+    virtual ~TestCamPin() {
+        StopStreaming();
+        Inactive();
+        Disconnect();
+        if (hasChosen_) FreeMediaType(&chosen_);
+    }
+    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
+        if (!ppv) return E_POINTER;
+        *ppv = nullptr;
+        if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IPin)) *ppv = static_cast<IPin*>(this);
+        else if (IsEqualIID(riid, IID_IAMStreamConfig) && !Config().noStreamConfig)
+            *ppv = static_cast<IAMStreamConfig*>(this);
+        else if (IsEqualIID(riid, IID_IKsPropertySet)) *ppv = static_cast<IKsPropertySet*>(this);
+        else return E_NOINTERFACE;
+        AddRef();
+        return S_OK;
+    }
+    STDMETHODIMP_(ULONG) AddRef() override { return owner_->AddRef(); }
+    STDMETHODIMP_(ULONG) Release() override { return owner_->Release(); }
+
+    // IPin
+    STDMETHODIMP Connect(IPin* receivePin, const AM_MEDIA_TYPE* mt) override {
+        if (!receivePin) return E_POINTER;
+        EnterCriticalSection(&state_->lock);
+        HRESULT hr = VFW_E_NO_ACCEPTABLE_TYPES;
+        if (peer_) {
+            hr = VFW_E_ALREADY_CONNECTED;
+        } else if (mt && !IsEqualGUID(mt->formattype, GUID_NULL) && mt->pbFormat) {
+            hr = FindCap(Config().caps, mt) >= 0 ? TryConnect(receivePin, mt) : VFW_E_TYPE_NOT_ACCEPTED;
+        } else {
+            for (AM_MEDIA_TYPE& t : OfferedTypes()) {
+                if (hr != S_OK && (!mt || MatchesPartial(mt, &t))) hr = TryConnect(receivePin, &t);
+                FreeMediaType(&t);
+            }
+        }
+        LeaveCriticalSection(&state_->lock);
+        return hr;
+    }
+    STDMETHODIMP ReceiveConnection(IPin*, const AM_MEDIA_TYPE*) override { return E_UNEXPECTED; }
+    STDMETHODIMP Disconnect() override {
+        if (!peer_) return S_FALSE;
+        if (allocator_) allocator_->Release();
+        if (peerInput_) peerInput_->Release();
+        peer_->Release();
+        allocator_ = nullptr;
+        peerInput_ = nullptr;
+        peer_ = nullptr;
+        FreeMediaType(&connected_);
+        return S_OK;
+    }
+    STDMETHODIMP ConnectedTo(IPin** pin) override {
+        if (!pin) return E_POINTER;
+        *pin = peer_;
+        return peer_ ? (peer_->AddRef(), S_OK) : VFW_E_NOT_CONNECTED;
+    }
+    STDMETHODIMP ConnectionMediaType(AM_MEDIA_TYPE* mt) override {
+        if (!mt) return E_POINTER;
+        if (!peer_) {
+            std::memset(mt, 0, sizeof(*mt));
+            return VFW_E_NOT_CONNECTED;
+        }
+        CopyMediaType(mt, &connected_);
+        return S_OK;
+    }
+    STDMETHODIMP QueryPinInfo(PIN_INFO* info) override {
+        if (!info) return E_POINTER;
+        info->pFilter = owner_;
+        owner_->AddRef();
+        info->dir = PINDIR_OUTPUT;
+        lstrcpynW(info->achName, kPinName, MAX_PIN_NAME);
+        return S_OK;
+    }
+    STDMETHODIMP QueryDirection(PIN_DIRECTION* dir) override { return dir ? (*dir = PINDIR_OUTPUT, S_OK) : E_POINTER; }
+    STDMETHODIMP QueryId(LPWSTR* id) override {
+        if (!id) return E_POINTER;
+        *id = static_cast<LPWSTR>(CoTaskMemAlloc(sizeof(kPinName)));
+        std::memcpy(*id, kPinName, sizeof(kPinName));
+        return S_OK;
+    }
+    STDMETHODIMP QueryAccept(const AM_MEDIA_TYPE* mt) override {
+        return mt && FindCap(Config().caps, mt) >= 0 ? S_OK : S_FALSE;
+    }
+    STDMETHODIMP EnumMediaTypes(IEnumMediaTypes** e) override {
+        if (!e) return E_POINTER;
+        std::vector<AM_MEDIA_TYPE> types = OfferedTypes();
+        std::vector<AM_MEDIA_TYPE*> pointers;
+        for (AM_MEDIA_TYPE& t : types) pointers.push_back(&t);
+        *e = new Enumerator<IEnumMediaTypes, AM_MEDIA_TYPE*, TypeTraits>(IID_IEnumMediaTypes, pointers, 0);
+        for (AM_MEDIA_TYPE& t : types) FreeMediaType(&t);
+        return S_OK;
+    }
+    STDMETHODIMP QueryInternalConnections(IPin**, ULONG*) override { return E_NOTIMPL; }
+    STDMETHODIMP EndOfStream() override { return E_UNEXPECTED; }
+    STDMETHODIMP BeginFlush() override { return E_UNEXPECTED; }
+    STDMETHODIMP EndFlush() override { return E_UNEXPECTED; }
+    STDMETHODIMP NewSegment(REFERENCE_TIME, REFERENCE_TIME, double) override { return S_OK; }
+
+    // IAMStreamConfig: SetFormat is honoured (and recorded for the tests) as
+    // long as the type is one of the capabilities, whatever its frame interval.
+    STDMETHODIMP SetFormat(AM_MEDIA_TYPE* mt) override {
+        if (!mt) return E_POINTER;
+        if (FindCap(Config().caps, mt) < 0) return VFW_E_INVALIDMEDIATYPE;
+        if (peer_) return SameType(mt, &connected_) ? S_OK : VFW_E_ALREADY_CONNECTED;
+        if (hasChosen_) FreeMediaType(&chosen_);
+        CopyMediaType(&chosen_, mt);
+        hasChosen_ = true;
+        lastSetFormat_ = DescribeMediaType(mt);
+        Record();
+        return S_OK;
+    }
+    STDMETHODIMP GetFormat(AM_MEDIA_TYPE** mt) override {
+        if (!mt) return E_POINTER;
+        if (Config().caps.empty()) return E_FAIL;
+        *mt = static_cast<AM_MEDIA_TYPE*>(CoTaskMemAlloc(sizeof(AM_MEDIA_TYPE)));
+        if (peer_ || hasChosen_) CopyMediaType(*mt, peer_ ? &connected_ : &chosen_);
+        else BuildMediaType(Config().caps[0], *mt);
+        return S_OK;
+    }
+    STDMETHODIMP GetNumberOfCapabilities(int* count, int* size) override {
+        if (!count || !size) return E_POINTER;
+        *count = static_cast<int>(Config().caps.size()), *size = sizeof(VIDEO_STREAM_CONFIG_CAPS);
+        return S_OK;
+    }
+    STDMETHODIMP GetStreamCaps(int index, AM_MEDIA_TYPE** mt, BYTE* caps) override {
+        if (!mt || !caps) return E_POINTER;
+        if (index < 0 || index >= static_cast<int>(Config().caps.size())) return S_FALSE;
+        const CamCap& cap = Config().caps[static_cast<size_t>(index)];
+        *mt = static_cast<AM_MEDIA_TYPE*>(CoTaskMemAlloc(sizeof(AM_MEDIA_TYPE)));
+        BuildMediaType(cap, *mt);
+        auto* scc = reinterpret_cast<VIDEO_STREAM_CONFIG_CAPS*>(caps);
+        std::memset(scc, 0, sizeof(*scc));
+        scc->guid = (*mt)->formattype;
+        scc->InputSize = {cap.width, cap.height < 0 ? -cap.height : cap.height};
+        scc->MinCroppingSize = scc->MaxCroppingSize = scc->InputSize;
+        scc->MinOutputSize = scc->MaxOutputSize = scc->InputSize;
+        scc->CropGranularityX = scc->CropGranularityY = 1;
+        scc->MinFrameInterval = cap.min;
+        scc->MaxFrameInterval = cap.max;
+        return S_OK;
+    }
+
+    // IKsPropertySet: the pin category only.
+    STDMETHODIMP Set(REFGUID, DWORD, LPVOID, DWORD, LPVOID, DWORD) override { return E_NOTIMPL; }
+    STDMETHODIMP Get(REFGUID set, DWORD id, LPVOID, DWORD, LPVOID data, DWORD size, DWORD* returned) override {
+        if (!IsEqualGUID(set, AMPROPSETID_Pin)) return E_PROP_SET_UNSUPPORTED;
+        if (id != AMPROPERTY_PIN_CATEGORY) return E_PROP_ID_UNSUPPORTED;
+        if (!data) return E_POINTER;
+        if (size < sizeof(GUID)) return E_UNEXPECTED;
+        *static_cast<GUID*>(data) = PIN_CATEGORY_CAPTURE;
+        if (returned) *returned = sizeof(GUID);
+        return S_OK;
+    }
+    STDMETHODIMP QuerySupported(REFGUID set, DWORD id, DWORD* support) override {
+        if (!IsEqualGUID(set, AMPROPSETID_Pin)) return E_PROP_SET_UNSUPPORTED;
+        if (id != AMPROPERTY_PIN_CATEGORY) return E_PROP_ID_UNSUPPORTED;
+        if (support) *support = KSPROPERTY_SUPPORT_GET;
+        return S_OK;
+    }
+
+    // Called by the filter on state changes: stopped -> paused commits the
+    // allocator, -> stopped decommits it.
+    HRESULT Active() { return allocator_ ? allocator_->Commit() : S_OK; }
+    void Inactive() {
+        if (allocator_) allocator_->Decommit();
+    }
+    HRESULT StartStreaming() {
+        if (!peer_ || thread_) return S_OK;
+        stopEvent_ = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+        thread_ = CreateThread(nullptr, 0, &TestCamPin::ThreadMain, this, 0, nullptr);
+        return thread_ ? S_OK : E_FAIL;
+    }
+    void StopStreaming() {
+        if (!thread_) return;
+        SetEvent(stopEvent_);
+        // A thread blocked in GetBuffer is released by decommitting; the
+        // allocator is committed again for a later run.
+        if (allocator_) allocator_->Decommit();
+        WaitForSingleObject(thread_, INFINITE);
+        CloseHandle(thread_);
+        CloseHandle(stopEvent_);
+        thread_ = stopEvent_ = nullptr;
+        if (allocator_) allocator_->Commit();
+    }
+
+private:
+    const CamConfig& Config() const { return state_->config; }
+
+    // What the pin offers (caller frees each): the format chosen by SetFormat
+    // first, followed by its twins in the other format block (so a peer that
+    // wants the other block can still join); without a chosen format, every
+    // capability in order.
+    std::vector<AM_MEDIA_TYPE> OfferedTypes() {
+        std::vector<AM_MEDIA_TYPE> types;
+        const std::vector<CamCap>& caps = Config().caps;
+        const int index = hasChosen_ ? FindCap(caps, &chosen_) : -1;
+        if (hasChosen_) {
+            types.emplace_back();
+            CopyMediaType(&types.back(), &chosen_);
+        }
+        for (size_t i = 0; i < caps.size() && (!hasChosen_ || index >= 0); ++i) {
+            CamCap cap = caps[i];
+            if (hasChosen_) {
+                const CamCap& k = caps[static_cast<size_t>(index)];
+                BITMAPINFOHEADER bmi;
+                if (static_cast<int>(i) == index || cap.subtype != k.subtype || cap.width != k.width ||
+                    cap.height != k.height || !ReadVideoHeader(&chosen_, &bmi, &cap.avg))
+                    continue;
+            }
+            types.emplace_back();
+            BuildMediaType(cap, &types.back());
+        }
+        return types;
+    }
+
+    HRESULT TryConnect(IPin* receivePin, const AM_MEDIA_TYPE* mt) {
+        HRESULT hr = receivePin->ReceiveConnection(this, mt);
+        if (FAILED(hr)) return hr;
+        peer_ = receivePin;
+        peer_->AddRef();
+        CopyMediaType(&connected_, mt);
+        if (FAILED(hr = NegotiateAllocator(mt))) {
+            receivePin->Disconnect();
+            Disconnect();
+            return hr;
+        }
+        Record();
+        return S_OK;
+    }
+
+    long SampleBytes(const AM_MEDIA_TYPE* mt) {
+        BITMAPINFOHEADER bmi;
+        REFERENCE_TIME avg;
+        if (!ReadVideoHeader(mt, &bmi, &avg)) return 0;
+        const long w = bmi.biWidth, h = bmi.biHeight < 0 ? -bmi.biHeight : bmi.biHeight;
+        if (IsEqualGUID(mt->subtype, MEDIASUBTYPE_YUY2)) return w * 2 * h;
+        if (IsEqualGUID(mt->subtype, MEDIASUBTYPE_NV12)) return (h + (h + 1) / 2) * w;
+        if (IsEqualGUID(mt->subtype, MEDIASUBTYPE_RGB24)) return w * 3 * h;
+        if (IsEqualGUID(mt->subtype, MEDIASUBTYPE_RGB32)) return w * 4 * h;
+        if (!Config().h264Path.empty() && bmi.biCompression == MAKEFOURCC('H', '2', '6', '4')) {
+            accessUnits_ = ReadAccessUnits(Config().h264Path);
+            size_t largest = 1;
+            for (const auto& unit : accessUnits_) largest = unit.size() > largest ? unit.size() : largest;
+            return static_cast<long>(largest);
+        }
+        return 16;  // other compressed types carry just the frame number
+    }
+
+    HRESULT NegotiateAllocator(const AM_MEDIA_TYPE* mt) {
+        HRESULT hr = peer_->QueryInterface(IID_IMemInputPin, reinterpret_cast<void**>(&peerInput_));
+        if (FAILED(hr)) return hr;
+        ALLOCATOR_PROPERTIES wanted{}, actual{};
+        peerInput_->GetAllocatorRequirements(&wanted);
+        wanted.cBuffers = wanted.cBuffers > 3 ? wanted.cBuffers : 3;
+        wanted.cbBuffer = SampleBytes(mt);
+        if (wanted.cbAlign < 1) wanted.cbAlign = 1;
+        wanted.cbPrefix = 0;
+        // The peer's allocator first, then one of our own.
+        for (int attempt = 0; attempt < 2; ++attempt) {
+            IMemAllocator* allocator = nullptr;
+            hr = attempt == 0 ? peerInput_->GetAllocator(&allocator)
+                              : CoCreateInstance(CLSID_MemoryAllocator, nullptr, CLSCTX_INPROC_SERVER,
+                                                 IID_IMemAllocator, reinterpret_cast<void**>(&allocator));
+            if (FAILED(hr)) continue;
+            hr = allocator->SetProperties(&wanted, &actual);
+            if (SUCCEEDED(hr) && actual.cbBuffer < wanted.cbBuffer) hr = E_FAIL;
+            if (SUCCEEDED(hr)) hr = peerInput_->NotifyAllocator(allocator, FALSE);
+            if (SUCCEEDED(hr)) {
+                allocator_ = allocator;
+                return S_OK;
+            }
+            allocator->Release();
+        }
+        return hr;
+    }
+
+    // The record file tells a test what the camera was asked, one key a line.
+    void Record() {
+        if (Config().recordPath.empty()) return;
+        FILE* f = _wfopen(Config().recordPath.c_str(), L"wb");
+        if (!f) return;
+        std::fprintf(f, "setformat=%s\nconnected=%s\n", lastSetFormat_.c_str(),
+                     peer_ ? DescribeMediaType(&connected_).c_str() : "");
+        std::fclose(f);
+    }
+
+    static DWORD WINAPI ThreadMain(void* self) {
+        CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+        static_cast<TestCamPin*>(self)->Stream();
+        CoUninitialize();
+        return 0;
+    }
+
+    void Stream() {
+        BITMAPINFOHEADER bmi;
+        REFERENCE_TIME avg = 0;
+        ReadVideoHeader(&connected_, &bmi, &avg);
+        const int index = FindCap(Config().caps, &connected_);
+        if (avg <= 0 && index >= 0) avg = Config().caps[static_cast<size_t>(index)].avg;
+        if (avg <= 0) avg = 333333;
+        const int width = bmi.biWidth, height = bmi.biHeight < 0 ? -bmi.biHeight : bmi.biHeight;
+        const bool bottomUp = bmi.biHeight > 0;
+        const struct {
+            GUID subtype;
+            PatternFormat format;
+            size_t bpp;  // bytes a pixel in the first plane
+            bool dib;    // stored bottom-up when the height is positive
+        } patterns[] = {{MEDIASUBTYPE_YUY2, PatternFormat::YUY2, 2, false},
+                        {MEDIASUBTYPE_NV12, PatternFormat::NV12, 1, false},
+                        {MEDIASUBTYPE_RGB24, PatternFormat::RGB24, 3, true},
+                        {MEDIASUBTYPE_RGB32, PatternFormat::RGB32, 4, true}};
+        const auto* pattern = std::find_if(std::begin(patterns), std::end(patterns),
+                                           [&](const auto& p) { return IsEqualGUID(p.subtype, connected_.subtype); });
+        const long bytes = SampleBytes(&connected_);
+        const ULONGLONG start = GetTickCount64();
+        for (uint32_t number = 0;; ++number) {
+            const ULONGLONG due = start + static_cast<ULONGLONG>(number) * static_cast<ULONGLONG>(avg) / 10000;
+            const ULONGLONG now = GetTickCount64();
+            if (WaitForSingleObject(stopEvent_, due > now ? static_cast<DWORD>(due - now) : 0) == WAIT_OBJECT_0) return;
+            IMediaSample* sample = nullptr;
+            if (FAILED(allocator_->GetBuffer(&sample, nullptr, nullptr, 0))) return;
+            BYTE* data = nullptr;
+            sample->GetPointer(&data);
+            long length = bytes;
+            if (pattern != std::end(patterns)) {
+                WritePattern(pattern->format, width, height, pattern->bpp * width, pattern->dib && bottomUp, number,
+                             data);
+            } else if (!accessUnits_.empty()) {
+                const std::vector<BYTE>& unit = accessUnits_[number % accessUnits_.size()];
+                std::memcpy(data, unit.data(), unit.size());
+                length = static_cast<long>(unit.size());
+            } else {
+                std::memset(data, 0, static_cast<size_t>(length));
+                std::memcpy(data, &number, sizeof(number));
+            }
+            sample->SetActualDataLength(length);
+            sample->SetSyncPoint(TRUE);
+            sample->SetDiscontinuity(number == 0);
+            const HRESULT hr = peerInput_->Receive(sample);
+            sample->Release();
+            if (hr != S_OK) return;
+        }
+    }
+
+    IBaseFilter* owner_;
+    CamState* state_;
+    IPin* peer_ = nullptr;
+    IMemInputPin* peerInput_ = nullptr;
+    IMemAllocator* allocator_ = nullptr;
+    AM_MEDIA_TYPE connected_{};
+    AM_MEDIA_TYPE chosen_{};  // set by SetFormat
+    bool hasChosen_ = false;
+    std::string lastSetFormat_;
+    HANDLE thread_ = nullptr, stopEvent_ = nullptr;
+    std::vector<std::vector<BYTE>> accessUnits_;
+};
+
+// The filter: state changes, its one pin, configuration from the device's
+// property bag and the optional property page.
+class TestCamFilter : public IBaseFilter,
+                      public IPersistPropertyBag,
+                      public ISpecifyPropertyPages,
+                      public IAMFilterMiscFlags,
+                      private CamState {
+public:
+    TestCamFilter() : pin_(this, this) {
+        InitializeCriticalSection(&lock);
+        ++g_objects;
+    }
+    virtual ~TestCamFilter() {
+        pin_.StopStreaming();
+        pin_.Inactive();
+        pin_.Disconnect();
+        if (clock_) clock_->Release();
+        DeleteCriticalSection(&lock);
+        --g_objects;
+    }
+    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
+        if (!ppv) return E_POINTER;
+        *ppv = nullptr;
+        if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IBaseFilter) ||
+            IsEqualIID(riid, IID_IMediaFilter) || IsEqualIID(riid, IID_IPersist))
+            *ppv = static_cast<IBaseFilter*>(this);
+        else if (IsEqualIID(riid, IID_IPersistPropertyBag)) *ppv = static_cast<IPersistPropertyBag*>(this);
+        else if (IsEqualIID(riid, IID_ISpecifyPropertyPages) && config.page)
+            *ppv = static_cast<ISpecifyPropertyPages*>(this);
+        else if (IsEqualIID(riid, IID_IAMFilterMiscFlags)) *ppv = static_cast<IAMFilterMiscFlags*>(this);
+        else return E_NOINTERFACE;
+        AddRef();
+        return S_OK;
+    }
+    STDMETHODIMP_(ULONG) AddRef() override { return ++refs_; }
+    STDMETHODIMP_(ULONG) Release() override {
+        const long n = --refs_;
+        if (n == 0) delete this;
+        return n;
+    }
+    STDMETHODIMP GetClassID(CLSID* clsid) override { return clsid ? (*clsid = CLSID_TestCam, S_OK) : E_POINTER; }
+    STDMETHODIMP Stop() override {
+        EnterCriticalSection(&lock);
+        pin_.StopStreaming();
+        pin_.Inactive();
+        state_ = State_Stopped;
+        LeaveCriticalSection(&lock);
+        return S_OK;
+    }
+    // A live source has nothing to show while paused. Going from running to
+    // paused leaves the streaming thread alone: the graph pauses the renderer
+    // first, which may hold that thread inside Receive until it is stopped,
+    // so joining it here could wait forever. Stop ends the thread.
+    STDMETHODIMP Pause() override {
+        EnterCriticalSection(&lock);
+        const HRESULT hr = state_ == State_Stopped ? pin_.Active() : S_OK;
+        if (SUCCEEDED(hr)) state_ = State_Paused;
+        LeaveCriticalSection(&lock);
+        return SUCCEEDED(hr) ? VFW_S_CANT_CUE : hr;
+    }
+    STDMETHODIMP Run(REFERENCE_TIME) override {
+        EnterCriticalSection(&lock);
+        HRESULT hr = state_ == State_Stopped ? pin_.Active() : S_OK;
+        if (SUCCEEDED(hr)) hr = pin_.StartStreaming();
+        if (SUCCEEDED(hr)) state_ = State_Running;
+        LeaveCriticalSection(&lock);
+        return hr;
+    }
+    STDMETHODIMP GetState(DWORD, FILTER_STATE* state) override {
+        return !state ? E_POINTER : (*state = state_) == State_Paused ? VFW_S_CANT_CUE : S_OK;
+    }
+    STDMETHODIMP SetSyncSource(IReferenceClock* clock) override {
+        EnterCriticalSection(&lock);
+        if (clock) clock->AddRef();
+        if (clock_) clock_->Release();
+        clock_ = clock;
+        LeaveCriticalSection(&lock);
+        return S_OK;
+    }
+    STDMETHODIMP GetSyncSource(IReferenceClock** clock) override {
+        if (!clock) return E_POINTER;
+        if ((*clock = clock_)) clock_->AddRef();
+        return S_OK;
+    }
+    STDMETHODIMP EnumPins(IEnumPins** e) override {
+        if (!e) return E_POINTER;
+        *e = new Enumerator<IEnumPins, IPin*, PinTraits>(IID_IEnumPins, {&pin_}, 0);
+        return S_OK;
+    }
+    STDMETHODIMP FindPin(LPCWSTR id, IPin** pin) override {
+        if (!id || !pin) return E_POINTER;
+        *pin = nullptr;
+        if (lstrcmpW(id, kPinName) != 0) return VFW_E_NOT_FOUND;
+        *pin = &pin_;
+        pin_.AddRef();
+        return S_OK;
+    }
+    STDMETHODIMP QueryFilterInfo(FILTER_INFO* info) override {
+        if (!info) return E_POINTER;
+        lstrcpynW(info->achName, name_.c_str(), MAX_FILTER_NAME);
+        info->pGraph = graph_;
+        if (graph_) graph_->AddRef();
+        return S_OK;
+    }
+    STDMETHODIMP JoinFilterGraph(IFilterGraph* graph, LPCWSTR name) override {
+        graph_ = graph;  // not counted: the graph owns us
+        return name_ = name ? name : L"", S_OK;
+    }
+    STDMETHODIMP QueryVendorInfo(LPWSTR*) override { return E_NOTIMPL; }
+    // IPersistPropertyBag
+    STDMETHODIMP InitNew() override { return S_OK; }
+    STDMETHODIMP Load(IPropertyBag* bag, IErrorLog* log) override {
+        if (!bag) return E_POINTER;
+        VARIANT value;
+        VariantInit(&value);
+        V_VT(&value) = VT_BSTR;
+        if (SUCCEEDED(bag->Read(L"KivTestCamConfig", &value, log)) && V_VT(&value) == VT_BSTR)
+            config = ParseConfig(V_BSTR(&value));
+        VariantClear(&value);
+        return S_OK;
+    }
+    STDMETHODIMP Save(IPropertyBag*, BOOL, BOOL) override { return E_NOTIMPL; }
+    // ISpecifyPropertyPages
+    STDMETHODIMP GetPages(CAUUID* pages) override {
+        if (!pages) return E_POINTER;
+        pages->cElems = 1;
+        pages->pElems = static_cast<GUID*>(CoTaskMemAlloc(sizeof(GUID)));
+        pages->pElems[0] = CLSID_TestCamPage;
+        return S_OK;
+    }
+    // IAMFilterMiscFlags
+    STDMETHODIMP_(ULONG) GetMiscFlags() override { return AM_FILTER_MISC_FLAGS_IS_SOURCE; }
+
+private:
+    std::atomic<long> refs_{1};
+    FILTER_STATE state_ = State_Stopped;
+    IReferenceClock* clock_ = nullptr;
+    IFilterGraph* graph_ = nullptr;
+    std::wstring name_;
+    TestCamPin pin_;
+};
+
+class TestCamPage : public SingleInterface<IPropertyPage> {
+public:
+    TestCamPage() : SingleInterface(IID_IPropertyPage) {}
+    ~TestCamPage() override {
+        Deactivate();
+        if (site_) site_->Release();
+    }
+    STDMETHODIMP SetPageSite(IPropertyPageSite* site) override {
+        if (site) site->AddRef();
+        if (site_) site_->Release();
+        site_ = site;
+        return S_OK;
+    }
+    STDMETHODIMP Activate(HWND parent, LPCRECT rect, BOOL) override {
+        window_ = CreateWindowExW(0, L"STATIC", L"KIV test camera", WS_CHILD, rect->left, rect->top,
+                                  rect->right - rect->left, rect->bottom - rect->top, parent, nullptr, g_module,
+                                  nullptr);
+        return window_ ? S_OK : E_FAIL;
+    }
+    STDMETHODIMP Deactivate() override { return window_ && DestroyWindow(window_), window_ = nullptr, S_OK; }
+    STDMETHODIMP GetPageInfo(PROPPAGEINFO* info) override {
+        if (!info) return E_POINTER;
+        static const wchar_t title[] = L"Test camera";
+        std::memset(info, 0, sizeof(*info));
+        info->cb = sizeof(*info);
+        info->pszTitle = static_cast<LPOLESTR>(CoTaskMemAlloc(sizeof(title)));
+        std::memcpy(info->pszTitle, title, sizeof(title));
+        info->size = {200, 100};
+        return S_OK;
+    }
+    STDMETHODIMP SetObjects(ULONG, IUnknown**) override { return S_OK; }
+    STDMETHODIMP Show(UINT cmd) override { return window_ && ShowWindow(window_, cmd), S_OK; }
+    STDMETHODIMP Move(LPCRECT r) override {
+        return window_ && MoveWindow(window_, r->left, r->top, r->right - r->left, r->bottom - r->top, TRUE), S_OK;
+    }
+    STDMETHODIMP IsPageDirty() override { return S_FALSE; }
+    STDMETHODIMP Apply() override { return S_OK; }
+    STDMETHODIMP Help(LPCOLESTR) override { return E_NOTIMPL; }
+    STDMETHODIMP TranslateAccelerator(MSG*) override { return S_FALSE; }
+
+private:
+    IPropertyPageSite* site_ = nullptr;
+    HWND window_ = nullptr;
+};
+
+class Factory : public SingleInterface<IClassFactory> {
+public:
+    explicit Factory(bool page) : SingleInterface(IID_IClassFactory), page_(page) {}
+    STDMETHODIMP CreateInstance(IUnknown* outer, REFIID riid, void** ppv) override {
+        if (!ppv) return E_POINTER;
+        *ppv = nullptr;
+        if (outer) return CLASS_E_NOAGGREGATION;
+        IUnknown* object = page_ ? static_cast<IUnknown*>(new TestCamPage())
+                                 : static_cast<IUnknown*>(static_cast<IBaseFilter*>(new TestCamFilter()));
+        const HRESULT hr = object->QueryInterface(riid, ppv);
+        object->Release();
+        return hr;
+    }
+    STDMETHODIMP LockServer(BOOL lock) override { return (lock ? ++g_locks : --g_locks), S_OK; }
+
+private:
+    bool page_;
+};
+
+std::wstring GuidText(const GUID& guid) {
+    wchar_t text[64];
+    StringFromGUID2(guid, text, 64);
+    return text;
+}
+
+const wchar_t kInstanceRoot[] = L"CLSID\\{860BB310-5D01-11D0-BD3B-00A0C911CE86}\\Instance";
+
+LONG SetString(HKEY key, const wchar_t* name, const std::wstring& value) {
+    return RegSetValueExW(key, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
+                          static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
+}
+
+// Creates HKCR\name and sets its values (a null name is the default value).
+HRESULT WriteKey(const std::wstring& name, std::initializer_list<std::pair<const wchar_t*, std::wstring>> values) {
+    HKEY key;
+    if (RegCreateKeyExW(HKEY_CLASSES_ROOT, name.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr, &key, nullptr) !=
+        ERROR_SUCCESS)
+        return E_FAIL;
+    LONG rc = ERROR_SUCCESS;
+    for (const auto& v : values)
+        if (rc == ERROR_SUCCESS) rc = SetString(key, v.first, v.second);
+    RegCloseKey(key);
+    return rc == ERROR_SUCCESS ? S_OK : E_FAIL;
+}
+
+// HKCR\CLSID\{clsid}\InprocServer32 pointing at this DLL.
+HRESULT RegisterServer(const GUID& clsid) {
+    wchar_t path[MAX_PATH];
+    const DWORD n = GetModuleFileNameW(g_module, path, MAX_PATH);
+    if (n == 0 || n >= MAX_PATH) return E_FAIL;
+    return WriteKey(L"CLSID\\" + GuidText(clsid) + L"\\InprocServer32",
+                    {{nullptr, path}, {L"ThreadingModel", L"Both"}});
+}
+
+}  // namespace
+}  // namespace testcam
+
+using namespace testcam;
+
+extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
+    if (reason == DLL_PROCESS_ATTACH) {
+        g_module = instance;
+        DisableThreadLibraryCalls(instance);
+    }
+    return TRUE;
+}
+
+STDAPI DllGetClassObject(REFCLSID clsid, REFIID riid, LPVOID* ppv) {
+    if (!ppv) return E_POINTER;
+    *ppv = nullptr;
+    const bool page = IsEqualCLSID(clsid, CLSID_TestCamPage);
+    if (!page && !IsEqualCLSID(clsid, CLSID_TestCam)) return CLASS_E_CLASSNOTAVAILABLE;
+    Factory* factory = new Factory(page);
+    const HRESULT hr = factory->QueryInterface(riid, ppv);
+    factory->Release();
+    return hr;
+}
+
+STDAPI DllCanUnloadNow() { return g_objects == 0 && g_locks == 0 ? S_OK : S_FALSE; }
+
+// Writes what a driver's registration writes for one camera instance.
+extern "C" HRESULT KivTestCamInstall(const wchar_t* keyName, const wchar_t* friendlyName, const wchar_t* config) {
+    if (!keyName || !config) return E_POINTER;
+    HRESULT hr = RegisterServer(CLSID_TestCam);
+    if (SUCCEEDED(hr)) hr = RegisterServer(CLSID_TestCamPage);
+    const std::wstring key = std::wstring(kInstanceRoot) + L"\\" + keyName;
+    if (SUCCEEDED(hr)) hr = WriteKey(key, {{L"CLSID", GuidText(CLSID_TestCam)}, {L"KivTestCamConfig", config}});
+    if (SUCCEEDED(hr) && friendlyName) hr = WriteKey(key, {{L"FriendlyName", friendlyName}});
+    return hr;
+}
+
+// Removes every video capture device entry of this prefix (the test prefix
+// has no real cameras), so a test starts from a known list.
+extern "C" HRESULT KivTestCamRemoveAll() {
+    HKEY root;
+    if (RegOpenKeyExW(HKEY_CLASSES_ROOT, kInstanceRoot, 0, KEY_ALL_ACCESS, &root) != ERROR_SUCCESS) return S_OK;
+    wchar_t name[256];
+    DWORD length = 256;
+    while (RegEnumKeyExW(root, 0, name, &length, nullptr, nullptr, nullptr, nullptr) == ERROR_SUCCESS &&
+           RegDeleteKeyW(root, name) == ERROR_SUCCESS)
+        length = 256;
+    RegCloseKey(root);
+    return S_OK;
+}
