@@ -220,9 +220,6 @@ TEST_F(GpuRenderTest, OverlayItemsAppearWhereAndHowTheySay) {
 }
 
 TEST_F(GpuRenderTest, CpuSnapshotsMatchTheWindow) {
-    EXPECT_EQ(KIV_SaveVideoRenderSnapshot(render, kivtest::Wide(dir + "/none.bmp").c_str(), 1), KIV_ERROR_FAILED);
-    EXPECT_NE(kivtest::LibraryLog().find("Snapshot failed: no rendered frame is available"), std::string::npos);
-
     const std::vector<uint8_t> frame = Pattern();
     std::string where;
     ASSERT_EQ(Show(frame, frame, 4, 0, &where), 0) << where;
