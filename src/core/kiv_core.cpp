@@ -99,7 +99,7 @@ int32_t EnableLog(int32_t enable) {
         g_logEnabled.exchange(opened ? 1 : 0);
         if (!opened) return KIV_ERROR_FAILED;
         std::fputs("[LOG] runtime logging enabled, file is recreated for this application run.\r\n", g_logFile);
-        ;
+        std::fflush(g_logFile);
         return KIV_OK;
     }
     g_logEnabled.exchange(0);
