@@ -28,7 +28,7 @@ void FillPackedLayout(KivVideoFrame* frame, uint8_t* buffer) {
     }
     frame->planes[0] = buffer;
     switch (frame->format) {
-        case KIV_PIXEL_FORMAT_YUY2: frame->strides[0] = w * 3; break;
+        case KIV_PIXEL_FORMAT_YUY2: frame->strides[0] = w * 2; break;
         case KIV_PIXEL_FORMAT_NV12:
             frame->strides[0] = w;
             frame->strides[1] = w;
