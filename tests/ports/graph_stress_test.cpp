@@ -56,10 +56,11 @@ TEST(GraphStress, PushingWhileRewiringLosesNothingThatStaysConnected) {
         KivAudioFrame packet{reinterpret_cast<uint8_t*>(samples), sizeof(samples), 48000, 2, 16, 0, 0};
         while (!go) std::this_thread::yield();
         for (int i = 0; i < kFrames; ++i) static_cast<KivPortBase*>(audioMux)->OnAudioFrame(&packet);
+        done++;
     });
     threads.emplace_back([&] {  // transient sinks come and go on the muxes and the filter
         go = true;
-        for (int round = 0; done < kPushers; ++round) {
+        for (int round = 0; done < kPushers + 1; ++round) {
             void* port = (round & 1) ? mux : static_cast<void*>(&filter);
             for (auto& sink : transient) EXPECT_EQ(KIV_Connect(port, &sink), KIV_OK);
             for (auto& sink : transient) EXPECT_EQ(KIV_Disconnect(port, &sink), KIV_OK);
@@ -68,7 +69,7 @@ TEST(GraphStress, PushingWhileRewiringLosesNothingThatStaysConnected) {
         }
     });
     threads.emplace_back([&] {  // callbacks swapped on a delivering port
-        for (int round = 0; done < kPushers; ++round) {
+        for (int round = 0; done < kPushers + 1; ++round) {
             KIV_SetVideoFrameCallback(mux, (round & 1) ? First : Second, nullptr);
             std::this_thread::yield();
         }
