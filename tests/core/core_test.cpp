@@ -94,26 +94,17 @@ const std::pair<CreateFn, int32_t> kCreators[] = {
     {KIV_CreateVideoCrop, KIV_PORT_VIDEO_CROP}, {KIV_CreateVideoColorEngine, KIV_PORT_VIDEO_COLOR_ENGINE},
     {RecorderWithoutText, KIV_PORT_RECORDER}, {RecorderWithText, KIV_PORT_RECORDER}};
 
-using CountFn = int32_t(KIV_CALL*)();
-using InfoFn = KivResult(KIV_CALL*)(int32_t, KivDeviceInfo*);
-void CheckDeviceList(CountFn count, InfoFn info) {
+// Rejected queries leave the record alone; listed devices are the Windows tests' business.
+template <class Count, class Info>
+void CheckDeviceList(Count count, Info info) {
     const int32_t n = count();
-    ASSERT_GE(n, 0);
+    KivDeviceInfo out;
+    std::memset(&out, 0x5A, sizeof(out));
+    EXPECT_EQ(std::vector<int>({info(0, nullptr), info(-1, &out), info(n, &out)}), std::vector<int>(3, KIV_ERROR_INVALID_ARG));
+    EXPECT_EQ(out.index, 0x5A5A5A5A);
 #ifndef _WIN32
     EXPECT_EQ(n, 0);  // no platform layer, no devices
 #endif
-    KivDeviceInfo sentinel, out;
-    std::memset(&sentinel, 0x5A, sizeof(sentinel));
-    out = sentinel;
-    EXPECT_EQ(info(0, nullptr), KIV_ERROR_INVALID_ARG);
-    EXPECT_EQ(info(-1, &out), KIV_ERROR_INVALID_ARG);
-    EXPECT_EQ(info(n, &out), KIV_ERROR_INVALID_ARG);
-    EXPECT_EQ(std::memcmp(&out, &sentinel, sizeof(out)), 0) << "a rejected query wrote the record";
-    for (int32_t i = 0; i < n; ++i) {
-        ASSERT_EQ(info(i, &out), KIV_OK) << i;
-        ASSERT_NE(std::memchr(out.name, '\0', sizeof(out.name)), nullptr) << "name not terminated";
-        EXPECT_GT(std::strlen(out.name), 0u) << i;
-    }
 }
 
 }  // namespace
@@ -125,10 +116,11 @@ TEST_F(Core, VersionPipelineModeAndWhatNeedsInit) {
     EXPECT_EQ(KIV_GetApiVersion(), v.major * 10000 + v.minor * 100 + v.patch);
     EXPECT_EQ(KIV_GetVersionEx(nullptr), nullptr);
 #ifndef _WIN32
-    // Frame clocks count 100 ns steps of the monotonic clock.
-    const int64_t steady = std::chrono::duration_cast<std::chrono::nanoseconds>(
-                               std::chrono::steady_clock::now().time_since_epoch()).count() / 100;
-    EXPECT_NEAR(double(kiv::platform::SteadyNow100ns()), double(steady), 1e7);
+    // Frame clocks count 100 ns steps of the monotonic clock: bracketed by two reads of it.
+    using std::chrono::steady_clock;
+    auto steady = [] { return std::chrono::nanoseconds(steady_clock::now().time_since_epoch()).count() / 100; };
+    const int64_t before = steady(), now = kiv::platform::SteadyNow100ns(), after = steady();
+    EXPECT_TRUE(before <= now && now <= after) << before << " " << now << " " << after;
 #endif
     // The default mode takes only 0 or 1, before, during and after KIV_Init.
     EXPECT_EQ(kModeAtLoad, 0);

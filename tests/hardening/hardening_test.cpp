@@ -1,8 +1,6 @@
-// What comes from outside never throws across the interface or reads past a
-// buffer: strides that cannot hold a row (over buffers of exactly the size
-// the strides promise, for the address sanitizer), unusable files, absurd
-// sizes, unwritable recorder paths, and splits with tiny limits, whose every
-// segment must still be a whole MP4 file.
+// What comes from outside never throws across the interface or reads past a buffer: short strides (over
+// exact buffers, for the address sanitizer), unusable files, absurd sizes, unwritable recorder paths, and
+// splits with tiny limits, whose every segment must still be a whole MP4 file.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -148,9 +146,7 @@ TEST(ShortStrides, ProcessingPortsPassThemOnUntouchedAndTheRecorderEncodesOnlyFi
     const std::string dir = kivtest::TempDir("hardening_strides");
     hardening::Chain chain(hardening::WriteSwapCube(dir));
     // Each port alone behind the source, its output watched (the overlay's through the chain's mux).
-    KIV_Disconnect(chain.source, chain.crop);
-    KIV_Disconnect(chain.crop, chain.color);
-    KIV_Disconnect(chain.color, chain.osd);
+    for (auto link : chain.Links()) KIV_Disconnect(link.first, link.second);
     for (auto p : {std::make_pair(chain.crop, chain.crop), {chain.color, chain.color}, {chain.osd, chain.tap}}) {
         ASSERT_EQ(KIV_Connect(chain.source, p.first), KIV_OK);
         PlaneWatch last;
@@ -202,8 +198,7 @@ TEST(BadInput, FilesTheLibraryCannotUseAreRefusedOrSkipped) {
         EXPECT_EQ(KIV_LoadVideoColorEngineCubeFile(chain.color, wide.c_str()), KIV_ERROR_FAILED) << bad.first;
         // An overlay picture that cannot be loaded draws nothing; the frame goes on.
         KivVideoOsdItem picture{};
-        picture.visible = 1;
-        picture.opacity = 1.0f;
+        picture.visible = 1, picture.opacity = 1.0f;
         std::memcpy(picture.imagePath, wide.data(), std::min(wide.size(), size_t{259}) * sizeof(KivWChar));
         EXPECT_GE(KIV_SetVideoOsdImage(chain.osd, &picture), 0) << bad.first;
         EXPECT_EQ(KIV_PushVideoFrame(chain.source, &in.frame), KIV_OK) << bad.first;

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "kivcapture.h"
 #include "test_support.h"
@@ -36,19 +38,14 @@ struct Chain {
         const KivVideoColorEngineConfig config{0, 1, KIV_PIXEL_FORMAT_YUY2, 1, 1, 0.75f};
         EXPECT_EQ(KIV_SetVideoColorEngineConfig(color, &config), KIV_OK);
         KivVideoOsdItem box{};
-        box.visible = 1, box.x = 3, box.y = 3, box.width = 20, box.height = 12, box.size = 2;
-        box.opacity = 0.6f;
-        box.color = 0xFFFF2040;
+        box.visible = 1, box.x = 3, box.y = 3, box.width = 20, box.height = 12, box.size = 2, box.opacity = 0.6f, box.color = 0xFFFF2040;
         EXPECT_GT(KIV_AddVideoOsdRect(osd, &box), KIV_ERROR_FAILED);
-        EXPECT_EQ(KIV_Connect(source, crop), KIV_OK);
-        EXPECT_EQ(KIV_Connect(crop, color), KIV_OK);
-        EXPECT_EQ(KIV_Connect(color, osd), KIV_OK);
+        for (auto link : Links()) EXPECT_EQ(KIV_Connect(link.first, link.second), KIV_OK);
         EXPECT_EQ(KIV_ConnectVideoOsdOutput(osd, 1, tap), KIV_OK);
     }
+    std::vector<std::pair<void*, void*>> Links() const { return {{source, crop}, {crop, color}, {color, osd}}; }
     ~Chain() {
-        KIV_Disconnect(source, crop);
-        KIV_Disconnect(crop, color);
-        KIV_Disconnect(color, osd);
+        for (auto link : Links()) KIV_Disconnect(link.first, link.second);
         KIV_Disconnect(osd, tap);
         for (void* port : {source, crop, color, osd, tap}) EXPECT_EQ(KIV_DestroyPort(port), KIV_OK);
     }

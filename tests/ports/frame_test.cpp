@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "ports/kiv_frame.h"
+#include "test_support.h"
 
 namespace {
 
@@ -34,12 +35,8 @@ void ExpectPlane(const uint8_t* data, int32_t stride, int plane, int rows, int r
 }
 
 KivVideoFrame MakeFrame(int32_t format, int32_t width, int32_t height, const uint8_t* plane0 = nullptr, int32_t stride0 = 0) {
-    KivVideoFrame f{};
-    f.format = format, f.width = width, f.height = height;
-    f.timestamp = 123456789;
-    f.frameIndex = 42;
-    f.planes[0] = const_cast<uint8_t*>(plane0);
-    f.strides[0] = stride0;
+    KivVideoFrame f = kivtest::FrameOver(format, width, height, plane0, stride0);
+    f.timestamp = 123456789, f.frameIndex = 42;
     return f;
 }
 
@@ -90,13 +87,9 @@ TEST(FrameCopy, PackedFormatsKeepRowsAndMetadataAndTurnBottomUp) {
         kiv::FrameCopy copy;
         ASSERT_TRUE(copy.Copy(f)) << c.format;
         const KivVideoFrame& out = copy.Frame();
-        EXPECT_NE(out.planes[0], plane.top);
-        EXPECT_EQ(out.strides[0], pitch);
-        EXPECT_EQ(out.planes[1], nullptr);
-        EXPECT_EQ(out.strides[1], 0);
-        EXPECT_EQ(out.timestamp, 123456789);
-        EXPECT_EQ(out.frameIndex, 42u);
-        EXPECT_EQ(out.format, c.format);
+        EXPECT_TRUE(out.planes[0] != plane.top && out.planes[1] == nullptr);
+        EXPECT_EQ((std::vector<int64_t>{out.strides[0], out.strides[1], out.timestamp, int64_t(out.frameIndex), out.format}),
+                  (std::vector<int64_t>{pitch, 0, 123456789, 42, c.format}));
         ExpectPlane(out.planes[0], out.strides[0], 0, h, w * c.bpp);
     }
 }
@@ -124,11 +117,8 @@ TEST(FrameCopy, Nv12StridesPlanesAndBufferReuse) {
         const uint8_t* first[2] = {copy.Frame().planes[0], copy.Frame().planes[1]};
         ASSERT_TRUE(copy.Copy(f));  // warm buffers are reused
         const KivVideoFrame& out = copy.Frame();
-        EXPECT_EQ(out.planes[0], first[0]);
-        EXPECT_EQ(out.planes[1], first[1]);
-        EXPECT_EQ(out.strides[0], c.outStride0);
-        EXPECT_EQ(out.strides[1], c.outStride1);
-        EXPECT_EQ(out.planes[2], nullptr);
+        EXPECT_TRUE(out.planes[0] == first[0] && out.planes[1] == first[1] && out.planes[2] == nullptr);
+        EXPECT_EQ(std::make_pair(out.strides[0], out.strides[1]), std::make_pair(c.outStride0, c.outStride1));
         ExpectPlane(out.planes[0], out.strides[0], 0, c.h, c.w);
         EXPECT_EQ(out.planes[1] != nullptr, c.chromaRows > 0);
         if (c.chromaRows) ExpectPlane(out.planes[1], out.strides[1], 1, c.chromaRows, c.w);
@@ -151,16 +141,11 @@ TEST(FrameCopy, CompressedPayloadsAndNothingToCopy) {
             EXPECT_TRUE(copy.Empty());
         }
     }
-    const KivVideoFrame good = MakeFrame(KIV_PIXEL_FORMAT_RGB32, 2, 2, payload.data(), 8);
-    for (int field = 0; field < 4; ++field) {
-        ASSERT_TRUE(copy.Copy(good));
-        KivVideoFrame bad = good;
-        if (field == 0) bad.width = 0;
-        if (field == 1) bad.height = -3;
-        if (field == 2) bad.planes[0] = nullptr;
-        if (field == 3) bad.strides[0] = 0;
-        EXPECT_FALSE(copy.Copy(bad)) << field;
-        EXPECT_TRUE(copy.Empty()) << field;
+    for (const KivVideoFrame& bad : {MakeFrame(4, 0, 2, payload.data(), 8), MakeFrame(4, 2, -3, payload.data(), 8),
+                                     MakeFrame(4, 2, 2, nullptr, 8), MakeFrame(4, 2, 2, payload.data(), 0)}) {
+        ASSERT_TRUE(copy.Copy(MakeFrame(KIV_PIXEL_FORMAT_RGB32, 2, 2, payload.data(), 8)));
+        EXPECT_FALSE(copy.Copy(bad)) << bad.width << "x" << bad.height << " " << bad.strides[0];
+        EXPECT_TRUE(copy.Empty());
     }
 }
 

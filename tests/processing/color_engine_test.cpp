@@ -90,10 +90,6 @@ TEST_F(ColorEngineTest, TablesLoadBlendAndFramesPassWhenThereIsNothingToDo) {
     for (size_t i = 0; i < in.bytes.size(); i += 4) in.bytes[i] = 200, in.bytes[i + 1] = 100;
     Configure(1, 0);  // enabled without a table, same format out
     EXPECT_EQ(Run(in).record, &in.frame);
-    const std::string folder = dir + "/Grün ñ 色彩";  // non-ASCII folders load too
-    std::filesystem::create_directories(std::filesystem::u8path(folder));
-    kivtest::WriteFile(folder + "/c.cube", proctest::CubeText(2, Constant));
-    ASSERT_EQ(Load(folder + "/c.cube"), KIV_OK);
     ASSERT_EQ(Load(WriteCube("c.cube", proctest::CubeText(2, Constant))), KIV_OK);
     EXPECT_EQ(Load(dir + "/missing.cube"), KIV_ERROR_FAILED);
     EXPECT_EQ(Load(WriteCube("bad.cube", "LUT_3D_SIZE 1\n")), KIV_ERROR_FAILED);
@@ -104,18 +100,9 @@ TEST_F(ColorEngineTest, TablesLoadBlendAndFramesPassWhenThereIsNothingToDo) {
         Configure(1, 3, 1.0f, 0, 0, gpuProcessor);
         EXPECT_EQ(Run(in).record, &in.frame);
     }
-    const struct {
-        float strength;
-        int blue, green, red;
-    } cases[] = {{1.0f, 0, 128, 255}, {0.5f, 100, 114, 128}, {0.0f, 200, 100, 0}};
-    for (const auto& c : cases) {
-        Configure(1, 0, c.strength);
-        const kivtest::CaughtFrame& out = Run(in);
-        EXPECT_NEAR(out.plane0[0], c.blue, 1) << c.strength;
-        EXPECT_NEAR(out.plane0[1], c.green, 1) << c.strength;
-        EXPECT_NEAR(out.plane0[2], c.red, 1) << c.strength;
-        EXPECT_EQ(out.plane0[3], 255);
-    }
+    Configure(1, 0);  // blending at every strength is checked against the reference in color_frame_test.cpp
+    const std::vector<uint8_t>& graded = Run(in).plane0;
+    EXPECT_EQ(std::vector<uint8_t>(graded.begin(), graded.begin() + 4), std::vector<uint8_t>({0, 128, 255, 255}));
     kivtest::OwnedFrame small(KIV_PIXEL_FORMAT_RGB32, 2, 2, 0);  // output buffers are reused
     const uint8_t* first = Run(in).meta.planes[0];
     EXPECT_EQ(Run(small).meta.planes[0], first);

@@ -54,11 +54,8 @@ protected:
         const auto ref = proctest::ReferenceConvert(in, outFmt, kiv::color::ResolveColorSpace(cs, in.width, in.height),
                                                     kiv::color::ResolveRange(range), enable ? &lut : nullptr, strength);
         const kivtest::CaughtFrame& out = catcher.frames.back();
-        ASSERT_EQ(out.meta.format, outFmt);
-        ASSERT_EQ(out.meta.width, in.width);
-        ASSERT_EQ(out.meta.height, in.height);
-        EXPECT_EQ(out.meta.timestamp, in.timestamp);
-        EXPECT_EQ(out.meta.frameIndex, in.frameIndex);
+        ASSERT_EQ((std::vector<int64_t>{out.meta.format, out.meta.width, out.meta.height, out.meta.timestamp, int64_t(out.meta.frameIndex)}),
+                  (std::vector<int64_t>{outFmt, in.width, in.height, in.timestamp, int64_t(in.frameIndex)}));
         ASSERT_EQ(out.plane0, ref.plane0);
         if (outFmt == KIV_PIXEL_FORMAT_NV12) {
             ASSERT_EQ(out.meta.strides[1], (in.width + 1) & ~1);

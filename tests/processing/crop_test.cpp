@@ -94,11 +94,8 @@ TEST_F(CropTest, RectanglesAreClampedExtendedAndAligned) {
         PatternFrame in(c.format, c.width, c.height);
         const kivtest::CaughtFrame& out = Run(in.frame);
         const int bpp = BytesPerPixel(c.format);
-        ASSERT_EQ(out.meta.width, r.w);
-        ASSERT_EQ(out.meta.height, r.h);
-        ASSERT_EQ(out.meta.strides[0], r.w * bpp);
-        EXPECT_EQ(out.meta.timestamp, 123456789);
-        EXPECT_EQ(out.meta.frameIndex, 42u);
+        ASSERT_EQ((std::vector<int64_t>{out.meta.width, out.meta.height, out.meta.strides[0], out.meta.timestamp, int64_t(out.meta.frameIndex)}),
+                  (std::vector<int64_t>{r.w, r.h, r.w * bpp, 123456789, 42}));
         for (int row = 0; row < r.h; ++row)
             for (int col = 0; col < r.w * bpp; ++col)
                 ASSERT_EQ(out.plane0[size_t(row) * r.w * bpp + col], Value(0, r.y + row, r.x * bpp + col)) << row << "," << col;

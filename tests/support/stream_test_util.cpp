@@ -31,20 +31,14 @@ Bytes BitWriter::Finish() {
     return bytes_;
 }
 
-Bytes Escape(const Bytes& rbsp) {
-    Bytes out;
+Bytes Nal(uint8_t header, const Bytes& rbsp) {
+    Bytes out{header};
     int zeros = 0;
     for (uint8_t b : rbsp) {
-        if (zeros >= 2 && b <= 3) out.push_back(3), zeros = 0;
+        if (zeros >= 2 && b <= 3) out.push_back(3), zeros = 0;  // emulation prevention
         out.push_back(b);
         zeros = b == 0 ? zeros + 1 : 0;
     }
-    return out;
-}
-
-Bytes Nal(uint8_t header, const Bytes& rbsp) {
-    Bytes out = Escape(rbsp);
-    out.insert(out.begin(), header);
     return out;
 }
 

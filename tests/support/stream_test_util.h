@@ -27,10 +27,7 @@ private:
     int used_ = 8;
 };
 
-// Inserts emulation-prevention bytes (03 before 00..03 after two zeros).
-Bytes Escape(const Bytes& rbsp);
-
-// A NAL unit: header byte then the escaped payload.
+// A NAL unit: header byte then the payload with emulation-prevention bytes.
 Bytes Nal(uint8_t header, const Bytes& rbsp);
 
 Bytes AnnexB(const std::vector<Bytes>& nals, bool fourByteCodes = true);
