@@ -68,20 +68,14 @@ CamConfig ParseConfig(const std::wstring& text) {
         if (eq == std::wstring::npos) continue;
         const std::wstring key = entry.substr(0, eq), value = entry.substr(eq + 1);
         const std::vector<std::wstring> f = Split(value, L':');
-        if (key == L"cap" && f.size() == 7) {
-            config.caps.push_back({std::string(f[0].begin(), f[0].end()), std::wcstol(f[1].c_str(), nullptr, 10),
-                                   std::wcstol(f[2].c_str(), nullptr, 10), f[3] == L"vih2",
-                                   std::wcstoll(f[4].c_str(), nullptr, 10), std::wcstoll(f[5].c_str(), nullptr, 10),
-                                   std::wcstoll(f[6].c_str(), nullptr, 10)});
-        } else if (key == L"page") {
-            config.page = value == L"1";
-        } else if (key == L"nocfg") {
-            config.noStreamConfig = value == L"1";
-        } else if (key == L"record") {
-            config.recordPath = value;
-        } else if (key == L"h264") {
-            config.h264Path = value;
-        }
+        auto number = [&f](size_t i) { return std::wcstoll(f[i].c_str(), nullptr, 10); };
+        if (key == L"cap" && f.size() == 7)
+            config.caps.push_back({std::string(f[0].begin(), f[0].end()), static_cast<int>(number(1)),
+                                   static_cast<int>(number(2)), f[3] == L"vih2", number(4), number(5), number(6)});
+        if (key == L"page") config.page = value == L"1";
+        if (key == L"nocfg") config.noStreamConfig = value == L"1";
+        if (key == L"record") config.recordPath = value;
+        if (key == L"h264") config.h264Path = value;
     }
     return config;
 }
@@ -124,30 +118,22 @@ void BuildMediaType(const CamCap& cap, AM_MEDIA_TYPE* mt) {
     const bool compressed = cap.subtype == "MJPG" || cap.subtype == "H264";
     mt->bFixedSizeSamples = !compressed;
     mt->bTemporalCompression = cap.subtype == "H264";
-    BITMAPINFOHEADER bmi{};
-    bmi.biSize = sizeof(bmi);
-    bmi.biWidth = cap.width;
-    bmi.biHeight = cap.height;
-    bmi.biPlanes = 1;
-    bmi.biBitCount = info->bits;
-    bmi.biCompression = info->fourcc;
     const long absHeight = cap.height < 0 ? -cap.height : cap.height;
-    bmi.biSizeImage = static_cast<DWORD>(cap.width) * static_cast<DWORD>(absHeight) * info->bits / 8;
+    const BITMAPINFOHEADER bmi{sizeof(BITMAPINFOHEADER), cap.width, cap.height, 1, info->bits, info->fourcc,
+                               static_cast<DWORD>(cap.width * absHeight * info->bits / 8), 0, 0, 0, 0};
     mt->lSampleSize = compressed ? 0 : bmi.biSizeImage;
     mt->formattype = cap.vih2 ? FORMAT_VideoInfo2 : FORMAT_VideoInfo;
     mt->cbFormat = cap.vih2 ? sizeof(VIDEOINFOHEADER2) : sizeof(VIDEOINFOHEADER);
     mt->pbFormat = static_cast<BYTE*>(CoTaskMemAlloc(mt->cbFormat));
     std::memset(mt->pbFormat, 0, mt->cbFormat);
+    reinterpret_cast<VIDEOINFOHEADER*>(mt->pbFormat)->AvgTimePerFrame = cap.avg;  // same place in both blocks
     if (cap.vih2) {
         auto* vih = reinterpret_cast<VIDEOINFOHEADER2*>(mt->pbFormat);
-        vih->AvgTimePerFrame = cap.avg;
         vih->dwPictAspectRatioX = static_cast<DWORD>(cap.width);
         vih->dwPictAspectRatioY = static_cast<DWORD>(absHeight);
         vih->bmiHeader = bmi;
     } else {
-        auto* vih = reinterpret_cast<VIDEOINFOHEADER*>(mt->pbFormat);
-        vih->AvgTimePerFrame = cap.avg;
-        vih->bmiHeader = bmi;
+        reinterpret_cast<VIDEOINFOHEADER*>(mt->pbFormat)->bmiHeader = bmi;
     }
 }
 
@@ -170,20 +156,14 @@ void CopyMediaType(AM_MEDIA_TYPE* dst, const AM_MEDIA_TYPE* src) {
 }
 
 bool ReadVideoHeader(const AM_MEDIA_TYPE* mt, BITMAPINFOHEADER* bmi, REFERENCE_TIME* avg) {
-    if (!mt->pbFormat) return false;
-    if (IsEqualGUID(mt->formattype, FORMAT_VideoInfo) && mt->cbFormat >= sizeof(VIDEOINFOHEADER)) {
-        const auto* vih = reinterpret_cast<const VIDEOINFOHEADER*>(mt->pbFormat);
-        *bmi = vih->bmiHeader;
-        *avg = vih->AvgTimePerFrame;
-        return true;
-    }
-    if (IsEqualGUID(mt->formattype, FORMAT_VideoInfo2) && mt->cbFormat >= sizeof(VIDEOINFOHEADER2)) {
-        const auto* vih = reinterpret_cast<const VIDEOINFOHEADER2*>(mt->pbFormat);
-        *bmi = vih->bmiHeader;
-        *avg = vih->AvgTimePerFrame;
-        return true;
-    }
-    return false;
+    const bool vih2 = IsEqualGUID(mt->formattype, FORMAT_VideoInfo2);
+    if (!mt->pbFormat || !(vih2 || IsEqualGUID(mt->formattype, FORMAT_VideoInfo)) ||
+        mt->cbFormat < (vih2 ? sizeof(VIDEOINFOHEADER2) : sizeof(VIDEOINFOHEADER)))
+        return false;
+    const auto* vih = reinterpret_cast<const VIDEOINFOHEADER*>(mt->pbFormat);
+    *avg = vih->AvgTimePerFrame;  // at the same place in both blocks
+    *bmi = vih2 ? reinterpret_cast<const VIDEOINFOHEADER2*>(mt->pbFormat)->bmiHeader : vih->bmiHeader;
+    return true;
 }
 
 // The capability a full media type names; -1 when none.
@@ -213,44 +193,31 @@ std::string DescribeMediaType(const AM_MEDIA_TYPE* mt) {
     return text;
 }
 
-// Access units of an Annex-B H.264 file (none when it cannot be read). NAL
-// units start after 00 00 01; a new access unit begins at an access unit
-// delimiter, SPS, PPS or SEI, or at a slice whose first macroblock is 0, once
-// the current unit holds a slice.
+// Access units of an Annex-B H.264 file of single-slice pictures (none when it
+// cannot be read): the NAL units after each 00 00 01 up to and including a
+// slice.
 std::vector<std::vector<BYTE>> ReadAccessUnits(const std::wstring& path) {
-    std::vector<std::vector<BYTE>> units;
+    std::vector<std::vector<BYTE>> units(1);
     FILE* f = _wfopen(path.c_str(), L"rb");
-    if (!f) return units;
+    if (!f) return {};
     std::vector<BYTE> data;
     BYTE chunk[65536];
     for (size_t n; (n = std::fread(chunk, 1, sizeof(chunk), f)) > 0;) data.insert(data.end(), chunk, chunk + n);
     std::fclose(f);
-    std::vector<size_t> starts;  // offsets of the start codes (3 or 4 bytes)
-    for (size_t i = 0; i + 3 <= data.size(); ++i) {
-        if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1) {
-            starts.push_back(i > 0 && data[i - 1] == 0 ? i - 1 : i);
-            i += 2;
-        }
+    for (size_t i = 0; i + 3 < data.size(); ++i) {
+        if (data[i] != 0 || data[i + 1] != 0 || data[i + 2] != 1) continue;
+        size_t end = i + 3;
+        while (end + 3 <= data.size() && !(data[end] == 0 && data[end + 1] == 0 && data[end + 2] == 1)) ++end;
+        if (end + 3 > data.size()) end = data.size();
+        size_t last = end;  // a NAL unit never ends in a zero byte: those open the next start code
+        while (last > i + 3 && data[last - 1] == 0) --last;
+        units.back().insert(units.back().end(), data.begin() + static_cast<std::ptrdiff_t>(i),
+                            data.begin() + static_cast<std::ptrdiff_t>(last));
+        const int type = data[i + 3] & 0x1f;
+        if (type == 1 || type == 5) units.emplace_back();
+        i = end - 1;
     }
-    std::vector<BYTE> current;
-    bool hasSlice = false;
-    for (size_t k = 0; k < starts.size(); ++k) {
-        const size_t begin = starts[k], end = k + 1 < starts.size() ? starts[k + 1] : data.size();
-        const size_t header = begin + (data[begin + 2] == 1 ? 3 : 4);
-        if (header >= end) continue;
-        const int type = data[header] & 0x1f;
-        const bool slice = type == 1 || type == 5;
-        const bool firstSlice = slice && header + 1 < end && (data[header + 1] & 0x80) != 0;
-        if ((type == 9 || type == 7 || type == 8 || type == 6 || firstSlice) && hasSlice) {
-            units.push_back(current);
-            current.clear();
-            hasSlice = false;
-        }
-        current.insert(current.end(), data.begin() + static_cast<std::ptrdiff_t>(begin),
-                       data.begin() + static_cast<std::ptrdiff_t>(end));
-        hasSlice = hasSlice || slice;
-    }
-    if (hasSlice) units.push_back(current);
+    units.pop_back();
     return units;
 }
 
@@ -265,9 +232,7 @@ public:
     STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
         if (!ppv) return E_POINTER;
         *ppv = IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, iid_) ? static_cast<Interface*>(this) : nullptr;
-        if (!*ppv) return E_NOINTERFACE;
-        AddRef();
-        return S_OK;
+        return *ppv ? (AddRef(), S_OK) : E_NOINTERFACE;
     }
     STDMETHODIMP_(ULONG) AddRef() override { return ++refs_; }
     STDMETHODIMP_(ULONG) Release() override {
@@ -306,9 +271,7 @@ public:
     }
     STDMETHODIMP Reset() override { return pos_ = 0, S_OK; }
     STDMETHODIMP Clone(Enum** out) override {
-        if (!out) return E_POINTER;
-        *out = new Enumerator(this->iid_, items_, pos_);
-        return S_OK;
+        return out ? (*out = new Enumerator(this->iid_, items_, pos_), S_OK) : E_POINTER;
     }
 
 private:
@@ -317,10 +280,7 @@ private:
 };
 
 struct PinTraits {
-    static IPin* Copy(IPin* pin) {
-        pin->AddRef();
-        return pin;
-    }
+    static IPin* Copy(IPin* pin) { return pin->AddRef(), pin; }
     static void Free(IPin* pin) { pin->Release(); }
 };
 struct TypeTraits {
@@ -329,10 +289,7 @@ struct TypeTraits {
         CopyMediaType(copy, mt);
         return copy;
     }
-    static void Free(AM_MEDIA_TYPE* mt) {
-        FreeMediaType(mt);
-        CoTaskMemFree(mt);
-    }
+    static void Free(AM_MEDIA_TYPE* mt) { FreeMediaType(mt), CoTaskMemFree(mt); }
 };
 
 bool SameType(const AM_MEDIA_TYPE* a, const AM_MEDIA_TYPE* b) {
@@ -505,7 +462,8 @@ public:
         return S_OK;
     }
 
-    // IKsPropertySet: the pin category only.
+    // IKsPropertySet: the pin category only (the capture graph builder finds
+    // the capture pin by it).
     STDMETHODIMP Set(REFGUID, DWORD, LPVOID, DWORD, LPVOID, DWORD) override { return E_NOTIMPL; }
     STDMETHODIMP Get(REFGUID set, DWORD id, LPVOID, DWORD, LPVOID data, DWORD size, DWORD* returned) override {
         if (!IsEqualGUID(set, AMPROPSETID_Pin)) return E_PROP_SET_UNSUPPORTED;
@@ -516,12 +474,7 @@ public:
         if (returned) *returned = sizeof(GUID);
         return S_OK;
     }
-    STDMETHODIMP QuerySupported(REFGUID set, DWORD id, DWORD* support) override {
-        if (!IsEqualGUID(set, AMPROPSETID_Pin)) return E_PROP_SET_UNSUPPORTED;
-        if (id != AMPROPERTY_PIN_CATEGORY) return E_PROP_ID_UNSUPPORTED;
-        if (support) *support = KSPROPERTY_SUPPORT_GET;
-        return S_OK;
-    }
+    STDMETHODIMP QuerySupported(REFGUID, DWORD, DWORD*) override { return E_NOTIMPL; }
 
     // Called by the filter on state changes: stopped -> paused commits the
     // allocator, -> stopped decommits it.
@@ -725,7 +678,6 @@ private:
 class TestCamFilter : public IBaseFilter,
                       public IPersistPropertyBag,
                       public ISpecifyPropertyPages,
-                      public IAMFilterMiscFlags,
                       private CamState {
 public:
     TestCamFilter() : pin_(this, this) {
@@ -749,7 +701,6 @@ public:
         else if (IsEqualIID(riid, IID_IPersistPropertyBag)) *ppv = static_cast<IPersistPropertyBag*>(this);
         else if (IsEqualIID(riid, IID_ISpecifyPropertyPages) && config.page)
             *ppv = static_cast<ISpecifyPropertyPages*>(this);
-        else if (IsEqualIID(riid, IID_IAMFilterMiscFlags)) *ppv = static_cast<IAMFilterMiscFlags*>(this);
         else return E_NOINTERFACE;
         AddRef();
         return S_OK;
@@ -850,8 +801,6 @@ public:
         pages->pElems[0] = CLSID_TestCamPage;
         return S_OK;
     }
-    // IAMFilterMiscFlags
-    STDMETHODIMP_(ULONG) GetMiscFlags() override { return AM_FILTER_MISC_FLAGS_IS_SOURCE; }
 
 private:
     std::atomic<long> refs_{1};
@@ -865,16 +814,8 @@ private:
 class TestCamPage : public SingleInterface<IPropertyPage> {
 public:
     TestCamPage() : SingleInterface(IID_IPropertyPage) {}
-    ~TestCamPage() override {
-        Deactivate();
-        if (site_) site_->Release();
-    }
-    STDMETHODIMP SetPageSite(IPropertyPageSite* site) override {
-        if (site) site->AddRef();
-        if (site_) site_->Release();
-        site_ = site;
-        return S_OK;
-    }
+    ~TestCamPage() override { Deactivate(); }
+    STDMETHODIMP SetPageSite(IPropertyPageSite*) override { return S_OK; }
     STDMETHODIMP Activate(HWND parent, LPCRECT rect, BOOL) override {
         window_ = CreateWindowExW(0, L"STATIC", L"KIV test camera", WS_CHILD, rect->left, rect->top,
                                   rect->right - rect->left, rect->bottom - rect->top, parent, nullptr, g_module,
@@ -903,7 +844,6 @@ public:
     STDMETHODIMP TranslateAccelerator(MSG*) override { return S_FALSE; }
 
 private:
-    IPropertyPageSite* site_ = nullptr;
     HWND window_ = nullptr;
 };
 
