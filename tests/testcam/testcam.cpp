@@ -35,7 +35,6 @@ namespace {
 const CLSID CLSID_TestCam = {0x9cd1d6bd, 0xfd91, 0x4036, {0xb0, 0x21, 0x86, 0x64, 0xec, 0x00, 0x62, 0x60}};
 // {AC54F4C5-B66C-4630-A981-9EFC32C2C565}
 const CLSID CLSID_TestCamPage = {0xac54f4c5, 0xb66c, 0x4630, {0xa9, 0x81, 0x9e, 0xfc, 0x32, 0xc2, 0xc5, 0x65}};
-std::atomic<long> g_objects{0}, g_locks{0};  // for DllCanUnloadNow
 HMODULE g_module = nullptr;
 
 struct CamCap {
@@ -222,13 +221,12 @@ std::vector<std::vector<BYTE>> ReadAccessUnits(const std::wstring& path) {
 }
 
 // IUnknown of the small objects with one interface (enumerators, the class
-// factory, the property page): counted, deleted at zero, and counted in
-// g_objects while alive.
+// factory, the property page): counted, deleted at zero.
 template <class Interface>
 class SingleInterface : public Interface {
 public:
-    explicit SingleInterface(const IID& iid) : iid_(iid) { ++g_objects; }
-    virtual ~SingleInterface() { --g_objects; }
+    explicit SingleInterface(const IID& iid) : iid_(iid) {}
+    virtual ~SingleInterface() = default;
     STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
         if (!ppv) return E_POINTER;
         *ppv = IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, iid_) ? static_cast<Interface*>(this) : nullptr;
@@ -365,9 +363,7 @@ public:
         if (allocator_) allocator_->Release();
         if (peerInput_) peerInput_->Release();
         peer_->Release();
-        allocator_ = nullptr;
-        peerInput_ = nullptr;
-        peer_ = nullptr;
+        allocator_ = nullptr, peerInput_ = nullptr, peer_ = nullptr;
         FreeMediaType(&connected_);
         return S_OK;
     }
@@ -504,30 +500,12 @@ public:
 private:
     const CamConfig& Config() const { return state_->config; }
 
-    // What the pin offers (caller frees each): the format chosen by SetFormat
-    // first, followed by its twins in the other format block (so a peer that
-    // wants the other block can still join); without a chosen format, every
-    // capability in order.
+    // What the pin offers (caller frees each): the format chosen by SetFormat,
+    // or without one every capability in order.
     std::vector<AM_MEDIA_TYPE> OfferedTypes() {
-        std::vector<AM_MEDIA_TYPE> types;
-        const std::vector<CamCap>& caps = Config().caps;
-        const int index = hasChosen_ ? FindCap(caps, &chosen_) : -1;
-        if (hasChosen_) {
-            types.emplace_back();
-            CopyMediaType(&types.back(), &chosen_);
-        }
-        for (size_t i = 0; i < caps.size() && (!hasChosen_ || index >= 0); ++i) {
-            CamCap cap = caps[i];
-            if (hasChosen_) {
-                const CamCap& k = caps[static_cast<size_t>(index)];
-                BITMAPINFOHEADER bmi;
-                if (static_cast<int>(i) == index || cap.subtype != k.subtype || cap.width != k.width ||
-                    cap.height != k.height || !ReadVideoHeader(&chosen_, &bmi, &cap.avg))
-                    continue;
-            }
-            types.emplace_back();
-            BuildMediaType(cap, &types.back());
-        }
+        std::vector<AM_MEDIA_TYPE> types(hasChosen_ ? 1 : Config().caps.size());
+        for (size_t i = 0; i < types.size(); ++i)
+            hasChosen_ ? CopyMediaType(&types[i], &chosen_) : BuildMediaType(Config().caps[i], &types[i]);
         return types;
     }
 
@@ -564,32 +542,21 @@ private:
         return 16;  // other compressed types carry just the frame number
     }
 
+    // The peer's allocator or else one of our own, with at least three
+    // buffers of a whole sample.
     HRESULT NegotiateAllocator(const AM_MEDIA_TYPE* mt) {
         HRESULT hr = peer_->QueryInterface(IID_IMemInputPin, reinterpret_cast<void**>(&peerInput_));
+        if (SUCCEEDED(hr) && FAILED(peerInput_->GetAllocator(&allocator_)))
+            hr = CoCreateInstance(CLSID_MemoryAllocator, nullptr, CLSCTX_INPROC_SERVER, IID_IMemAllocator,
+                                  reinterpret_cast<void**>(&allocator_));
         if (FAILED(hr)) return hr;
         ALLOCATOR_PROPERTIES wanted{}, actual{};
         peerInput_->GetAllocatorRequirements(&wanted);
-        wanted.cBuffers = wanted.cBuffers > 3 ? wanted.cBuffers : 3;
-        wanted.cbBuffer = SampleBytes(mt);
-        if (wanted.cbAlign < 1) wanted.cbAlign = 1;
-        wanted.cbPrefix = 0;
-        // The peer's allocator first, then one of our own.
-        for (int attempt = 0; attempt < 2; ++attempt) {
-            IMemAllocator* allocator = nullptr;
-            hr = attempt == 0 ? peerInput_->GetAllocator(&allocator)
-                              : CoCreateInstance(CLSID_MemoryAllocator, nullptr, CLSCTX_INPROC_SERVER,
-                                                 IID_IMemAllocator, reinterpret_cast<void**>(&allocator));
-            if (FAILED(hr)) continue;
-            hr = allocator->SetProperties(&wanted, &actual);
-            if (SUCCEEDED(hr) && actual.cbBuffer < wanted.cbBuffer) hr = E_FAIL;
-            if (SUCCEEDED(hr)) hr = peerInput_->NotifyAllocator(allocator, FALSE);
-            if (SUCCEEDED(hr)) {
-                allocator_ = allocator;
-                return S_OK;
-            }
-            allocator->Release();
-        }
-        return hr;
+        wanted.cBuffers = std::max(wanted.cBuffers, 3L), wanted.cbBuffer = SampleBytes(mt);
+        wanted.cbAlign = std::max(wanted.cbAlign, 1L), wanted.cbPrefix = 0;
+        hr = allocator_->SetProperties(&wanted, &actual);
+        if (SUCCEEDED(hr) && actual.cbBuffer < wanted.cbBuffer) hr = E_FAIL;
+        return SUCCEEDED(hr) ? peerInput_->NotifyAllocator(allocator_, FALSE) : hr;
     }
 
     // The record file tells a test what the camera was asked, one key a line.
@@ -680,17 +647,13 @@ class TestCamFilter : public IBaseFilter,
                       public ISpecifyPropertyPages,
                       private CamState {
 public:
-    TestCamFilter() : pin_(this, this) {
-        InitializeCriticalSection(&lock);
-        ++g_objects;
-    }
+    TestCamFilter() : pin_(this, this) { InitializeCriticalSection(&lock); }
     virtual ~TestCamFilter() {
         pin_.StopStreaming();
         pin_.Inactive();
         pin_.Disconnect();
         if (clock_) clock_->Release();
         DeleteCriticalSection(&lock);
-        --g_objects;
     }
     STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
         if (!ppv) return E_POINTER;
@@ -860,7 +823,7 @@ public:
         object->Release();
         return hr;
     }
-    STDMETHODIMP LockServer(BOOL lock) override { return (lock ? ++g_locks : --g_locks), S_OK; }
+    STDMETHODIMP LockServer(BOOL) override { return S_OK; }
 
 private:
     bool page_;
@@ -925,7 +888,7 @@ STDAPI DllGetClassObject(REFCLSID clsid, REFIID riid, LPVOID* ppv) {
     return hr;
 }
 
-STDAPI DllCanUnloadNow() { return g_objects == 0 && g_locks == 0 ? S_OK : S_FALSE; }
+STDAPI DllCanUnloadNow() { return S_FALSE; }  // stays loaded for the process
 
 // Writes what a driver's registration writes for one camera instance.
 extern "C" HRESULT KivTestCamInstall(const wchar_t* keyName, const wchar_t* friendlyName, const wchar_t* config) {
