@@ -4,7 +4,9 @@
 #include "camera_fixture.h"
 
 using namespace camtest;
+using kivtest::CaughtFrame;
 using kivtest::CountOf;
+using kivtest::FrameCatcher;
 using kivtest::LibraryLog;
 
 namespace {
@@ -25,18 +27,18 @@ TEST_F(CameraTest, DeliversNumberedTopDownFramesInEachFormat) {
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << "format " << c.format << " stride " << c.stride);
         Install(c.caps);
-        NumberCatcher catcher;
+        FrameCatcher catcher;
         void* in = Port(64, 48, 50, c.format, &catcher);
         ASSERT_EQ(KIV_Start(in), KIV_OK);
         EXPECT_TRUE(WaitFor([&] { return catcher.Count() >= 6; }));
         EXPECT_EQ(KIV_Stop(in), KIV_OK);
-        const std::vector<Delivered> frames = catcher.Frames();
+        const std::vector<CaughtFrame>& frames = catcher.frames;
         ASSERT_GE(frames.size(), 6u);
         for (int64_t i = 0; i < static_cast<int64_t>(frames.size()); ++i) {
             const KivVideoFrame& m = frames[i].meta;
             EXPECT_EQ((std::vector<int64_t>{m.width, m.height, m.format, m.strides[0],
-                                            static_cast<int64_t>(m.frameIndex), frames[i].number}),
-                      (std::vector<int64_t>{64, 48, c.format, c.stride, i, frames[0].number + i}))
+                                            static_cast<int64_t>(m.frameIndex), Number(frames[i])}),
+                      (std::vector<int64_t>{64, 48, c.format, c.stride, i, Number(frames[0]) + i}))
                 << "frame " << i;
         }
         ASSERT_EQ(installer.RemoveAll(), S_OK);
@@ -50,7 +52,7 @@ TEST_F(CameraTest, NegotiationPicksTheBestCapability) {
     Install(L"cap=YUY2:128:96:vih:333333:333333:333333;cap=YUY2:64:48:vih:333333:333333:333333;"
             L"cap=MJPG:64:48:vih:166666:166666:166666;cap=P010:64:48:vih:333333:0:0;record=" +
             std::wstring(record.begin(), record.end()));
-    NumberCatcher catcher;
+    FrameCatcher catcher;
     void* in = Port(64, 48, 30, KIV_PIXEL_FORMAT_YUY2, &catcher);
     ASSERT_EQ(KIV_Start(in), KIV_OK);
     EXPECT_TRUE(WaitFor([&] { return catcher.Count() >= 2; }));
@@ -72,7 +74,7 @@ TEST_F(CameraTest, NegotiationPicksTheBestCapability) {
 // another format.
 TEST_F(CameraTest, MjpegWithoutADecoderFailsCleanly) {
     Install(L"cap=MJPG:64:48:vih:200000:200000:200000;cap=YUY2:64:48:vih:200000:200000:200000");
-    NumberCatcher catcher;
+    FrameCatcher catcher;
     void* in = Port(64, 48, 50, KIV_PIXEL_FORMAT_MJPG, &catcher);
     EXPECT_EQ(KIV_Start(in), KIV_ERROR_FAILED);
     const std::string log = LibraryLog();
@@ -91,19 +93,19 @@ TEST_F(CameraTest, MjpegWithoutADecoderFailsCleanly) {
     ASSERT_EQ(KIV_Start(in), KIV_OK);
     EXPECT_TRUE(WaitFor([&] { return catcher.Count() >= 2; }));
     EXPECT_EQ(KIV_Stop(in), KIV_OK);
-    EXPECT_EQ(catcher.Frames()[0].meta.format, KIV_PIXEL_FORMAT_YUY2);
+    EXPECT_EQ(catcher.frames[0].meta.format, KIV_PIXEL_FORMAT_YUY2);
 }
 
 // Two ports on one camera: the second asking more restarts the source and
 // both then receive the new size; a third asking less changes nothing.
 TEST_F(CameraTest, SharedCameraGrowsForTheLargestRequest) {
     Install(L"cap=YUY2:64:48:vih:200000:200000:200000;cap=YUY2:128:96:vih:200000:200000:200000");
-    NumberCatcher firstFrames, secondFrames;
+    FrameCatcher firstFrames, secondFrames;
     void* first = Port(64, 48, 50, KIV_PIXEL_FORMAT_YUY2, &firstFrames);
     void* second = Port(128, 96, 50, KIV_PIXEL_FORMAT_YUY2);
     void* third = Port(32, 24, 25, KIV_PIXEL_FORMAT_YUY2);
     void* secondOut = Add(KIV_CreateVideoMux());
-    ASSERT_EQ(KIV_SetVideoFrameCallback(secondOut, &NumberCatcher::OnFrame, &secondFrames), KIV_OK);
+    ASSERT_EQ(KIV_SetVideoFrameCallback(secondOut, &FrameCatcher::OnFrame, &secondFrames), KIV_OK);
     ASSERT_EQ(KIV_Connect(second, secondOut), KIV_OK);
     ASSERT_EQ(KIV_Start(first), KIV_OK);
     EXPECT_TRUE(WaitFor([&] { return firstFrames.Count() >= 1; }));
@@ -111,9 +113,9 @@ TEST_F(CameraTest, SharedCameraGrowsForTheLargestRequest) {
     ASSERT_EQ(KIV_Start(third), KIV_OK);
     EXPECT_TRUE(WaitFor([&] { return secondFrames.Count() >= 3; }));
     for (void* p : {third, second, first}) EXPECT_EQ(KIV_Stop(p), KIV_OK);
-    EXPECT_EQ(firstFrames.Frames().front().meta.width, 64);
-    EXPECT_EQ(firstFrames.Frames().back().meta.width, 128);
-    for (const Delivered& d : secondFrames.Frames())
+    EXPECT_EQ(firstFrames.frames.front().meta.width, 64);
+    EXPECT_EQ(firstFrames.frames.back().meta.width, 128);
+    for (const CaughtFrame& d : secondFrames.frames)
         EXPECT_EQ(std::make_pair(d.meta.width, d.meta.height), std::make_pair(128, 96));
     const std::string log = LibraryLog();
     EXPECT_EQ(CountOf(log, "Restart shared source OK device=0 actual=128x96 fps=50 fmt=1"), 1u);
@@ -138,14 +140,10 @@ TEST_F(CameraTest, H264CameraRecordedByPassThrough) {
     if (kivtest::ReadFile(clip).empty()) GTEST_SKIP() << "no clip from ffmpeg at " << clip;
     std::remove(mp4.c_str());
     Install(L"cap=H264:320:240:vih:200000:0:0;h264=" + std::wstring(clip.begin(), clip.end()));
-    NumberCatcher catcher;
+    FrameCatcher catcher;
     void* in = Port(320, 240, 50, KIV_PIXEL_FORMAT_H264, &catcher);
     void* recorder = Add(KIV_CreateRecorder(mp4.c_str()));
-    KivRecorderConfig config{};
-    config.width = 320;
-    config.height = 240;
-    config.inputFps = config.recordFps = 50;
-    config.inputMode = KIV_RECORD_INPUT_DIRECT_H264;
+    const KivRecorderConfig config{{}, 0, 0, 320, 240, 50, 50, 0, 0, KIV_RECORD_INPUT_DIRECT_H264, 0, 0, 0, 0};
     ASSERT_EQ(KIV_SetRecorderConfig(recorder, &config), KIV_OK);
     ASSERT_EQ(KIV_Connect(in, recorder), KIV_OK);
     ASSERT_EQ(KIV_Start(recorder), KIV_OK);
@@ -154,9 +152,8 @@ TEST_F(CameraTest, H264CameraRecordedByPassThrough) {
     EXPECT_EQ(KIV_Stop(in), KIV_OK);
     EXPECT_EQ(KIV_Stop(recorder), KIV_OK);
     KIV_Disconnect(in, recorder);
-    const std::vector<Delivered> frames = catcher.Frames();
-    ASSERT_GE(frames.size(), 30u);
-    for (const Delivered& d : frames) {
+    ASSERT_GE(catcher.frames.size(), 30u);
+    for (const CaughtFrame& d : catcher.frames) {
         EXPECT_EQ(d.meta.format, KIV_PIXEL_FORMAT_H264);
         EXPECT_GT(d.meta.strides[0], 0);
     }
