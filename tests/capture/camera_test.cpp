@@ -123,20 +123,13 @@ TEST_F(CameraTest, SharedCameraGrowsForTheLargestRequest) {
     EXPECT_EQ(CountOf(log, "Shared client slot unregistered device=0"), 2u);
 }
 
-// The Unix build folder seen from the Windows test (Wine maps / to Z:).
-std::string WinePath(const std::string& unixPath) {
-    std::string path = "Z:";
-    for (char c : unixPath) path += c == '/' ? '\\' : c;
-    return path;
-}
-
 // An H.264 camera recorded by the recorder's pass-through. ffmpeg runs on the
 // host, so the clip comes from it before this test (kiv_capture_h264_clip) and
 // the file is decoded and compared with the clip frame by frame after it
 // (kiv_capture_h264_check).
 TEST_F(CameraTest, H264CameraRecordedByPassThrough) {
-    const std::string clip = WinePath(KIV_CAPTURE_H264_DIR "/clip.h264");
-    const std::string mp4 = WinePath(KIV_CAPTURE_H264_DIR "/camera.mp4");
+    const std::string clip = testcam::WinePath(KIV_CAPTURE_H264_DIR "/clip.h264");
+    const std::string mp4 = testcam::WinePath(KIV_CAPTURE_H264_DIR "/camera.mp4");
     if (kivtest::ReadFile(clip).empty()) GTEST_SKIP() << "no clip from ffmpeg at " << clip;
     std::remove(mp4.c_str());
     Install(L"cap=H264:320:240:vih:200000:0:0;h264=" + std::wstring(clip.begin(), clip.end()));

@@ -23,6 +23,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -52,12 +53,9 @@ struct CamConfig {
 
 std::vector<std::wstring> Split(const std::wstring& text, wchar_t sep) {
     std::vector<std::wstring> parts;
-    for (size_t start = 0;;) {
-        const size_t end = text.find(sep, start);
-        parts.push_back(text.substr(start, end == std::wstring::npos ? std::wstring::npos : end - start));
-        if (end == std::wstring::npos) return parts;
-        start = end + 1;
-    }
+    std::wistringstream in(text);
+    for (std::wstring part; std::getline(in, part, sep);) parts.push_back(part);
+    return parts;
 }
 
 CamConfig ParseConfig(const std::wstring& text) {
@@ -524,19 +522,23 @@ private:
         return S_OK;
     }
 
+    // The pattern a type carries: its place in Subtypes(), in PatternFormat
+    // order (the RGB types stored bottom-up for a positive height); -1: none.
+    static long PatternKind(const AM_MEDIA_TYPE* mt) {
+        const SubtypeInfo* info = FindSubtype("", &mt->subtype);
+        return info && info - Subtypes() < 4 ? static_cast<long>(info - Subtypes()) : -1;
+    }
+
     long SampleBytes(const AM_MEDIA_TYPE* mt) {
         BITMAPINFOHEADER bmi;
         REFERENCE_TIME avg;
         if (!ReadVideoHeader(mt, &bmi, &avg)) return 0;
         const long w = bmi.biWidth, h = bmi.biHeight < 0 ? -bmi.biHeight : bmi.biHeight;
-        if (IsEqualGUID(mt->subtype, MEDIASUBTYPE_YUY2)) return w * 2 * h;
-        if (IsEqualGUID(mt->subtype, MEDIASUBTYPE_NV12)) return (h + (h + 1) / 2) * w;
-        if (IsEqualGUID(mt->subtype, MEDIASUBTYPE_RGB24)) return w * 3 * h;
-        if (IsEqualGUID(mt->subtype, MEDIASUBTYPE_RGB32)) return w * 4 * h;
+        if (PatternKind(mt) >= 0) return w * h * bmi.biBitCount / 8;
         if (!Config().h264Path.empty() && bmi.biCompression == MAKEFOURCC('H', '2', '6', '4')) {
             accessUnits_ = ReadAccessUnits(Config().h264Path);
             size_t largest = 1;
-            for (const auto& unit : accessUnits_) largest = unit.size() > largest ? unit.size() : largest;
+            for (const auto& unit : accessUnits_) largest = std::max(largest, unit.size());
             return static_cast<long>(largest);
         }
         return 16;  // other compressed types carry just the frame number
@@ -585,17 +587,7 @@ private:
         if (avg <= 0) avg = 333333;
         const int width = bmi.biWidth, height = bmi.biHeight < 0 ? -bmi.biHeight : bmi.biHeight;
         const bool bottomUp = bmi.biHeight > 0;
-        const struct {
-            GUID subtype;
-            PatternFormat format;
-            size_t bpp;  // bytes a pixel in the first plane
-            bool dib;    // stored bottom-up when the height is positive
-        } patterns[] = {{MEDIASUBTYPE_YUY2, PatternFormat::YUY2, 2, false},
-                        {MEDIASUBTYPE_NV12, PatternFormat::NV12, 1, false},
-                        {MEDIASUBTYPE_RGB24, PatternFormat::RGB24, 3, true},
-                        {MEDIASUBTYPE_RGB32, PatternFormat::RGB32, 4, true}};
-        const auto* pattern = std::find_if(std::begin(patterns), std::end(patterns),
-                                           [&](const auto& p) { return IsEqualGUID(p.subtype, connected_.subtype); });
+        const long kind = PatternKind(&connected_);
         const long bytes = SampleBytes(&connected_);
         const ULONGLONG start = GetTickCount64();
         for (uint32_t number = 0;; ++number) {
@@ -607,9 +599,9 @@ private:
             BYTE* data = nullptr;
             sample->GetPointer(&data);
             long length = bytes;
-            if (pattern != std::end(patterns)) {
-                WritePattern(pattern->format, width, height, pattern->bpp * width, pattern->dib && bottomUp, number,
-                             data);
+            if (kind >= 0) {
+                WritePattern(static_cast<PatternFormat>(kind), width, height, Subtypes()[kind].bits / 8 * width,
+                             kind >= 2 && bottomUp, number, data);
             } else if (!accessUnits_.empty()) {
                 const std::vector<BYTE>& unit = accessUnits_[number % accessUnits_.size()];
                 std::memcpy(data, unit.data(), unit.size());
@@ -837,12 +829,7 @@ std::wstring GuidText(const GUID& guid) {
 
 const wchar_t kInstanceRoot[] = L"CLSID\\{860BB310-5D01-11D0-BD3B-00A0C911CE86}\\Instance";
 
-LONG SetString(HKEY key, const wchar_t* name, const std::wstring& value) {
-    return RegSetValueExW(key, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
-                          static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
-}
-
-// Creates HKCR\name and sets its values (a null name is the default value).
+// Creates HKCR\name and sets its string values (a null name is the default value).
 HRESULT WriteKey(const std::wstring& name, std::initializer_list<std::pair<const wchar_t*, std::wstring>> values) {
     HKEY key;
     if (RegCreateKeyExW(HKEY_CLASSES_ROOT, name.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr, &key, nullptr) !=
@@ -850,7 +837,9 @@ HRESULT WriteKey(const std::wstring& name, std::initializer_list<std::pair<const
         return E_FAIL;
     LONG rc = ERROR_SUCCESS;
     for (const auto& v : values)
-        if (rc == ERROR_SUCCESS) rc = SetString(key, v.first, v.second);
+        if (rc == ERROR_SUCCESS)
+            rc = RegSetValueExW(key, v.first, 0, REG_SZ, reinterpret_cast<const BYTE*>(v.second.c_str()),
+                                static_cast<DWORD>((v.second.size() + 1) * sizeof(wchar_t)));
     RegCloseKey(key);
     return rc == ERROR_SUCCESS ? S_OK : E_FAIL;
 }
