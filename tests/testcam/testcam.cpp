@@ -372,20 +372,14 @@ public:
     }
     STDMETHODIMP ConnectionMediaType(AM_MEDIA_TYPE* mt) override {
         if (!mt) return E_POINTER;
-        if (!peer_) {
-            std::memset(mt, 0, sizeof(*mt));
-            return VFW_E_NOT_CONNECTED;
-        }
-        CopyMediaType(mt, &connected_);
-        return S_OK;
+        if (!peer_) return std::memset(mt, 0, sizeof(*mt)), VFW_E_NOT_CONNECTED;
+        return CopyMediaType(mt, &connected_), S_OK;
     }
     STDMETHODIMP QueryPinInfo(PIN_INFO* info) override {
         if (!info) return E_POINTER;
-        info->pFilter = owner_;
+        info->pFilter = owner_, info->dir = PINDIR_OUTPUT;
         owner_->AddRef();
-        info->dir = PINDIR_OUTPUT;
-        lstrcpynW(info->achName, kPinName, MAX_PIN_NAME);
-        return S_OK;
+        return lstrcpynW(info->achName, kPinName, MAX_PIN_NAME), S_OK;
     }
     STDMETHODIMP QueryDirection(PIN_DIRECTION* dir) override { return dir ? (*dir = PINDIR_OUTPUT, S_OK) : E_POINTER; }
     STDMETHODIMP QueryId(LPWSTR* id) override {
@@ -640,10 +634,7 @@ class TestCamFilter : public IBaseFilter,
                       private CamState {
 public:
     TestCamFilter() : pin_(this, this) { InitializeCriticalSection(&lock); }
-    virtual ~TestCamFilter() {
-        pin_.StopStreaming();
-        pin_.Inactive();
-        pin_.Disconnect();
+    virtual ~TestCamFilter() {  // the pin stops and disconnects itself
         if (clock_) clock_->Release();
         DeleteCriticalSection(&lock);
     }
