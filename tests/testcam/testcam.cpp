@@ -1,13 +1,9 @@
-// The test camera: a DirectShow video capture source of our own, so tests
-// under Wine see a camera exactly where a USB camera would appear. One filter
-// with one capture output pin, a trivial property page, the class factory and
-// the functions that install camera instances; plain COM, no framework.
-//
-// Each instance reads its configuration from the text stored beside its
-// registry entry, ';'-separated entries:
+// The test camera: a DirectShow video capture source (one filter, one capture
+// pin, a trivial property page, plain COM) found where a USB camera would be.
+// Each instance reads ';'-separated entries stored beside its registry entry:
 //   cap=SUBTYPE:WIDTH:HEIGHT:BLOCK:AVG:MIN:MAX   one capability (repeatable)
 //   page=1 / nocfg=1   a property page / no IAMStreamConfig (probes fail)
-//   record=PATH  file the camera rewrites with what it was asked
+//   record=PATH  file the camera rewrites with the format SetFormat gave it
 //   h264=PATH    Annex-B file streamed one access unit per sample
 // SUBTYPE is YUY2, NV12, RGB24, RGB32, MJPG, H264 or P010 (a 10-bit format the
 // library does not know); a negative HEIGHT is a top-down picture; BLOCK is
@@ -512,7 +508,6 @@ private:
             Disconnect();
             return hr;
         }
-        Record();
         return S_OK;
     }
 
@@ -560,8 +555,7 @@ private:
         if (Config().recordPath.empty()) return;
         FILE* f = _wfopen(Config().recordPath.c_str(), L"wb");
         if (!f) return;
-        std::fprintf(f, "setformat=%s\nconnected=%s\n", lastSetFormat_.c_str(),
-                     peer_ ? DescribeMediaType(&connected_).c_str() : "");
+        std::fprintf(f, "setformat=%s\n", lastSetFormat_.c_str());
         std::fclose(f);
     }
 
@@ -576,8 +570,6 @@ private:
         BITMAPINFOHEADER bmi;
         REFERENCE_TIME avg = 0;
         ReadVideoHeader(&connected_, &bmi, &avg);
-        const int index = FindCap(Config().caps, &connected_);
-        if (avg <= 0 && index >= 0) avg = Config().caps[static_cast<size_t>(index)].avg;
         if (avg <= 0) avg = 333333;
         const int width = bmi.biWidth, height = bmi.biHeight < 0 ? -bmi.biHeight : bmi.biHeight;
         const bool bottomUp = bmi.biHeight > 0;
