@@ -138,13 +138,9 @@ void FreeMediaType(AM_MEDIA_TYPE* mt) {
 
 void CopyMediaType(AM_MEDIA_TYPE* dst, const AM_MEDIA_TYPE* src) {
     *dst = *src;
-    dst->pbFormat = nullptr;
-    if (src->cbFormat && src->pbFormat) {
-        dst->pbFormat = static_cast<BYTE*>(CoTaskMemAlloc(src->cbFormat));
-        std::memcpy(dst->pbFormat, src->pbFormat, src->cbFormat);
-    } else {
-        dst->cbFormat = 0;
-    }
+    dst->pbFormat = src->cbFormat && src->pbFormat ? static_cast<BYTE*>(CoTaskMemAlloc(src->cbFormat)) : nullptr;
+    if (dst->pbFormat) std::memcpy(dst->pbFormat, src->pbFormat, src->cbFormat);
+    else dst->cbFormat = 0;
     if (dst->pUnk) dst->pUnk->AddRef();
 }
 
@@ -764,12 +760,9 @@ public:
     STDMETHODIMP GetPageInfo(PROPPAGEINFO* info) override {
         if (!info) return E_POINTER;
         static const wchar_t title[] = L"Test camera";
-        std::memset(info, 0, sizeof(*info));
-        info->cb = sizeof(*info);
-        info->pszTitle = static_cast<LPOLESTR>(CoTaskMemAlloc(sizeof(title)));
-        std::memcpy(info->pszTitle, title, sizeof(title));
-        info->size = {200, 100};
-        return S_OK;
+        *info = {sizeof(PROPPAGEINFO), static_cast<LPOLESTR>(CoTaskMemAlloc(sizeof(title))), {200, 100}, nullptr,
+                 nullptr, 0};
+        return std::memcpy(info->pszTitle, title, sizeof(title)), S_OK;
     }
     STDMETHODIMP SetObjects(ULONG, IUnknown**) override { return S_OK; }
     STDMETHODIMP Show(UINT cmd) override { return window_ && ShowWindow(window_, cmd), S_OK; }
