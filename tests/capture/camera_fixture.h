@@ -19,11 +19,8 @@ namespace camtest {
 
 template <class Cond>
 bool WaitFor(Cond cond, int ms = 10000) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    while (!cond()) {
+    for (auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms); !cond(); Sleep(5))
         if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
     return true;
 }
 
@@ -62,11 +59,7 @@ protected:
         }
         return p;
     }
-    // Ports added later are destroyed first.
-    void* Add(void* port) {
-        ports.insert(ports.begin(), port);
-        return port;
-    }
+    void* Add(void* port) { return ports.insert(ports.begin(), port), port; }  // later ports go first
 
     kivtest::LibraryScope library;
     testcam::CameraInstaller installer;
