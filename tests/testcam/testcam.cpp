@@ -322,9 +322,7 @@ public:
         else if (IsEqualIID(riid, IID_IAMStreamConfig) && !Config().noStreamConfig)
             *ppv = static_cast<IAMStreamConfig*>(this);
         else if (IsEqualIID(riid, IID_IKsPropertySet)) *ppv = static_cast<IKsPropertySet*>(this);
-        else return E_NOINTERFACE;
-        AddRef();
-        return S_OK;
+        return *ppv ? (AddRef(), S_OK) : E_NOINTERFACE;
     }
     STDMETHODIMP_(ULONG) AddRef() override { return owner_->AddRef(); }
     STDMETHODIMP_(ULONG) Release() override { return owner_->Release(); }
@@ -635,9 +633,7 @@ public:
         else if (IsEqualIID(riid, IID_IPersistPropertyBag)) *ppv = static_cast<IPersistPropertyBag*>(this);
         else if (IsEqualIID(riid, IID_ISpecifyPropertyPages) && config.page)
             *ppv = static_cast<ISpecifyPropertyPages*>(this);
-        else return E_NOINTERFACE;
-        AddRef();
-        return S_OK;
+        return *ppv ? (AddRef(), S_OK) : E_NOINTERFACE;
     }
     STDMETHODIMP_(ULONG) AddRef() override { return ++refs_; }
     STDMETHODIMP_(ULONG) Release() override {
@@ -677,12 +673,9 @@ public:
         return !state ? E_POINTER : (*state = state_) == State_Paused ? VFW_S_CANT_CUE : S_OK;
     }
     STDMETHODIMP SetSyncSource(IReferenceClock* clock) override {
-        EnterCriticalSection(&lock);
         if (clock) clock->AddRef();
         if (clock_) clock_->Release();
-        clock_ = clock;
-        LeaveCriticalSection(&lock);
-        return S_OK;
+        return clock_ = clock, S_OK;
     }
     STDMETHODIMP GetSyncSource(IReferenceClock** clock) override {
         if (!clock) return E_POINTER;
@@ -690,17 +683,12 @@ public:
         return S_OK;
     }
     STDMETHODIMP EnumPins(IEnumPins** e) override {
-        if (!e) return E_POINTER;
-        *e = new Enumerator<IEnumPins, IPin*, PinTraits>(IID_IEnumPins, {&pin_}, 0);
-        return S_OK;
+        return e ? (*e = new Enumerator<IEnumPins, IPin*, PinTraits>(IID_IEnumPins, {&pin_}, 0), S_OK) : E_POINTER;
     }
     STDMETHODIMP FindPin(LPCWSTR id, IPin** pin) override {
         if (!id || !pin) return E_POINTER;
-        *pin = nullptr;
-        if (lstrcmpW(id, kPinName) != 0) return VFW_E_NOT_FOUND;
-        *pin = &pin_;
-        pin_.AddRef();
-        return S_OK;
+        *pin = lstrcmpW(id, kPinName) == 0 ? &pin_ : nullptr;
+        return *pin ? (pin_.AddRef(), S_OK) : VFW_E_NOT_FOUND;
     }
     STDMETHODIMP QueryFilterInfo(FILTER_INFO* info) override {
         if (!info) return E_POINTER;
@@ -730,10 +718,8 @@ public:
     // ISpecifyPropertyPages
     STDMETHODIMP GetPages(CAUUID* pages) override {
         if (!pages) return E_POINTER;
-        pages->cElems = 1;
-        pages->pElems = static_cast<GUID*>(CoTaskMemAlloc(sizeof(GUID)));
-        pages->pElems[0] = CLSID_TestCamPage;
-        return S_OK;
+        *pages = {1, static_cast<GUID*>(CoTaskMemAlloc(sizeof(GUID)))};
+        return pages->pElems[0] = CLSID_TestCamPage, S_OK;
     }
 
 private:
