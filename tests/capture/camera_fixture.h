@@ -44,8 +44,7 @@ protected:
         installer.RemoveAll();
         KIV_EnableLog(0);
     }
-    // The camera joins the device list as a newly plugged-in one would:
-    // through a refresh.
+    // The camera joins the list as a newly plugged-in one does: by a refresh.
     void Install(const std::wstring& config) {
         ASSERT_EQ(installer.Install(L"cam0", L"KIV Test Camera", config.c_str()), S_OK);
         ASSERT_EQ(KIV_RefreshDeviceList(), KIV_OK);

@@ -44,8 +44,7 @@ inline void WritePattern(PatternFormat f, int width, int height, size_t stride, 
     }
 }
 
-// Reads the frame number back from the top display row (`topRow` points at
-// it, whatever the storage order). Samples the middle of each cell.
+// The frame number in the top display row, read at the middle of each cell.
 inline uint32_t ReadPattern(PatternFormat f, int width, const uint8_t* topRow) {
     const int cell = PatternCellWidth(width);
     uint32_t number = 0;
