@@ -19,41 +19,18 @@ namespace camtest {
 
 template <class Cond>
 bool WaitFor(Cond cond, int ms = 10000) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    while (!cond()) {
+    for (auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms); !cond(); Sleep(5))
         if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
     return true;
 }
 
-// What a port delivered: the record and the number the camera drew into the
-// top row of each frame.
-struct Delivered {
-    KivVideoFrame meta{};
-    uint32_t number = 0;
-};
-
-struct NumberCatcher {
-    static void KIV_CALL OnFrame(const KivVideoFrame* f, void* user) {
-        using testcam::PatternFormat;
-        const PatternFormat formats[] = {PatternFormat::YUY2, PatternFormat::NV12, PatternFormat::RGB24,
-                                         PatternFormat::RGB32};
-        Delivered d{*f, 0};
-        if (f->format >= KIV_PIXEL_FORMAT_YUY2 && f->format <= KIV_PIXEL_FORMAT_RGB32 && f->width >= 32)
-            d.number = testcam::ReadPattern(formats[f->format - KIV_PIXEL_FORMAT_YUY2], f->width, f->planes[0]);
-        auto* self = static_cast<NumberCatcher*>(user);
-        std::lock_guard<std::mutex> lock(self->mutex);
-        self->frames.push_back(d);
-    }
-    size_t Count() { return Frames().size(); }
-    std::vector<Delivered> Frames() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return frames;
-    }
-    std::mutex mutex;
-    std::vector<Delivered> frames;
-};
+// The number the camera drew into the top row of a caught frame (0 for the
+// formats without the pattern).
+inline int64_t Number(const kivtest::CaughtFrame& f) {
+    const int32_t i = f.meta.format - KIV_PIXEL_FORMAT_YUY2;  // YUY2, NV12, RGB24, RGB32 in pattern order
+    if (i < 0 || i > 3 || f.meta.width < 32) return 0;
+    return testcam::ReadPattern(static_cast<testcam::PatternFormat>(i), f.meta.width, f.plane0.data());
+}
 
 class CameraTest : public ::testing::Test {
 protected:
@@ -67,26 +44,21 @@ protected:
         installer.RemoveAll();
         KIV_EnableLog(0);
     }
-    // The camera joins the device list as a newly plugged-in one would:
-    // through a refresh.
+    // The camera joins the list as a newly plugged-in one does: by a refresh.
     void Install(const std::wstring& config) {
         ASSERT_EQ(installer.Install(L"cam0", L"KIV Test Camera", config.c_str()), S_OK);
         ASSERT_EQ(KIV_RefreshDeviceList(), KIV_OK);
         ASSERT_EQ(KIV_GetVideoDeviceCount(), 1);
     }
-    void* Port(int32_t w, int32_t h, int32_t fps, int32_t fmt, NumberCatcher* catcher = nullptr) {
+    void* Port(int32_t w, int32_t h, int32_t fps, int32_t fmt, kivtest::FrameCatcher* catcher = nullptr) {
         void* p = Add(KIV_CreateVideoInput());
         EXPECT_EQ(KIV_SetVideoInputFormat(p, w, h, fps, fmt), KIV_OK);
         if (catcher) {
-            EXPECT_EQ(KIV_SetVideoFrameCallback(p, &NumberCatcher::OnFrame, catcher), KIV_OK);
+            EXPECT_EQ(KIV_SetVideoFrameCallback(p, &kivtest::FrameCatcher::OnFrame, catcher), KIV_OK);
         }
         return p;
     }
-    // Ports added later are destroyed first.
-    void* Add(void* port) {
-        ports.insert(ports.begin(), port);
-        return port;
-    }
+    void* Add(void* port) { return ports.insert(ports.begin(), port), port; }  // later ports go first
 
     kivtest::LibraryScope library;
     testcam::CameraInstaller installer;

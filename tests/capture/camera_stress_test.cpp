@@ -78,8 +78,7 @@ TEST_F(CameraTest, StartStopDestroyCyclesUnderLoadNeverHang) {
         void* source = KIV_CreateVideoInput();
         void* client = KIV_CreateVideoInput();
         void* clientOut = KIV_CreateVideoMux();
-        KIV_SetVideoInputFormat(source, 64, 48, 100, KIV_PIXEL_FORMAT_YUY2);
-        KIV_SetVideoInputFormat(client, 64, 48, 100, KIV_PIXEL_FORMAT_YUY2);
+        for (void* p : {source, client}) KIV_SetVideoInputFormat(p, 64, 48, 100, KIV_PIXEL_FORMAT_YUY2);
         KIV_SetVideoFrameCallback(source, &Consumer::OnFrame, &consumers[0]);
         KIV_SetVideoFrameCallback(clientOut, &Consumer::OnFrame, &consumers[1]);
         KIV_Connect(client, clientOut);
@@ -87,10 +86,8 @@ TEST_F(CameraTest, StartStopDestroyCyclesUnderLoadNeverHang) {
         startFailures += (KIV_Start(source) != KIV_OK) + (KIV_Start(client) != KIV_OK);
         Sleep(random() % 30);
         std::unique_lock<std::mutex> lock(mutex);
-        toStop[0] = source;
-        toStop[1] = client;
-        sourceFirst = random() % 2 == 0;
-        work = true;
+        toStop[0] = source, toStop[1] = client;
+        sourceFirst = random() % 2 == 0, work = true;
         changed.notify_all();
         // Both stops together get at most ten seconds.
         if (!changed.wait_for(lock, std::chrono::seconds(10), [&] { return !work; })) {
@@ -108,11 +105,8 @@ TEST_F(CameraTest, StartStopDestroyCyclesUnderLoadNeverHang) {
     }
     changed.notify_all();
     stopper.join();
-    std::printf("capture stress: %d cycles, longest stop %llu ms, frames %llu + %llu, start failures %llu\n", cycles,
-                static_cast<unsigned long long>(longestStopMs),
-                static_cast<unsigned long long>(consumers[0].frames.load()),
-                static_cast<unsigned long long>(consumers[1].frames.load()),
-                static_cast<unsigned long long>(startFailures));
+    std::printf("capture stress: %d cycles, longest stop %llu ms, start failures %llu\n", cycles,
+                static_cast<unsigned long long>(longestStopMs), static_cast<unsigned long long>(startFailures));
     EXPECT_GT(cycles, 50);
     EXPECT_EQ(startFailures, 0u);
     for (Consumer& c : consumers) {

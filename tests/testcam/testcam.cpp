@@ -1,13 +1,9 @@
-// The test camera: a DirectShow video capture source of our own, so tests
-// under Wine see a camera exactly where a USB camera would appear. One filter
-// with one capture output pin, a trivial property page, the class factory and
-// the functions that install camera instances; plain COM, no framework.
-//
-// Each instance reads its configuration from the text stored beside its
-// registry entry, ';'-separated entries:
+// The test camera: a DirectShow video capture source (one filter, one capture
+// pin, a trivial property page, plain COM) found where a USB camera would be.
+// Each instance reads ';'-separated entries stored beside its registry entry:
 //   cap=SUBTYPE:WIDTH:HEIGHT:BLOCK:AVG:MIN:MAX   one capability (repeatable)
 //   page=1 / nocfg=1   a property page / no IAMStreamConfig (probes fail)
-//   record=PATH  file the camera rewrites with what it was asked
+//   record=PATH  file the camera rewrites with the format SetFormat gave it
 //   h264=PATH    Annex-B file streamed one access unit per sample
 // SUBTYPE is YUY2, NV12, RGB24, RGB32, MJPG, H264 or P010 (a 10-bit format the
 // library does not know); a negative HEIGHT is a top-down picture; BLOCK is
@@ -23,6 +19,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -35,7 +32,6 @@ namespace {
 const CLSID CLSID_TestCam = {0x9cd1d6bd, 0xfd91, 0x4036, {0xb0, 0x21, 0x86, 0x64, 0xec, 0x00, 0x62, 0x60}};
 // {AC54F4C5-B66C-4630-A981-9EFC32C2C565}
 const CLSID CLSID_TestCamPage = {0xac54f4c5, 0xb66c, 0x4630, {0xa9, 0x81, 0x9e, 0xfc, 0x32, 0xc2, 0xc5, 0x65}};
-std::atomic<long> g_objects{0}, g_locks{0};  // for DllCanUnloadNow
 HMODULE g_module = nullptr;
 
 struct CamCap {
@@ -53,12 +49,9 @@ struct CamConfig {
 
 std::vector<std::wstring> Split(const std::wstring& text, wchar_t sep) {
     std::vector<std::wstring> parts;
-    for (size_t start = 0;;) {
-        const size_t end = text.find(sep, start);
-        parts.push_back(text.substr(start, end == std::wstring::npos ? std::wstring::npos : end - start));
-        if (end == std::wstring::npos) return parts;
-        start = end + 1;
-    }
+    std::wistringstream in(text);
+    for (std::wstring part; std::getline(in, part, sep);) parts.push_back(part);
+    return parts;
 }
 
 CamConfig ParseConfig(const std::wstring& text) {
@@ -68,20 +61,14 @@ CamConfig ParseConfig(const std::wstring& text) {
         if (eq == std::wstring::npos) continue;
         const std::wstring key = entry.substr(0, eq), value = entry.substr(eq + 1);
         const std::vector<std::wstring> f = Split(value, L':');
-        if (key == L"cap" && f.size() == 7) {
-            config.caps.push_back({std::string(f[0].begin(), f[0].end()), std::wcstol(f[1].c_str(), nullptr, 10),
-                                   std::wcstol(f[2].c_str(), nullptr, 10), f[3] == L"vih2",
-                                   std::wcstoll(f[4].c_str(), nullptr, 10), std::wcstoll(f[5].c_str(), nullptr, 10),
-                                   std::wcstoll(f[6].c_str(), nullptr, 10)});
-        } else if (key == L"page") {
-            config.page = value == L"1";
-        } else if (key == L"nocfg") {
-            config.noStreamConfig = value == L"1";
-        } else if (key == L"record") {
-            config.recordPath = value;
-        } else if (key == L"h264") {
-            config.h264Path = value;
-        }
+        auto number = [&f](size_t i) { return std::wcstoll(f[i].c_str(), nullptr, 10); };
+        if (key == L"cap" && f.size() == 7)
+            config.caps.push_back({std::string(f[0].begin(), f[0].end()), static_cast<int>(number(1)),
+                                   static_cast<int>(number(2)), f[3] == L"vih2", number(4), number(5), number(6)});
+        if (key == L"page") config.page = value == L"1";
+        if (key == L"nocfg") config.noStreamConfig = value == L"1";
+        if (key == L"record") config.recordPath = value;
+        if (key == L"h264") config.h264Path = value;
     }
     return config;
 }
@@ -124,30 +111,22 @@ void BuildMediaType(const CamCap& cap, AM_MEDIA_TYPE* mt) {
     const bool compressed = cap.subtype == "MJPG" || cap.subtype == "H264";
     mt->bFixedSizeSamples = !compressed;
     mt->bTemporalCompression = cap.subtype == "H264";
-    BITMAPINFOHEADER bmi{};
-    bmi.biSize = sizeof(bmi);
-    bmi.biWidth = cap.width;
-    bmi.biHeight = cap.height;
-    bmi.biPlanes = 1;
-    bmi.biBitCount = info->bits;
-    bmi.biCompression = info->fourcc;
     const long absHeight = cap.height < 0 ? -cap.height : cap.height;
-    bmi.biSizeImage = static_cast<DWORD>(cap.width) * static_cast<DWORD>(absHeight) * info->bits / 8;
+    const BITMAPINFOHEADER bmi{sizeof(BITMAPINFOHEADER), cap.width, cap.height, 1, info->bits, info->fourcc,
+                               static_cast<DWORD>(cap.width * absHeight * info->bits / 8), 0, 0, 0, 0};
     mt->lSampleSize = compressed ? 0 : bmi.biSizeImage;
     mt->formattype = cap.vih2 ? FORMAT_VideoInfo2 : FORMAT_VideoInfo;
     mt->cbFormat = cap.vih2 ? sizeof(VIDEOINFOHEADER2) : sizeof(VIDEOINFOHEADER);
     mt->pbFormat = static_cast<BYTE*>(CoTaskMemAlloc(mt->cbFormat));
     std::memset(mt->pbFormat, 0, mt->cbFormat);
+    reinterpret_cast<VIDEOINFOHEADER*>(mt->pbFormat)->AvgTimePerFrame = cap.avg;  // same place in both blocks
     if (cap.vih2) {
         auto* vih = reinterpret_cast<VIDEOINFOHEADER2*>(mt->pbFormat);
-        vih->AvgTimePerFrame = cap.avg;
         vih->dwPictAspectRatioX = static_cast<DWORD>(cap.width);
         vih->dwPictAspectRatioY = static_cast<DWORD>(absHeight);
         vih->bmiHeader = bmi;
     } else {
-        auto* vih = reinterpret_cast<VIDEOINFOHEADER*>(mt->pbFormat);
-        vih->AvgTimePerFrame = cap.avg;
-        vih->bmiHeader = bmi;
+        reinterpret_cast<VIDEOINFOHEADER*>(mt->pbFormat)->bmiHeader = bmi;
     }
 }
 
@@ -159,31 +138,21 @@ void FreeMediaType(AM_MEDIA_TYPE* mt) {
 
 void CopyMediaType(AM_MEDIA_TYPE* dst, const AM_MEDIA_TYPE* src) {
     *dst = *src;
-    dst->pbFormat = nullptr;
-    if (src->cbFormat && src->pbFormat) {
-        dst->pbFormat = static_cast<BYTE*>(CoTaskMemAlloc(src->cbFormat));
-        std::memcpy(dst->pbFormat, src->pbFormat, src->cbFormat);
-    } else {
-        dst->cbFormat = 0;
-    }
+    dst->pbFormat = src->cbFormat && src->pbFormat ? static_cast<BYTE*>(CoTaskMemAlloc(src->cbFormat)) : nullptr;
+    if (dst->pbFormat) std::memcpy(dst->pbFormat, src->pbFormat, src->cbFormat);
+    else dst->cbFormat = 0;
     if (dst->pUnk) dst->pUnk->AddRef();
 }
 
 bool ReadVideoHeader(const AM_MEDIA_TYPE* mt, BITMAPINFOHEADER* bmi, REFERENCE_TIME* avg) {
-    if (!mt->pbFormat) return false;
-    if (IsEqualGUID(mt->formattype, FORMAT_VideoInfo) && mt->cbFormat >= sizeof(VIDEOINFOHEADER)) {
-        const auto* vih = reinterpret_cast<const VIDEOINFOHEADER*>(mt->pbFormat);
-        *bmi = vih->bmiHeader;
-        *avg = vih->AvgTimePerFrame;
-        return true;
-    }
-    if (IsEqualGUID(mt->formattype, FORMAT_VideoInfo2) && mt->cbFormat >= sizeof(VIDEOINFOHEADER2)) {
-        const auto* vih = reinterpret_cast<const VIDEOINFOHEADER2*>(mt->pbFormat);
-        *bmi = vih->bmiHeader;
-        *avg = vih->AvgTimePerFrame;
-        return true;
-    }
-    return false;
+    const bool vih2 = IsEqualGUID(mt->formattype, FORMAT_VideoInfo2);
+    if (!mt->pbFormat || !(vih2 || IsEqualGUID(mt->formattype, FORMAT_VideoInfo)) ||
+        mt->cbFormat < (vih2 ? sizeof(VIDEOINFOHEADER2) : sizeof(VIDEOINFOHEADER)))
+        return false;
+    const auto* vih = reinterpret_cast<const VIDEOINFOHEADER*>(mt->pbFormat);
+    *avg = vih->AvgTimePerFrame;  // at the same place in both blocks
+    *bmi = vih2 ? reinterpret_cast<const VIDEOINFOHEADER2*>(mt->pbFormat)->bmiHeader : vih->bmiHeader;
+    return true;
 }
 
 // The capability a full media type names; -1 when none.
@@ -213,61 +182,45 @@ std::string DescribeMediaType(const AM_MEDIA_TYPE* mt) {
     return text;
 }
 
-// Access units of an Annex-B H.264 file (none when it cannot be read). NAL
-// units start after 00 00 01; a new access unit begins at an access unit
-// delimiter, SPS, PPS or SEI, or at a slice whose first macroblock is 0, once
-// the current unit holds a slice.
+// Access units of an Annex-B H.264 file of single-slice pictures (none when it
+// cannot be read): the NAL units after each 00 00 01 up to and including a
+// slice.
 std::vector<std::vector<BYTE>> ReadAccessUnits(const std::wstring& path) {
-    std::vector<std::vector<BYTE>> units;
+    std::vector<std::vector<BYTE>> units(1);
     FILE* f = _wfopen(path.c_str(), L"rb");
-    if (!f) return units;
+    if (!f) return {};
     std::vector<BYTE> data;
     BYTE chunk[65536];
     for (size_t n; (n = std::fread(chunk, 1, sizeof(chunk), f)) > 0;) data.insert(data.end(), chunk, chunk + n);
     std::fclose(f);
-    std::vector<size_t> starts;  // offsets of the start codes (3 or 4 bytes)
-    for (size_t i = 0; i + 3 <= data.size(); ++i) {
-        if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1) {
-            starts.push_back(i > 0 && data[i - 1] == 0 ? i - 1 : i);
-            i += 2;
-        }
+    for (size_t i = 0; i + 3 < data.size(); ++i) {
+        if (data[i] != 0 || data[i + 1] != 0 || data[i + 2] != 1) continue;
+        size_t end = i + 3;
+        while (end + 3 <= data.size() && !(data[end] == 0 && data[end + 1] == 0 && data[end + 2] == 1)) ++end;
+        if (end + 3 > data.size()) end = data.size();
+        size_t last = end;  // a NAL unit never ends in a zero byte: those open the next start code
+        while (last > i + 3 && data[last - 1] == 0) --last;
+        units.back().insert(units.back().end(), data.begin() + static_cast<std::ptrdiff_t>(i),
+                            data.begin() + static_cast<std::ptrdiff_t>(last));
+        const int type = data[i + 3] & 0x1f;
+        if (type == 1 || type == 5) units.emplace_back();
+        i = end - 1;
     }
-    std::vector<BYTE> current;
-    bool hasSlice = false;
-    for (size_t k = 0; k < starts.size(); ++k) {
-        const size_t begin = starts[k], end = k + 1 < starts.size() ? starts[k + 1] : data.size();
-        const size_t header = begin + (data[begin + 2] == 1 ? 3 : 4);
-        if (header >= end) continue;
-        const int type = data[header] & 0x1f;
-        const bool slice = type == 1 || type == 5;
-        const bool firstSlice = slice && header + 1 < end && (data[header + 1] & 0x80) != 0;
-        if ((type == 9 || type == 7 || type == 8 || type == 6 || firstSlice) && hasSlice) {
-            units.push_back(current);
-            current.clear();
-            hasSlice = false;
-        }
-        current.insert(current.end(), data.begin() + static_cast<std::ptrdiff_t>(begin),
-                       data.begin() + static_cast<std::ptrdiff_t>(end));
-        hasSlice = hasSlice || slice;
-    }
-    if (hasSlice) units.push_back(current);
+    units.pop_back();
     return units;
 }
 
 // IUnknown of the small objects with one interface (enumerators, the class
-// factory, the property page): counted, deleted at zero, and counted in
-// g_objects while alive.
+// factory, the property page): counted, deleted at zero.
 template <class Interface>
 class SingleInterface : public Interface {
 public:
-    explicit SingleInterface(const IID& iid) : iid_(iid) { ++g_objects; }
-    virtual ~SingleInterface() { --g_objects; }
+    explicit SingleInterface(const IID& iid) : iid_(iid) {}
+    virtual ~SingleInterface() = default;
     STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
         if (!ppv) return E_POINTER;
         *ppv = IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, iid_) ? static_cast<Interface*>(this) : nullptr;
-        if (!*ppv) return E_NOINTERFACE;
-        AddRef();
-        return S_OK;
+        return *ppv ? (AddRef(), S_OK) : E_NOINTERFACE;
     }
     STDMETHODIMP_(ULONG) AddRef() override { return ++refs_; }
     STDMETHODIMP_(ULONG) Release() override {
@@ -306,9 +259,7 @@ public:
     }
     STDMETHODIMP Reset() override { return pos_ = 0, S_OK; }
     STDMETHODIMP Clone(Enum** out) override {
-        if (!out) return E_POINTER;
-        *out = new Enumerator(this->iid_, items_, pos_);
-        return S_OK;
+        return out ? (*out = new Enumerator(this->iid_, items_, pos_), S_OK) : E_POINTER;
     }
 
 private:
@@ -317,10 +268,7 @@ private:
 };
 
 struct PinTraits {
-    static IPin* Copy(IPin* pin) {
-        pin->AddRef();
-        return pin;
-    }
+    static IPin* Copy(IPin* pin) { return pin->AddRef(), pin; }
     static void Free(IPin* pin) { pin->Release(); }
 };
 struct TypeTraits {
@@ -329,10 +277,7 @@ struct TypeTraits {
         CopyMediaType(copy, mt);
         return copy;
     }
-    static void Free(AM_MEDIA_TYPE* mt) {
-        FreeMediaType(mt);
-        CoTaskMemFree(mt);
-    }
+    static void Free(AM_MEDIA_TYPE* mt) { FreeMediaType(mt), CoTaskMemFree(mt); }
 };
 
 bool SameType(const AM_MEDIA_TYPE* a, const AM_MEDIA_TYPE* b) {
@@ -377,9 +322,7 @@ public:
         else if (IsEqualIID(riid, IID_IAMStreamConfig) && !Config().noStreamConfig)
             *ppv = static_cast<IAMStreamConfig*>(this);
         else if (IsEqualIID(riid, IID_IKsPropertySet)) *ppv = static_cast<IKsPropertySet*>(this);
-        else return E_NOINTERFACE;
-        AddRef();
-        return S_OK;
+        return *ppv ? (AddRef(), S_OK) : E_NOINTERFACE;
     }
     STDMETHODIMP_(ULONG) AddRef() override { return owner_->AddRef(); }
     STDMETHODIMP_(ULONG) Release() override { return owner_->Release(); }
@@ -408,9 +351,7 @@ public:
         if (allocator_) allocator_->Release();
         if (peerInput_) peerInput_->Release();
         peer_->Release();
-        allocator_ = nullptr;
-        peerInput_ = nullptr;
-        peer_ = nullptr;
+        allocator_ = nullptr, peerInput_ = nullptr, peer_ = nullptr;
         FreeMediaType(&connected_);
         return S_OK;
     }
@@ -421,20 +362,14 @@ public:
     }
     STDMETHODIMP ConnectionMediaType(AM_MEDIA_TYPE* mt) override {
         if (!mt) return E_POINTER;
-        if (!peer_) {
-            std::memset(mt, 0, sizeof(*mt));
-            return VFW_E_NOT_CONNECTED;
-        }
-        CopyMediaType(mt, &connected_);
-        return S_OK;
+        if (!peer_) return std::memset(mt, 0, sizeof(*mt)), VFW_E_NOT_CONNECTED;
+        return CopyMediaType(mt, &connected_), S_OK;
     }
     STDMETHODIMP QueryPinInfo(PIN_INFO* info) override {
         if (!info) return E_POINTER;
-        info->pFilter = owner_;
+        info->pFilter = owner_, info->dir = PINDIR_OUTPUT;
         owner_->AddRef();
-        info->dir = PINDIR_OUTPUT;
-        lstrcpynW(info->achName, kPinName, MAX_PIN_NAME);
-        return S_OK;
+        return lstrcpynW(info->achName, kPinName, MAX_PIN_NAME), S_OK;
     }
     STDMETHODIMP QueryDirection(PIN_DIRECTION* dir) override { return dir ? (*dir = PINDIR_OUTPUT, S_OK) : E_POINTER; }
     STDMETHODIMP QueryId(LPWSTR* id) override {
@@ -505,7 +440,8 @@ public:
         return S_OK;
     }
 
-    // IKsPropertySet: the pin category only.
+    // IKsPropertySet: the pin category only (the capture graph builder finds
+    // the capture pin by it).
     STDMETHODIMP Set(REFGUID, DWORD, LPVOID, DWORD, LPVOID, DWORD) override { return E_NOTIMPL; }
     STDMETHODIMP Get(REFGUID set, DWORD id, LPVOID, DWORD, LPVOID data, DWORD size, DWORD* returned) override {
         if (!IsEqualGUID(set, AMPROPSETID_Pin)) return E_PROP_SET_UNSUPPORTED;
@@ -516,12 +452,7 @@ public:
         if (returned) *returned = sizeof(GUID);
         return S_OK;
     }
-    STDMETHODIMP QuerySupported(REFGUID set, DWORD id, DWORD* support) override {
-        if (!IsEqualGUID(set, AMPROPSETID_Pin)) return E_PROP_SET_UNSUPPORTED;
-        if (id != AMPROPERTY_PIN_CATEGORY) return E_PROP_ID_UNSUPPORTED;
-        if (support) *support = KSPROPERTY_SUPPORT_GET;
-        return S_OK;
-    }
+    STDMETHODIMP QuerySupported(REFGUID, DWORD, DWORD*) override { return E_NOTIMPL; }
 
     // Called by the filter on state changes: stopped -> paused commits the
     // allocator, -> stopped decommits it.
@@ -551,30 +482,12 @@ public:
 private:
     const CamConfig& Config() const { return state_->config; }
 
-    // What the pin offers (caller frees each): the format chosen by SetFormat
-    // first, followed by its twins in the other format block (so a peer that
-    // wants the other block can still join); without a chosen format, every
-    // capability in order.
+    // What the pin offers (caller frees each): the format chosen by SetFormat,
+    // or without one every capability in order.
     std::vector<AM_MEDIA_TYPE> OfferedTypes() {
-        std::vector<AM_MEDIA_TYPE> types;
-        const std::vector<CamCap>& caps = Config().caps;
-        const int index = hasChosen_ ? FindCap(caps, &chosen_) : -1;
-        if (hasChosen_) {
-            types.emplace_back();
-            CopyMediaType(&types.back(), &chosen_);
-        }
-        for (size_t i = 0; i < caps.size() && (!hasChosen_ || index >= 0); ++i) {
-            CamCap cap = caps[i];
-            if (hasChosen_) {
-                const CamCap& k = caps[static_cast<size_t>(index)];
-                BITMAPINFOHEADER bmi;
-                if (static_cast<int>(i) == index || cap.subtype != k.subtype || cap.width != k.width ||
-                    cap.height != k.height || !ReadVideoHeader(&chosen_, &bmi, &cap.avg))
-                    continue;
-            }
-            types.emplace_back();
-            BuildMediaType(cap, &types.back());
-        }
+        std::vector<AM_MEDIA_TYPE> types(hasChosen_ ? 1 : Config().caps.size());
+        for (size_t i = 0; i < types.size(); ++i)
+            hasChosen_ ? CopyMediaType(&types[i], &chosen_) : BuildMediaType(Config().caps[i], &types[i]);
         return types;
     }
 
@@ -589,8 +502,14 @@ private:
             Disconnect();
             return hr;
         }
-        Record();
         return S_OK;
+    }
+
+    // The pattern a type carries: its place in Subtypes(), in PatternFormat
+    // order (the RGB types stored bottom-up for a positive height); -1: none.
+    static long PatternKind(const AM_MEDIA_TYPE* mt) {
+        const SubtypeInfo* info = FindSubtype("", &mt->subtype);
+        return info && info - Subtypes() < 4 ? static_cast<long>(info - Subtypes()) : -1;
     }
 
     long SampleBytes(const AM_MEDIA_TYPE* mt) {
@@ -598,45 +517,31 @@ private:
         REFERENCE_TIME avg;
         if (!ReadVideoHeader(mt, &bmi, &avg)) return 0;
         const long w = bmi.biWidth, h = bmi.biHeight < 0 ? -bmi.biHeight : bmi.biHeight;
-        if (IsEqualGUID(mt->subtype, MEDIASUBTYPE_YUY2)) return w * 2 * h;
-        if (IsEqualGUID(mt->subtype, MEDIASUBTYPE_NV12)) return (h + (h + 1) / 2) * w;
-        if (IsEqualGUID(mt->subtype, MEDIASUBTYPE_RGB24)) return w * 3 * h;
-        if (IsEqualGUID(mt->subtype, MEDIASUBTYPE_RGB32)) return w * 4 * h;
+        if (PatternKind(mt) >= 0) return w * h * bmi.biBitCount / 8;
         if (!Config().h264Path.empty() && bmi.biCompression == MAKEFOURCC('H', '2', '6', '4')) {
             accessUnits_ = ReadAccessUnits(Config().h264Path);
             size_t largest = 1;
-            for (const auto& unit : accessUnits_) largest = unit.size() > largest ? unit.size() : largest;
+            for (const auto& unit : accessUnits_) largest = std::max(largest, unit.size());
             return static_cast<long>(largest);
         }
         return 16;  // other compressed types carry just the frame number
     }
 
+    // The peer's allocator or else one of our own, with at least three
+    // buffers of a whole sample.
     HRESULT NegotiateAllocator(const AM_MEDIA_TYPE* mt) {
         HRESULT hr = peer_->QueryInterface(IID_IMemInputPin, reinterpret_cast<void**>(&peerInput_));
+        if (SUCCEEDED(hr) && FAILED(peerInput_->GetAllocator(&allocator_)))
+            hr = CoCreateInstance(CLSID_MemoryAllocator, nullptr, CLSCTX_INPROC_SERVER, IID_IMemAllocator,
+                                  reinterpret_cast<void**>(&allocator_));
         if (FAILED(hr)) return hr;
         ALLOCATOR_PROPERTIES wanted{}, actual{};
         peerInput_->GetAllocatorRequirements(&wanted);
-        wanted.cBuffers = wanted.cBuffers > 3 ? wanted.cBuffers : 3;
-        wanted.cbBuffer = SampleBytes(mt);
-        if (wanted.cbAlign < 1) wanted.cbAlign = 1;
-        wanted.cbPrefix = 0;
-        // The peer's allocator first, then one of our own.
-        for (int attempt = 0; attempt < 2; ++attempt) {
-            IMemAllocator* allocator = nullptr;
-            hr = attempt == 0 ? peerInput_->GetAllocator(&allocator)
-                              : CoCreateInstance(CLSID_MemoryAllocator, nullptr, CLSCTX_INPROC_SERVER,
-                                                 IID_IMemAllocator, reinterpret_cast<void**>(&allocator));
-            if (FAILED(hr)) continue;
-            hr = allocator->SetProperties(&wanted, &actual);
-            if (SUCCEEDED(hr) && actual.cbBuffer < wanted.cbBuffer) hr = E_FAIL;
-            if (SUCCEEDED(hr)) hr = peerInput_->NotifyAllocator(allocator, FALSE);
-            if (SUCCEEDED(hr)) {
-                allocator_ = allocator;
-                return S_OK;
-            }
-            allocator->Release();
-        }
-        return hr;
+        wanted.cBuffers = std::max(wanted.cBuffers, 3L), wanted.cbBuffer = SampleBytes(mt);
+        wanted.cbAlign = std::max(wanted.cbAlign, 1L), wanted.cbPrefix = 0;
+        hr = allocator_->SetProperties(&wanted, &actual);
+        if (SUCCEEDED(hr) && actual.cbBuffer < wanted.cbBuffer) hr = E_FAIL;
+        return SUCCEEDED(hr) ? peerInput_->NotifyAllocator(allocator_, FALSE) : hr;
     }
 
     // The record file tells a test what the camera was asked, one key a line.
@@ -644,8 +549,7 @@ private:
         if (Config().recordPath.empty()) return;
         FILE* f = _wfopen(Config().recordPath.c_str(), L"wb");
         if (!f) return;
-        std::fprintf(f, "setformat=%s\nconnected=%s\n", lastSetFormat_.c_str(),
-                     peer_ ? DescribeMediaType(&connected_).c_str() : "");
+        std::fprintf(f, "setformat=%s\n", lastSetFormat_.c_str());
         std::fclose(f);
     }
 
@@ -660,22 +564,10 @@ private:
         BITMAPINFOHEADER bmi;
         REFERENCE_TIME avg = 0;
         ReadVideoHeader(&connected_, &bmi, &avg);
-        const int index = FindCap(Config().caps, &connected_);
-        if (avg <= 0 && index >= 0) avg = Config().caps[static_cast<size_t>(index)].avg;
         if (avg <= 0) avg = 333333;
         const int width = bmi.biWidth, height = bmi.biHeight < 0 ? -bmi.biHeight : bmi.biHeight;
         const bool bottomUp = bmi.biHeight > 0;
-        const struct {
-            GUID subtype;
-            PatternFormat format;
-            size_t bpp;  // bytes a pixel in the first plane
-            bool dib;    // stored bottom-up when the height is positive
-        } patterns[] = {{MEDIASUBTYPE_YUY2, PatternFormat::YUY2, 2, false},
-                        {MEDIASUBTYPE_NV12, PatternFormat::NV12, 1, false},
-                        {MEDIASUBTYPE_RGB24, PatternFormat::RGB24, 3, true},
-                        {MEDIASUBTYPE_RGB32, PatternFormat::RGB32, 4, true}};
-        const auto* pattern = std::find_if(std::begin(patterns), std::end(patterns),
-                                           [&](const auto& p) { return IsEqualGUID(p.subtype, connected_.subtype); });
+        const long kind = PatternKind(&connected_);
         const long bytes = SampleBytes(&connected_);
         const ULONGLONG start = GetTickCount64();
         for (uint32_t number = 0;; ++number) {
@@ -687,9 +579,9 @@ private:
             BYTE* data = nullptr;
             sample->GetPointer(&data);
             long length = bytes;
-            if (pattern != std::end(patterns)) {
-                WritePattern(pattern->format, width, height, pattern->bpp * width, pattern->dib && bottomUp, number,
-                             data);
+            if (kind >= 0) {
+                WritePattern(static_cast<PatternFormat>(kind), width, height, Subtypes()[kind].bits / 8 * width,
+                             kind >= 2 && bottomUp, number, data);
             } else if (!accessUnits_.empty()) {
                 const std::vector<BYTE>& unit = accessUnits_[number % accessUnits_.size()];
                 std::memcpy(data, unit.data(), unit.size());
@@ -725,20 +617,12 @@ private:
 class TestCamFilter : public IBaseFilter,
                       public IPersistPropertyBag,
                       public ISpecifyPropertyPages,
-                      public IAMFilterMiscFlags,
                       private CamState {
 public:
-    TestCamFilter() : pin_(this, this) {
-        InitializeCriticalSection(&lock);
-        ++g_objects;
-    }
-    virtual ~TestCamFilter() {
-        pin_.StopStreaming();
-        pin_.Inactive();
-        pin_.Disconnect();
+    TestCamFilter() : pin_(this, this) { InitializeCriticalSection(&lock); }
+    virtual ~TestCamFilter() {  // the pin stops and disconnects itself
         if (clock_) clock_->Release();
         DeleteCriticalSection(&lock);
-        --g_objects;
     }
     STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
         if (!ppv) return E_POINTER;
@@ -749,10 +633,7 @@ public:
         else if (IsEqualIID(riid, IID_IPersistPropertyBag)) *ppv = static_cast<IPersistPropertyBag*>(this);
         else if (IsEqualIID(riid, IID_ISpecifyPropertyPages) && config.page)
             *ppv = static_cast<ISpecifyPropertyPages*>(this);
-        else if (IsEqualIID(riid, IID_IAMFilterMiscFlags)) *ppv = static_cast<IAMFilterMiscFlags*>(this);
-        else return E_NOINTERFACE;
-        AddRef();
-        return S_OK;
+        return *ppv ? (AddRef(), S_OK) : E_NOINTERFACE;
     }
     STDMETHODIMP_(ULONG) AddRef() override { return ++refs_; }
     STDMETHODIMP_(ULONG) Release() override {
@@ -792,12 +673,9 @@ public:
         return !state ? E_POINTER : (*state = state_) == State_Paused ? VFW_S_CANT_CUE : S_OK;
     }
     STDMETHODIMP SetSyncSource(IReferenceClock* clock) override {
-        EnterCriticalSection(&lock);
         if (clock) clock->AddRef();
         if (clock_) clock_->Release();
-        clock_ = clock;
-        LeaveCriticalSection(&lock);
-        return S_OK;
+        return clock_ = clock, S_OK;
     }
     STDMETHODIMP GetSyncSource(IReferenceClock** clock) override {
         if (!clock) return E_POINTER;
@@ -805,17 +683,12 @@ public:
         return S_OK;
     }
     STDMETHODIMP EnumPins(IEnumPins** e) override {
-        if (!e) return E_POINTER;
-        *e = new Enumerator<IEnumPins, IPin*, PinTraits>(IID_IEnumPins, {&pin_}, 0);
-        return S_OK;
+        return e ? (*e = new Enumerator<IEnumPins, IPin*, PinTraits>(IID_IEnumPins, {&pin_}, 0), S_OK) : E_POINTER;
     }
     STDMETHODIMP FindPin(LPCWSTR id, IPin** pin) override {
         if (!id || !pin) return E_POINTER;
-        *pin = nullptr;
-        if (lstrcmpW(id, kPinName) != 0) return VFW_E_NOT_FOUND;
-        *pin = &pin_;
-        pin_.AddRef();
-        return S_OK;
+        *pin = lstrcmpW(id, kPinName) == 0 ? &pin_ : nullptr;
+        return *pin ? (pin_.AddRef(), S_OK) : VFW_E_NOT_FOUND;
     }
     STDMETHODIMP QueryFilterInfo(FILTER_INFO* info) override {
         if (!info) return E_POINTER;
@@ -845,13 +718,9 @@ public:
     // ISpecifyPropertyPages
     STDMETHODIMP GetPages(CAUUID* pages) override {
         if (!pages) return E_POINTER;
-        pages->cElems = 1;
-        pages->pElems = static_cast<GUID*>(CoTaskMemAlloc(sizeof(GUID)));
-        pages->pElems[0] = CLSID_TestCamPage;
-        return S_OK;
+        *pages = {1, static_cast<GUID*>(CoTaskMemAlloc(sizeof(GUID)))};
+        return pages->pElems[0] = CLSID_TestCamPage, S_OK;
     }
-    // IAMFilterMiscFlags
-    STDMETHODIMP_(ULONG) GetMiscFlags() override { return AM_FILTER_MISC_FLAGS_IS_SOURCE; }
 
 private:
     std::atomic<long> refs_{1};
@@ -865,16 +734,8 @@ private:
 class TestCamPage : public SingleInterface<IPropertyPage> {
 public:
     TestCamPage() : SingleInterface(IID_IPropertyPage) {}
-    ~TestCamPage() override {
-        Deactivate();
-        if (site_) site_->Release();
-    }
-    STDMETHODIMP SetPageSite(IPropertyPageSite* site) override {
-        if (site) site->AddRef();
-        if (site_) site_->Release();
-        site_ = site;
-        return S_OK;
-    }
+    ~TestCamPage() override { Deactivate(); }
+    STDMETHODIMP SetPageSite(IPropertyPageSite*) override { return S_OK; }
     STDMETHODIMP Activate(HWND parent, LPCRECT rect, BOOL) override {
         window_ = CreateWindowExW(0, L"STATIC", L"KIV test camera", WS_CHILD, rect->left, rect->top,
                                   rect->right - rect->left, rect->bottom - rect->top, parent, nullptr, g_module,
@@ -885,12 +746,9 @@ public:
     STDMETHODIMP GetPageInfo(PROPPAGEINFO* info) override {
         if (!info) return E_POINTER;
         static const wchar_t title[] = L"Test camera";
-        std::memset(info, 0, sizeof(*info));
-        info->cb = sizeof(*info);
-        info->pszTitle = static_cast<LPOLESTR>(CoTaskMemAlloc(sizeof(title)));
-        std::memcpy(info->pszTitle, title, sizeof(title));
-        info->size = {200, 100};
-        return S_OK;
+        *info = {sizeof(PROPPAGEINFO), static_cast<LPOLESTR>(CoTaskMemAlloc(sizeof(title))), {200, 100}, nullptr,
+                 nullptr, 0};
+        return std::memcpy(info->pszTitle, title, sizeof(title)), S_OK;
     }
     STDMETHODIMP SetObjects(ULONG, IUnknown**) override { return S_OK; }
     STDMETHODIMP Show(UINT cmd) override { return window_ && ShowWindow(window_, cmd), S_OK; }
@@ -903,7 +761,6 @@ public:
     STDMETHODIMP TranslateAccelerator(MSG*) override { return S_FALSE; }
 
 private:
-    IPropertyPageSite* site_ = nullptr;
     HWND window_ = nullptr;
 };
 
@@ -920,7 +777,7 @@ public:
         object->Release();
         return hr;
     }
-    STDMETHODIMP LockServer(BOOL lock) override { return (lock ? ++g_locks : --g_locks), S_OK; }
+    STDMETHODIMP LockServer(BOOL) override { return S_OK; }
 
 private:
     bool page_;
@@ -934,12 +791,7 @@ std::wstring GuidText(const GUID& guid) {
 
 const wchar_t kInstanceRoot[] = L"CLSID\\{860BB310-5D01-11D0-BD3B-00A0C911CE86}\\Instance";
 
-LONG SetString(HKEY key, const wchar_t* name, const std::wstring& value) {
-    return RegSetValueExW(key, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
-                          static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
-}
-
-// Creates HKCR\name and sets its values (a null name is the default value).
+// Creates HKCR\name and sets its string values (a null name is the default value).
 HRESULT WriteKey(const std::wstring& name, std::initializer_list<std::pair<const wchar_t*, std::wstring>> values) {
     HKEY key;
     if (RegCreateKeyExW(HKEY_CLASSES_ROOT, name.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr, &key, nullptr) !=
@@ -947,7 +799,9 @@ HRESULT WriteKey(const std::wstring& name, std::initializer_list<std::pair<const
         return E_FAIL;
     LONG rc = ERROR_SUCCESS;
     for (const auto& v : values)
-        if (rc == ERROR_SUCCESS) rc = SetString(key, v.first, v.second);
+        if (rc == ERROR_SUCCESS)
+            rc = RegSetValueExW(key, v.first, 0, REG_SZ, reinterpret_cast<const BYTE*>(v.second.c_str()),
+                                static_cast<DWORD>((v.second.size() + 1) * sizeof(wchar_t)));
     RegCloseKey(key);
     return rc == ERROR_SUCCESS ? S_OK : E_FAIL;
 }
@@ -985,7 +839,7 @@ STDAPI DllGetClassObject(REFCLSID clsid, REFIID riid, LPVOID* ppv) {
     return hr;
 }
 
-STDAPI DllCanUnloadNow() { return g_objects == 0 && g_locks == 0 ? S_OK : S_FALSE; }
+STDAPI DllCanUnloadNow() { return S_FALSE; }  // stays loaded for the process
 
 // Writes what a driver's registration writes for one camera instance.
 extern "C" HRESULT KivTestCamInstall(const wchar_t* keyName, const wchar_t* friendlyName, const wchar_t* config) {

@@ -7,42 +7,41 @@
 
 namespace testcam {
 
-// The camera DLL as a Windows path (the build passes its Unix path; Wine maps
-// the Unix root to drive Z:).
-inline std::wstring CameraDllPath() {
-#ifdef KIV_TESTCAM_DLL
-    std::wstring path = L"Z:";
-    for (const char* c = KIV_TESTCAM_DLL; *c; ++c) path += *c == '/' ? L'\\' : static_cast<wchar_t>(*c);
+// A Unix path as the Windows side sees it (Wine maps the Unix root to Z:).
+inline std::string WinePath(const std::string& unixPath) {
+    std::string path = "Z:";
+    for (char c : unixPath) path += c == '/' ? '\\' : c;
     return path;
-#else
-    return L"testcam.dll";
-#endif
+}
+inline std::wstring CameraDllPath() {
+    const std::string path = WinePath(KIV_TESTCAM_DLL);
+    return std::wstring(path.begin(), path.end());
 }
 
+// Loads the camera DLL for the process; friendlyName null: the entry has no
+// FriendlyName value.
 class CameraInstaller {
 public:
-    CameraInstaller() : module_(LoadLibraryW(CameraDllPath().c_str())) {
-        if (!module_) return;
-        install_ = reinterpret_cast<InstallFn>(reinterpret_cast<void*>(GetProcAddress(module_, "KivTestCamInstall")));
-        removeAll_ =
-            reinterpret_cast<RemoveAllFn>(reinterpret_cast<void*>(GetProcAddress(module_, "KivTestCamRemoveAll")));
-    }
+    CameraInstaller() : module_(LoadLibraryW(CameraDllPath().c_str())) {}
     ~CameraInstaller() {
         if (module_) FreeLibrary(module_);
     }
-    bool Loaded() const { return install_ && removeAll_; }
-    // friendlyName null: the entry has no FriendlyName value.
+    bool Loaded() const { return Function("KivTestCamInstall") && Function("KivTestCamRemoveAll"); }
     HRESULT Install(const wchar_t* keyName, const wchar_t* friendlyName, const wchar_t* config) const {
-        return install_ ? install_(keyName, friendlyName, config) : E_FAIL;
+        auto install = reinterpret_cast<HRESULT (*)(const wchar_t*, const wchar_t*, const wchar_t*)>(
+            Function("KivTestCamInstall"));
+        return install ? install(keyName, friendlyName, config) : E_FAIL;
     }
-    HRESULT RemoveAll() const { return removeAll_ ? removeAll_() : E_FAIL; }
+    HRESULT RemoveAll() const {
+        auto removeAll = reinterpret_cast<HRESULT (*)()>(Function("KivTestCamRemoveAll"));
+        return removeAll ? removeAll() : E_FAIL;
+    }
 
 private:
-    using InstallFn = HRESULT (*)(const wchar_t* keyName, const wchar_t* friendlyName, const wchar_t* config);
-    using RemoveAllFn = HRESULT (*)();
+    void* Function(const char* name) const {
+        return module_ ? reinterpret_cast<void*>(GetProcAddress(module_, name)) : nullptr;
+    }
     HMODULE module_;
-    InstallFn install_ = nullptr;
-    RemoveAllFn removeAll_ = nullptr;
 };
 
 }  // namespace testcam

@@ -1,12 +1,8 @@
-// How the test camera writes the frame number into its pictures, and how a
-// test reads it back. Plain C++ with no Windows types, so capture tests on any
-// side of the library can share it.
-//
-// The top picture row (in display order) carries the 32-bit frame number,
-// most significant bit first, as 32 cells of equal width (width / 32 pixels,
-// at least 1). A set bit is bright (luma 235, or 255 in every RGB channel),
-// a clear bit dark (luma 16, or 0). Every other row is grey (100). Compressed
-// formats carry no pattern. Cameras need a width of at least 32 pixels.
+// How the test camera writes the frame number into its pictures and how a
+// test reads it back. The top display row carries the 32-bit number, most
+// significant bit first, in 32 cells of width / 32 pixels (at least 1): a set
+// bit bright (luma 235, RGB 255), a clear bit dark (16, 0); every other row is
+// grey (100). Cameras need a width of at least 32 pixels.
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -18,8 +14,7 @@ enum class PatternFormat { YUY2, NV12, RGB24, RGB32 };
 
 inline int PatternCellWidth(int width) { return width / 32 > 0 ? width / 32 : 1; }
 
-// The byte offset of the channel read for pixel x of a row of the luma (or
-// packed RGB) plane.
+// Where pixel x of a row of the luma (or packed RGB) plane starts.
 inline size_t PatternPixelOffset(PatternFormat f, int x) {
     const size_t bytes[] = {2, 1, 3, 4};  // YUY2, NV12, RGB24, RGB32
     return static_cast<size_t>(x) * bytes[static_cast<int>(f)];
@@ -49,8 +44,7 @@ inline void WritePattern(PatternFormat f, int width, int height, size_t stride, 
     }
 }
 
-// Reads the frame number back from the top display row (`topRow` points at
-// it, whatever the storage order). Samples the middle of each cell.
+// The frame number in the top display row, read at the middle of each cell.
 inline uint32_t ReadPattern(PatternFormat f, int width, const uint8_t* topRow) {
     const int cell = PatternCellWidth(width);
     uint32_t number = 0;
