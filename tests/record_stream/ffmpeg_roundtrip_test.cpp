@@ -133,13 +133,11 @@ TEST_P(FfmpegRoundTrip, DecodesToTheSameFrames) {
 
 INSTANTIATE_TEST_SUITE_P(
     Libx264, FfmpegRoundTrip,
+    // Profiles with and without B-frames in both framings also go through the
+    // recorder port in recorder_ffmpeg_test; these add the bare single-NAL
+    // reading, cropping and a large picture.
     ::testing::Values(StreamCase{"baseline_annexb", "baseline", 0, 320, 240, kAnnexB, 66, "Constrained Baseline"},
-                      StreamCase{"baseline_avcc", "baseline", 0, 320, 240, kAvcc, 66, "Constrained Baseline"},
-                      StreamCase{"main_annexb", "main", 0, 320, 240, kAnnexB, 77, "Main"},
                       StreamCase{"main_single_nal", "main", 0, 320, 240, kBare, 77, "Main"},
-                      StreamCase{"main_bframes_avcc", "main", 2, 320, 240, kAvcc, 77, "Main"},
-                      StreamCase{"high_bframes_annexb", "high", 2, 320, 240, kAnnexB, 100, "High"},
-                      StreamCase{"high_bframes_avcc", "high", 3, 320, 240, kAvcc, 100, "High"},
                       StreamCase{"high_cropped_annexb", "high", 0, 320, 180, kAnnexB, 100, "High"},
                       StreamCase{"high_1080p_avcc", "high", 2, 1920, 1080, kAvcc, 100, "High"}),
     [](const ::testing::TestParamInfo<StreamCase>& info) { return std::string(info.param.name); });

@@ -27,9 +27,7 @@ std::string TempFile(const std::string& name) { return kivtest::TempDir("record_
 
 kiv::H264SpsInfo MainInfo() {
     kiv::H264SpsInfo info;
-    info.profile = 77;
-    info.level = 31;
-    info.parsed = true;
+    info.profile = 77, info.level = 31, info.parsed = true;
     return info;
 }
 

@@ -1,7 +1,7 @@
 // Prints the cost per 1080p frame of the overlay's real GDI+ path (Windows
 // build, run it under Wine or Windows): a 64-pixel text item whose box covers
 // a third of the frame, and a 256x256 picture decoded from a BMP every frame.
-// A measuring tool, not a test: the native benchmark covers the portable part.
+// The native benchmark (bench/osd_bench.cpp) covers the portable part.
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
