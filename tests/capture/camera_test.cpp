@@ -120,6 +120,53 @@ TEST_F(CameraTest, SharedCameraGrowsForTheLargestRequest) {
     EXPECT_EQ(CountOf(LibraryLog(), "Restart shared source OK device=0 actual=128x96 fps=50 fmt=1"), 1u);
 }
 
+// The camera feeding ports that already exist: crop keeps the top half, the
+// colour engine turns YUY2 into RGB32, the overlay draws a red box into its
+// overlay output, and the callback behind it still reads the frame numbers.
+TEST_F(CameraTest, CameraFeedsCropColourEngineAndOverlay) {
+    Install(L"cap=YUY2:64:48:vih:200000:200000:200000");
+    void* in = Port(64, 48, 50, KIV_PIXEL_FORMAT_YUY2);
+    void* crop = Add(KIV_CreateVideoCrop());
+    void* color = Add(KIV_CreateVideoColorEngine());
+    void* osd = Add(KIV_CreateVideoOsd());
+    void* out = Add(KIV_CreateVideoMux());
+    const KivVideoCropRect rect{0, 0, 64, 24};
+    ASSERT_EQ(KIV_SetVideoCropRect(crop, &rect), KIV_OK);
+    ASSERT_EQ(KIV_EnableVideoCrop(crop, 1), KIV_OK);
+    const KivVideoColorEngineConfig grade{0, 1, KIV_PIXEL_FORMAT_RGB32, 1, 2, 1.0f};
+    ASSERT_EQ(KIV_SetVideoColorEngineConfig(color, &grade), KIV_OK);
+    KivVideoOsdItem box{};
+    box.visible = 1;
+    box.x = 8, box.y = 12, box.width = 16, box.height = 8;
+    box.opacity = 1.0f;
+    box.color = box.backColor = 0xFFFF0000;
+    ASSERT_EQ(KIV_AddVideoOsdRect(osd, &box), KIV_OK);
+    FrameCatcher catcher(out);
+    ASSERT_EQ(KIV_ConnectVideoOsdOutput(osd, 1, out), KIV_OK);
+    const std::pair<void*, void*> links[] = {{in, crop}, {crop, color}, {color, osd}};
+    for (const auto& l : links) ASSERT_EQ(KIV_Connect(l.first, l.second), KIV_OK);
+    ASSERT_EQ(KIV_Start(in), KIV_OK);
+    EXPECT_TRUE(WaitFor([&] { return catcher.Count() >= 5; }));
+    EXPECT_EQ(KIV_Stop(in), KIV_OK);
+    KIV_Disconnect(osd, out);
+    for (int i = 2; i >= 0; --i) KIV_Disconnect(links[i].first, links[i].second);
+    const std::vector<CaughtFrame>& frames = catcher.frames;
+    ASSERT_GE(frames.size(), 5u);
+    for (int64_t i = 0; i < static_cast<int64_t>(frames.size()); ++i) {
+        const KivVideoFrame& m = frames[i].meta;
+        EXPECT_EQ((std::vector<int64_t>{m.width, m.height, m.format, Number(frames[i])}),
+                  (std::vector<int64_t>{64, 24, KIV_PIXEL_FORMAT_RGB32, Number(frames[0]) + i}));
+    }
+    // BGRA in memory: the box is red; the camera's grey (luma 100, limited
+    // range) is about 98 after the conversion.
+    const uint8_t* inBox = frames[0].plane0.data() + 12 * frames[0].meta.strides[0] + 8 * 4;
+    EXPECT_LE(inBox[0], 5);
+    EXPECT_LE(inBox[1], 5);
+    EXPECT_GE(inBox[2], 250);
+    const uint8_t* grey = frames[0].plane0.data() + 20 * frames[0].meta.strides[0] + 40 * 4;
+    for (int c = 0; c < 3; ++c) EXPECT_NEAR(grey[c], 98, 2) << c;
+}
+
 // An H.264 camera recorded by the recorder's pass-through. ffmpeg runs on the
 // host, so the clip comes from it before this test (kiv_capture_h264_clip) and
 // the file is decoded and compared with the clip frame by frame after it
