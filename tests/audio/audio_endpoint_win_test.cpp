@@ -13,6 +13,7 @@
 
 #include "audio_fakes.h"
 #include "core/kiv_core_audio_win.h"
+#include "stream_test_util.h"
 
 namespace {
 
@@ -192,7 +193,7 @@ TEST_F(AudioEndpoints, CapturesTheToneWithoutGaps) {
 }
 
 std::vector<int16_t> ReadPcm(const std::string& path) {
-    const std::string bytes = kivtest::ReadFile(path);
+    const std::vector<uint8_t> bytes = streamtest::ReadAll(path);
     std::vector<int16_t> s(bytes.size() / 2);
     if (!s.empty()) std::memcpy(s.data(), bytes.data(), s.size() * 2);
     return s;
@@ -235,6 +236,53 @@ TEST_F(AudioEndpoints, TheLoopPlaysTheToneIntoTheDefaultDevice) {
     std::printf("tone in sink B: %.2f s from %.2f s\n", (last - first) / 48000.0, first / 48000.0);
     EXPECT_GT(last - first, 48000u * 3);  // of the 6 s loop; opening the endpoints takes a while under Wine
     ExpectTone(left, first + 24000, last - 24000, 48000, "kiv_sink_b monitor", false);
+}
+
+TEST_F(AudioEndpoints, TheRecorderGoesOnWithoutAnAacEncoder) {
+    const int32_t index = IndexOf("kiv_sink_a");
+    ASSERT_GE(index, 0);
+    const std::string file = kivtest::TempDir("audio_recorder") + "/with_audio.mp4";
+    void* input = KIV_CreateAudioInput();
+    void* source = KIV_CreateVideoFrameSource();
+    void* recorder = KIV_CreateRecorder(nullptr);
+    ASSERT_EQ(KIV_SetAudioInputDevice(input, index), KIV_OK);
+    KivRecorderConfig config{};
+    const std::basic_string<KivWChar> wide = streamtest::WidePath(file);
+    std::memcpy(config.filePath, wide.c_str(), (wide.size() + 1) * sizeof(KivWChar));
+    config.width = 320, config.height = 240, config.recordFps = 25, config.audio = 1;
+    ASSERT_EQ(KIV_SetRecorderConfig(recorder, &config), KIV_OK);
+    ASSERT_EQ(KIV_Connect(input, recorder), KIV_OK);
+    ASSERT_EQ(KIV_Connect(source, recorder), KIV_OK);
+    ASSERT_EQ(KIV_Start(recorder), KIV_OK);
+    ASSERT_EQ(KIV_Start(input), KIV_OK);
+    // Hand-made H.264 access units: parameter sets and a key slice, then plain slices.
+    static const uint8_t kKey[] = {0, 0, 0, 1, 0x67, 0x42, 0xC0, 0x1E, 0xDA, 0x02, 0x80, 0xBF, 0xE5, 0x84, 0, 0, 0, 1,
+                                   0x68, 0xCE, 0x3C, 0x80, 0, 0, 1, 0x65, 0x88, 0x84, 0x21, 0x43};
+    static const uint8_t kSlice[] = {0, 0, 1, 0x41, 0x88, 0x84, 0x21, 0x43};
+    for (int i = 0; i < 50; ++i) {
+        KivVideoFrame f = kivtest::FrameOver(KIV_PIXEL_FORMAT_H264, 320, 240, i ? kSlice : kKey, i ? sizeof kSlice : sizeof kKey);
+        f.timestamp = 10000000 + i * 400000;
+        ASSERT_EQ(KIV_PushVideoFrame(source, &f), KIV_OK);
+        std::this_thread::sleep_for(std::chrono::milliseconds(40));
+    }
+    ASSERT_EQ(KIV_Stop(input), KIV_OK);
+    ASSERT_EQ(KIV_Stop(recorder), KIV_OK);
+    KivRecorderStats stats{};
+    ASSERT_EQ(KIV_GetRecorderStats(recorder, &stats), KIV_OK);
+    EXPECT_GT(stats.encodedFrames, 0);
+    EXPECT_EQ(KIV_Disconnect(input, recorder), KIV_OK);
+    EXPECT_EQ(KIV_Disconnect(source, recorder), KIV_OK);
+    for (void* p : {input, source, recorder}) EXPECT_EQ(KIV_DestroyPort(p), KIV_OK);
+
+    const std::vector<std::string> ready = Lines("Audio capture ready mix=");
+    ASSERT_EQ(ready.size(), 1u);
+    const std::string rate = ready[0].substr(24, ready[0].find(" Hz") - 24);
+    EXPECT_EQ(Lines("Raw H264 custom MP4 AAC encoder init failed"),
+              std::vector<std::string>{"Raw H264 custom MP4 AAC encoder init failed sr=" + rate + " ch=2"});
+    const streamtest::Bytes mp4 = streamtest::ReadAll(file);
+    streamtest::Box box;
+    EXPECT_TRUE(streamtest::FindBox(mp4, "moov/trak", &box, 0));
+    EXPECT_FALSE(streamtest::FindBox(mp4, "moov/trak", &box, 1));  // video only
 }
 
 size_t ThreadCount() {
