@@ -170,7 +170,7 @@ inline KivRecorderConfig Config(const std::string& path) {
 inline std::vector<uint8_t> AccessUnit(bool key, size_t body = 4, uint8_t fill = 0x21) {
     std::vector<uint8_t> au;
     if (key) au = {0, 0, 0, 1, 0x67, 0x42, 0xC0, 0x1E, 0xDA, 0x02, 0x80, 0xBF, 0xE5, 0x84, 0, 0, 0, 1, 0x68, 0xCE, 0x3C, 0x80};
-    au.insert(au.end(), {0, 0, 1, static_cast<uint8_t>(key ? 0x65 : 0x41)});
+    for (uint8_t b : {0, 0, 1, key ? 0x65 : 0x41}) au.push_back(b);
     au.insert(au.end(), body, fill);  // no zero bytes: no stray start codes
     return au;
 }
