@@ -65,6 +65,7 @@ TEST(VideoCapabilityEntry, ReadFromFormatBlockAndStreamCaps) {
         {"maximum when no minimum", rgb24, vih, 88, 320, 240, 0, 128, 0, 666666, {320, 240, 15, 1, 3}},
         {"short caps structure ignored", yuy2, vih, 88, 640, 480, 333333, 127, 166666, 0, {640, 480, 30, 1, 1}},
         {"half a frame rounds up", yuy2, vih, 88, 640, 480, 20000000, 128, 0, 0, {640, 480, 1, 1, 1}},
+        {"just under 1.5 fps rounds down", yuy2, vih, 88, 640, 480, 6666667, 128, 0, 0, {640, 480, 1, 1, 1}},
         {"no interval anywhere", mjpg, vih, 88, 640, 480, 0, 128, 0, 0, {640, 480, 0, 1, 5}},
         {"bottom-up height", rgb32, vih, 88, 64, -48, 333333, 128, 0, 0, {64, 48, 30, 1, 4}},
         {"second header version", h264, vih2, 112, 1920, 1080, 400000, 128, 0, 0, {1920, 1080, 25, 1, 6}},
@@ -79,6 +80,7 @@ TEST(VideoCapabilityEntry, ReadFromFormatBlockAndStreamCaps) {
         {"short VIDEOINFOHEADER2", yuy2, vih2, 111, 640, 480, 333333, 128, 0, 0, {}},
         {"short MPEG-2 block", h264, mpeg2, 135, 640, 480, 333333, 128, 0, 0, {}},
         {"other format block", yuy2, wave, 88, 640, 480, 333333, 128, 0, 0, {}},
+        {"one pixel wide", yuy2, vih, 88, 1, 480, 333333, 128, 0, 0, {1, 480, 30, 1, 1}},
         {"zero width", yuy2, vih, 88, 0, 480, 333333, 128, 0, 0, {}},
         {"zero height", yuy2, vih, 88, 640, 0, 333333, 128, 0, 0, {}},
     };
@@ -92,8 +94,9 @@ TEST(VideoCapabilityEntry, ReadFromFormatBlockAndStreamCaps) {
         Put(caps, 104, c.minInterval), Put(caps, 112, c.maxInterval);
         block.resize(c.blockSize), caps.resize(c.capsSize);
         KivVideoCapability got{-1, -1, -1, -1, -1};
-        ASSERT_EQ(kiv::CapabilityFromRaw({subtype.data(), formatType.data(), block.data(), block.size(), caps.data(), caps.size()}, &got),
-                  !c.expected.empty());
+        const kiv::RawVideoCapability raw{subtype.data(), formatType.data(), block.data(),
+                                          block.size(),   caps.data(),       caps.size()};
+        ASSERT_EQ(kiv::CapabilityFromRaw(raw, &got), !c.expected.empty());
         if (!c.expected.empty()) {
             EXPECT_EQ(Of(got), c.expected);
         }
@@ -124,6 +127,7 @@ TEST(VideoDeviceRecord, NamesCutToTheirFieldsAndUnknownDevice) {
 // Without devices every function answers with its code, before KIV_Init,
 // while initialised and after KIV_Shutdown.
 TEST(VideoDeviceFunctions, AnswerWithTheirCodesWhenNoDeviceIsListed) {
+    ASSERT_EQ(KIV_EnableLog(1), KIV_OK);
     for (int phase = 0; phase < 3; ++phase) {
         SCOPED_TRACE(phase);
         if (phase == 1) {
@@ -145,6 +149,9 @@ TEST(VideoDeviceFunctions, AnswerWithTheirCodesWhenNoDeviceIsListed) {
         EXPECT_EQ(info.index, 0x5a5a5a5a);
         EXPECT_EQ(Of(cap), Fields(5, 9));
     }
+    // Only while initialised are the counts looked up (and logged).
+    EXPECT_EQ(kivtest::CountOf(kivtest::LibraryLog(), "Video capability count device=0 count=0"), 2u);
+    KIV_EnableLog(0);
 }
 
 #else
@@ -175,7 +182,8 @@ protected:
     void SetUp() override {
         ASSERT_TRUE(installer.Loaded());
         ASSERT_EQ(installer.RemoveAll(), S_OK);
-        for (const Camera& c : kCameras) ASSERT_EQ(installer.Install(c.key, c.friendly.empty() ? nullptr : c.friendly.c_str(), c.config), S_OK);
+        for (const Camera& c : kCameras)
+            ASSERT_EQ(installer.Install(c.key, c.friendly.empty() ? nullptr : c.friendly.c_str(), c.config), S_OK);
         ASSERT_EQ(KIV_EnableLog(1), KIV_OK);
         ASSERT_EQ(KIV_Init(), KIV_OK);
     }
@@ -241,11 +249,13 @@ TEST_F(VideoDevices, CapabilityTablesAndBadArguments) {
     EXPECT_EQ(kivtest::CountOf(log, "Video capability cached device=0 count=3"), 1u);
     EXPECT_EQ(kivtest::CountOf(log, "Video capability count device=0 count=3"), 2u);
     EXPECT_EQ(kivtest::CountOf(log, "Video capability cached device=3"), 0u);
-    const int32_t bad[][3] = {{0, -1, 0}, {0, 3, 0}, {0, 0, 1}, {-1, 0, 0}, {4, 0, 0}, {3, 0, 0}};  // device, index, null record
+    // Device, index, null record: below 0, at the count, the camera whose probe failed.
+    const int32_t bad[][3] = {{0, -1, 0}, {0, 3, 0}, {0, 0, 1}, {-1, 0, 0}, {4, 0, 0}, {3, 0, 0}};
     for (const auto& [device, index, null] : bad) {
         KivVideoCapability cap{7, 7, 7, 7, 7};
-        EXPECT_EQ(KIV_GetVideoCapability(device, index, null ? nullptr : &cap), KIV_ERROR_INVALID_ARG) << device << "/" << index;
-        EXPECT_EQ(KIV_GetVideoFormatInfo(device, index, null ? nullptr : &cap), KIV_ERROR_INVALID_ARG) << device << "/" << index;
+        SCOPED_TRACE(testing::Message() << device << "/" << index << "/" << null);
+        EXPECT_EQ(KIV_GetVideoCapability(device, index, null ? nullptr : &cap), KIV_ERROR_INVALID_ARG);
+        EXPECT_EQ(KIV_GetVideoFormatInfo(device, index, null ? nullptr : &cap), KIV_ERROR_INVALID_ARG);
         EXPECT_EQ(Of(cap), Fields(5, 7));
     }
     EXPECT_EQ(KIV_GetVideoCapabilityCount(-1), 0);
