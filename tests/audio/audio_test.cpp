@@ -1,0 +1,763 @@
+// The audio ports. Natively, their logic over scripted endpoints: PCM
+// conversion bit for bit, playback into a stand-in buffer, the capture thread,
+// the exported setters. Under Wine, Core Audio endpoints (PulseAudio null
+// sinks): run_endpoint_tests.sh plays a 1 kHz tone at a quarter of full scale
+// into kiv_sink_a, makes kiv_sink_b the default playback device and records
+// its monitor; the tests needing them skip without the script.
+#include <gtest/gtest.h>
+
+#ifdef _WIN32
+#include <windows.h>
+#include <tlhelp32.h>
+#endif
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <deque>
+#include <limits>
+#include <mutex>
+#include <thread>
+
+#include "audio/kiv_audio_input.h"
+#include "audio/kiv_audio_render.h"
+#include "test_support.h"
+#ifdef _WIN32
+#include "core/kiv_core_audio_win.h"
+#include "stream_test_util.h"
+#endif
+
+namespace {
+
+using Strings = std::vector<std::string>;
+
+// Restarts the library log so a test sees only its own lines.
+void FreshLog() {
+    KIV_EnableLog(0);
+    KIV_EnableLog(1);
+}
+Strings Lines(const std::string& prefix = "") {
+    Strings found;
+    for (const kivtest::LogMessage& m : kivtest::LogMessages(kivtest::LibraryLog()))
+        if (m.text.compare(0, prefix.size(), prefix) == 0) found.push_back(m.text);
+    return found;
+}
+template <class Pred> bool WaitFor(Pred done, int seconds = 10) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(1)))
+        if (std::chrono::steady_clock::now() > deadline) return false;
+    return true;
+}
+
+// Every frame a port delivers (data pointers cleared), its samples and its arrival time.
+struct Capture {
+    std::mutex mutex;
+    std::vector<KivAudioFrame> frames;
+    std::vector<int16_t> samples;
+    std::vector<std::chrono::steady_clock::time_point> arrivals;
+    static void KIV_CALL On(const KivAudioFrame* f, void* user) {
+        Capture* c = static_cast<Capture*>(user);
+        std::lock_guard<std::mutex> lock(c->mutex);
+        const int16_t* s = reinterpret_cast<const int16_t*>(f->data);
+        c->samples.insert(c->samples.end(), s, s + f->bytes / 2);
+        c->frames.push_back(*f);
+        c->frames.back().data = nullptr;
+        c->arrivals.push_back(std::chrono::steady_clock::now());
+    }
+};
+
+#ifndef _WIN32
+
+using kiv::AudioMixFormat;
+using U64s = std::vector<uint64_t>;
+const kiv::AudioSampleKind I = kiv::AudioSampleKind::kInteger, F = kiv::AudioSampleKind::kFloat,
+                           U = kiv::AudioSampleKind::kUnsupported;
+
+template <class T> std::vector<uint8_t> Bytes(const std::vector<T>& v) {
+    std::vector<uint8_t> b(v.size() * sizeof(T));
+    if (!b.empty()) std::memcpy(b.data(), v.data(), b.size());
+    return b;
+}
+AudioMixFormat Format(kiv::AudioSampleKind kind, uint32_t channels, uint32_t bits, uint32_t tag = 1) {
+    return AudioMixFormat{48000, channels, bits, channels * (kind == F ? 4 : bits / 8), tag, kind};
+}
+
+TEST(AudioConvert, MixFormatsBecomeInterleaved16Bit) {
+    const struct {
+        const char* name;
+        AudioMixFormat format;
+        std::vector<uint8_t> source;
+        int32_t outChannels;
+        std::vector<int16_t> expected;
+        int32_t peak;
+    } cases[] = {
+        {"float clamps, truncates", Format(F, 1, 32, 3), Bytes<float>({1.5f, -1.5f, 0.5f, -0.5f, 1e-5f, -1}), 1,
+         {32767, -32767, 16383, -16383, 0, -32767}, 32767},
+        {"float NaN", Format(F, 1, 32, 3), Bytes<float>({std::numeric_limits<float>::quiet_NaN(), 0.25f}), 1, {0, 8191}, 8191},
+        {"8-bit", Format(I, 1, 8), {0, 128, 255, 1}, 1, {-32768, 0, 32512, -32512}, 32768},
+        {"16-bit", Format(I, 2, 16), Bytes<int16_t>({-32768, 32767, 1, -1}), 2, {-32768, 32767, 1, -1}, 32768},
+        {"32-bit", Format(I, 1, 32), Bytes<int32_t>({0x7FFFFFFF, INT32_MIN, 0x0001FFFF, -1}), 1, {32767, -32768, 1, -1}, 32768},
+        {"24-bit packed gives zeros", Format(I, 2, 24), std::vector<uint8_t>(12, 0x7F), 2, {0, 0, 0, 0}, 0},
+        {"mono to three", Format(I, 1, 16), Bytes<int16_t>({100, -200}), 3, {100, 100, 100, -200, -200, -200}, 200},
+        {"six to two", Format(I, 6, 16), Bytes<int16_t>({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}), 2, {1, 2, 7, 8}, 8},
+        {"float stereo to three", Format(F, 2, 32, 0xFFFE), Bytes<float>({0.5f, -0.25f}), 3, {16383, -8191, 16383}, 16383},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::vector<uint8_t> out;
+        int32_t peak = -1;
+        const uint32_t frames = static_cast<uint32_t>(c.source.size() / c.format.blockAlign);
+        ASSERT_TRUE(kiv::ConvertToPcm16(c.source.data(), frames, c.format, c.outChannels, &out, &peak));
+        EXPECT_EQ(out, Bytes(c.expected));
+        EXPECT_EQ(peak, c.peak);
+    }
+    // Unconvertible formats leave the buffer alone.
+    const uint8_t data[16] = {};
+    const std::pair<AudioMixFormat, int32_t> bad[] = {
+        {Format(I, 0, 16), 2}, {Format(I, 1, 4), 2}, {Format(U, 2, 16, 2), 2}, {Format(I, 2, 16), 0}};
+    for (const auto& [format, channels] : bad) {
+        std::vector<uint8_t> out(3, 0xAB);
+        int32_t peak = 7;
+        EXPECT_FALSE(kiv::ConvertToPcm16(data, 2, format, channels, &out, &peak));
+        EXPECT_EQ(out, std::vector<uint8_t>(3, 0xAB));
+    }
+    // Sub-format GUIDs as they lie in memory: PCM, IEEE float, something else.
+    uint8_t pcm[16] = {0x01, 0, 0, 0, 0, 0, 0x10, 0, 0x80, 0, 0, 0xAA, 0, 0x38, 0x9B, 0x71}, ieee[16], other[16];
+    std::memcpy(ieee, pcm, 16), std::memcpy(other, pcm, 16);
+    ieee[0] = 0x03, other[15] = 0x72;
+    const std::tuple<uint32_t, const uint8_t*, kiv::AudioSampleKind> kinds[] = {
+        {1, nullptr, I},    {3, nullptr, F},      {0xFFFE, pcm, I},      {0xFFFE, ieee, F},
+        {0xFFFE, other, U}, {0xFFFE, nullptr, U}, {2, nullptr, U}};
+    for (const auto& [tag, sub, kind] : kinds) EXPECT_EQ(kiv::SampleKindOf(tag, sub), kind) << "tag " << tag;
+}
+
+// A scripted endpoint, for capture and for playback: the test sets it up
+// before Start (while the capture thread runs, `bursts` is guarded by `mutex`).
+struct Script {
+    struct Packet {
+        std::vector<uint8_t> bytes;  // empty: a null data pointer
+        uint32_t frames;
+        bool silent;
+    };
+    std::mutex mutex;
+    std::string failAt;  // the call that fails with 0x88890004
+    kiv::CaptureOpenReport open{kiv::CaptureOpenStep::kNone, 0x88890004, 1};
+    kiv::RenderOpenStep renderFailStep = kiv::RenderOpenStep::kNone;
+    AudioMixFormat mix = Format(I, 2, 16);
+    std::deque<std::vector<Packet>> bursts;      // one per signalled wait
+    std::atomic<uint64_t> tick{0}, tickStep{0};  // tickStep is added at every TickMs call
+    std::atomic<int> closes{0}, waits{0};
+    uint32_t padding = 0, silentFrames = 0;
+    std::vector<AudioMixFormat> opens;  // successful render opens
+    std::vector<uint8_t> written;       // bytes released for playback, in order
+};
+
+class ScriptedEndpoint : public kiv::AudioCaptureEndpoint, public kiv::AudioRenderEndpoint {
+public:
+    explicit ScriptedEndpoint(Script& s) : s_(s) {}
+    uint32_t EnterThread() override { return 0; }
+    void LeaveThread() override {}
+    kiv::CaptureOpenReport Open(int32_t) override { return s_.open; }
+    uint32_t Activate() override { return Result("Activate"); }
+    uint32_t GetMixFormat(AudioMixFormat* out) override { return *out = s_.mix, Result("GetMixFormat"); }
+    uint32_t MakeEvent() override { return Result("MakeEvent"); }
+    uint32_t Initialize() override { return Result("Initialize"); }
+    uint32_t SetEventHandle() override { return Result("SetEventHandle"); }
+    uint32_t GetCaptureService() override { return Result("GetCaptureService"); }
+    uint32_t StartClient() override { return Result("StartClient"); }
+    kiv::WaitResult Wait(uint32_t, uint32_t* error) override {
+        ++s_.waits;
+        if ((*error = Result("Wait"))) return kiv::WaitResult::kFailed;
+        std::lock_guard<std::mutex> lock(s_.mutex);
+        if (s_.bursts.empty()) return kiv::WaitResult::kTimeout;
+        packets_ = s_.bursts.front();
+        s_.bursts.pop_front();
+        return kiv::WaitResult::kSignalled;
+    }
+    uint32_t NextPacketSize(uint32_t* frames) override {
+        return *frames = packets_.empty() ? 0 : packets_[0].frames, Result("NextPacketSize");
+    }
+    uint32_t GetBuffer(kiv::CapturePacket* packet) override {
+        if (Result("GetBuffer")) return packets_.clear(), Result("GetBuffer");
+        *packet = {packets_[0].bytes.empty() ? nullptr : packets_[0].bytes.data(), packets_[0].frames, packets_[0].silent};
+        return 0;
+    }
+    uint32_t ReleaseBuffer(uint32_t) override {
+        packets_.erase(packets_.begin());
+        if (Result("ReleaseBuffer")) packets_.clear();
+        return Result("ReleaseBuffer");
+    }
+    uint32_t StopClient() override { return 0; }
+    void Close() override { ++s_.closes; }
+    uint64_t TickMs() override { return s_.tick += s_.tickStep; }
+
+    // Steps up to Activate fail in OpenDevice, the later ones in OpenClient.
+    kiv::RenderOpenReport OpenDevice() override {
+        using S = kiv::RenderOpenStep;
+        if (s_.renderFailStep != S::kNone && s_.renderFailStep <= S::kActivate) return Report(true);
+        return {kiv::RenderOpenStep::kNone, 0, !Result("GetMixFormat"), Result("GetMixFormat"), Format(F, 2, 32, 0xFFFE)};
+    }
+    kiv::RenderOpenReport OpenClient(const AudioMixFormat& source) override {
+        if (s_.renderFailStep > kiv::RenderOpenStep::kActivate) return Report(true);
+        s_.opens.push_back(format_ = source);
+        return started_ = true, Report(false);
+    }
+    uint32_t GetCurrentPadding(uint32_t* frames) override { return *frames = s_.padding, Result("GetCurrentPadding"); }
+    uint32_t GetBuffer(uint32_t frames, uint8_t** data) override {
+        buffer_.assign(static_cast<size_t>(frames) * format_.blockAlign, 0xEE);
+        return *data = Result("GetBuffer") ? nullptr : buffer_.data(), Result("GetBuffer");
+    }
+    uint32_t ReleaseBuffer(uint32_t frames, bool silent) override {
+        s_.silentFrames += silent ? frames : 0;
+        s_.written.insert(s_.written.end(), buffer_.begin(), buffer_.begin() + frames * format_.blockAlign);
+        return Result("ReleaseBuffer");
+    }
+    bool Close(uint32_t* stopHr) override {
+        ++s_.closes, *stopHr = 0;
+        return std::exchange(started_, false);
+    }
+
+private:
+    uint32_t Result(const char* call) { return s_.failAt == call ? 0x88890004 : 0; }
+    kiv::RenderOpenReport Report(bool failed) {
+        return {failed ? s_.renderFailStep : kiv::RenderOpenStep::kNone, failed ? 0x88890004 : 0, false, 0, {}, 4800,
+                0x88000000};
+    }
+    Script& s_;
+    std::vector<Script::Packet> packets_;
+    AudioMixFormat format_;
+    std::vector<uint8_t> buffer_;
+    bool started_ = false;
+};
+
+struct Render : Script {
+    KivAudioRender port{[this] { return std::make_unique<ScriptedEndpoint>(*this); }};
+    Render() { FreshLog(); }
+    U64s Counts() {
+        const KivAudioRender::Counters n = port.GetCounters();
+        return {n.receivedFrames, n.writtenFrames, n.droppedFrames, n.silenceFrames};
+    }
+};
+
+// A frame over numbered bytes.
+struct Pcm {
+    std::vector<uint8_t> bytes;
+    KivAudioFrame frame{};
+    Pcm(uint32_t frames, int32_t rate = 48000, int32_t channels = 2, int32_t bits = 16)
+        : bytes(frames * static_cast<uint32_t>(channels > 0 ? channels * bits / 8 : 2)) {
+        for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<uint8_t>(i * 7 + 1);
+        frame = {bytes.data(), static_cast<uint32_t>(bytes.size()), rate, channels, bits, 0, 0};
+    }
+};
+
+// 480 frames into a buffer of 4800 with `padding` queued: what is written and
+// dropped, and each failure's line; the next frame, with nothing failing and
+// an empty buffer, is written whole.
+TEST(AudioRender, WritesWhatFitsAndDropsTheRestOrTheFrameOnFailure) {
+    using S = kiv::RenderOpenStep;
+    struct Case {
+        S step;
+        std::string failAt;
+        uint32_t padding;
+        int32_t result;
+        uint64_t written, dropped;
+        Strings lines;
+    };
+    std::vector<Case> cases = {
+        {S::kNone, "", 4700, KIV_OK, 100, 380, {}},
+        {S::kNone, "", 4800, KIV_OK, 0, 480, {}},
+        {S::kNone, "", 5000, KIV_OK, 0, 480, {}},
+        {S::kNone, "", 0, KIV_OK, 480, 0, {}},
+        {S::kNone, "GetCurrentPadding", 4790, KIV_OK, 480, 0, {"Audio render GetCurrentPadding failed hr=0x88890004"}},
+        {S::kNone, "GetBuffer", 4750, KIV_ERROR_FAILED, 0, 480,
+         {"Audio render GetBuffer failed hr=0x88890004 writeFrames=50 available=50 padding=4750"}},
+        {S::kNone, "ReleaseBuffer", 4750, KIV_OK, 0, 430, {"Audio render ReleaseBuffer failed hr=0x88890004 writeFrames=50"}},
+    };
+    // An endpoint that does not open drops the frame.
+    for (const auto& [step, line] : std::vector<std::pair<S, std::string>>{
+             {S::kCreateEnumerator, "Audio render CoCreateInstance(MMDeviceEnumerator) failed hr=0x88890004"},
+             {S::kDefaultEndpoint, "Audio render GetDefaultAudioEndpoint failed hr=0x88890004"},
+             {S::kActivate, "Audio render Activate IAudioClient failed hr=0x88890004"},
+             {S::kAllocFormat, "Audio render CoTaskMemAlloc source format failed"},
+             {S::kInitialize, "Audio render Initialize auto-convert failed hr=0x88890004 source=48000 Hz ch=2 bits=16 tag=0x1 "
+                              "flags=0x88000000"},
+             {S::kGetBufferSize, "Audio render GetBufferSize failed hr=0x88890004 frames=4800"},
+             {S::kGetService, "Audio render GetService IAudioRenderClient failed hr=0x88890004"},
+             {S::kStart, "Audio render client Start failed hr=0x88890004"}})
+        cases.push_back({step, "", 0, KIV_ERROR_FAILED, 0, 480,
+                         {line, "Audio render EnsureFormat failed input=48000 Hz ch=2 bits=16 frames=480"}});
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "step " << static_cast<int>(c.step) << " " << c.failAt << " " << c.padding);
+        Render r;
+        r.renderFailStep = c.step, r.failAt = c.failAt, r.padding = c.padding;
+        ASSERT_EQ(r.port.Start(), KIV_OK);
+        Pcm pcm(480);
+        EXPECT_EQ(r.port.OnAudioFrame(&pcm.frame), c.result);
+        EXPECT_EQ(r.Counts(), U64s({480, c.written, c.dropped, 0}));
+        const size_t copied = (r.failAt == "ReleaseBuffer" ? 50 : c.written) * 4;  // a failed release still had the bytes
+        EXPECT_EQ(r.written, std::vector<uint8_t>(pcm.bytes.begin(), pcm.bytes.begin() + copied));
+        Strings failures = Lines();
+        failures.erase(std::remove_if(failures.begin(), failures.end(), [](auto& t) { return t.find("failed") == t.npos; }),
+                       failures.end());
+        EXPECT_EQ(failures, c.lines);
+        r.renderFailStep = S::kNone, r.failAt = "", r.padding = 0;
+        EXPECT_EQ(r.port.OnAudioFrame(&pcm.frame), KIV_OK);
+        EXPECT_EQ(r.Counts(), U64s({960, c.written + 480, c.dropped, 0}));
+    }
+}
+
+TEST(AudioRender, OpensLazilyReopensOnAFormatChangeAndRefusesBadFrames) {
+    Render r;
+    r.failAt = "GetMixFormat";  // only logged
+    Pcm a(10), b(10, 44100, 1), empty(0), noChannels(4, 48000, 0), eightBit(6, 48000, 1, 8), partial(1), loud(2);
+    EXPECT_EQ(r.port.OnAudioFrame(&a.frame), KIV_OK);  // before Start: ignored
+    ASSERT_EQ(r.port.Start(), KIV_OK);
+    KivAudioFrame noData = a.frame;
+    noData.data = nullptr, noChannels.frame.bytes = 8, partial.frame.bytes = 3;  // less than one sample frame: ignored
+    for (const KivAudioFrame* f : {static_cast<KivAudioFrame*>(nullptr), &noData, &empty.frame})
+        EXPECT_EQ(r.port.OnAudioFrame(f), KIV_ERROR_INVALID_ARG);
+    EXPECT_EQ(r.port.OnAudioFrame(&noChannels.frame), KIV_ERROR_FAILED);
+    EXPECT_EQ(r.port.OnAudioFrame(&partial.frame), KIV_OK);
+    EXPECT_TRUE(r.opens.empty());
+    loud.bytes = {0x00, 0x80, 0xFF, 0x7F, 0x10, 0x00, 0x20, 0x00};  // -32768, 32767, 16, 32
+    loud.frame.data = loud.bytes.data();
+    for (Pcm* p : {&a, &a, &loud, &loud, &b}) {
+        r.tick = p == &a ? 0 : 5000;  // a statistics line at the first loud frame, the next ones are within the interval
+        ASSERT_EQ(r.port.OnAudioFrame(&p->frame), KIV_OK);
+    }
+    ASSERT_EQ(r.opens.size(), 2u);
+    EXPECT_EQ(std::vector<uint32_t>({r.opens[1].sampleRate, r.opens[1].channels, r.opens[1].blockAlign, r.opens[1].formatTag}),
+              std::vector<uint32_t>({44100, 1, 2, 1}));
+    // 8-bit frames (one byte a frame here) reopen every time and are written as silence.
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(r.port.OnAudioFrame(&eightBit.frame), KIV_ERROR_FAILED);
+    EXPECT_EQ(r.opens.size(), 4u);
+    EXPECT_EQ(r.silentFrames, 12u);
+    ASSERT_EQ(r.port.Stop(), KIV_OK);
+    EXPECT_EQ(r.closes, 4);
+    EXPECT_EQ(r.port.OnAudioFrame(&a.frame), KIV_OK);  // after Stop: ignored
+    EXPECT_EQ(r.Counts(), U64s({46, 34, 12, 12}));
+    EXPECT_EQ(Lines("Audio render configure")[1], "Audio render configure from input=44100 Hz ch=1 bits=16 dataSize=20");
+    EXPECT_EQ(Lines("Audio render ready")[1],
+              "Audio render ready source=44100 Hz ch=1 bits=16 block=2 bufferFrames=4800 autoConvert=1");
+    const std::pair<std::string, size_t> lines[] = {
+        {"Audio render stats receivedFrames=22 writtenFrames=22 droppedFrames=0 silenceFrames=0 peak=32768 "
+         "input=48000Hz/2ch/16bit client=48000Hz/2ch/16bit/tag0x1 buffer=4800 padding=0", 1},
+        {"Audio render stop receivedFrames=46 writtenFrames=34 droppedFrames=12 silenceFrames=12", 1},
+        {"Audio render GetMixFormat failed hr=0x88890004; continue with shared-mode auto conversion", 4},
+        {"Audio render client Stop hr=0x00000000", 4},
+        {"Audio render received invalid audio frame", 3},
+        {"Audio render invalid input block align channels=0 bits=16", 1},
+        {"Audio render internal source mismatch input=48000Hz/1ch/8bit/block1 client=48000Hz/1ch/16bit/block2 "
+         "hr=0x00000000", 2}};
+    for (const auto& [line, n] : lines) EXPECT_EQ(Lines(line), Strings(n, line));
+}
+
+Script::Packet Packet(std::vector<int16_t> interleaved, bool silent = false) {
+    return {Bytes(interleaved), static_cast<uint32_t>(interleaved.size() / 2), silent};
+}
+
+struct Input : Script {
+    Capture caught;
+    KivAudioInput port{[this] { return std::make_unique<ScriptedEndpoint>(*this); }};
+    Input() {
+        FreshLog();
+        port.SetAudioFrameCallback(Capture::On, &caught);
+    }
+    // Starts, waits until every burst was handled and the thread is back in its wait, stops.
+    void Run() {
+        ASSERT_EQ(port.Start(), KIV_OK);
+        ASSERT_TRUE(WaitFor([&] { std::lock_guard<std::mutex> lock(mutex); return bursts.empty(); }));
+        const int seen = waits;
+        ASSERT_TRUE(WaitFor([&] { return waits > seen; }));
+        ASSERT_EQ(port.Stop(), KIV_OK);
+    }
+};
+
+// With the clock 5 s further at every reading, each wait ends with a statistics line.
+TEST(AudioInput, PacketsBecomeFramesTimedByTheSampleCursor) {
+    Input in;
+    in.mix.sampleRate = 44100, in.tickStep = 5000;
+    in.bursts = {{Packet({1, -2, 3, -4}), Packet({5, 6, 7, 8, 9, 10}, true)}, {Packet({-300, 300})}};
+    ASSERT_EQ(in.port.SetPcm(8000, 1, 16), KIV_OK);  // the rate is kept but not applied
+    in.Run();
+    // A restart goes on from the cursor; a null data pointer skips the frame but not the count.
+    in.bursts.push_back({Packet({1, 1}), Script::Packet{{}, 7, false}});
+    in.Run();
+    ASSERT_EQ(in.caught.frames.size(), 4u);
+    const int64_t cursor[] = {0, 2, 5, 6}, bytes[] = {4, 6, 2, 2};
+    for (size_t i = 0; i < 4; ++i) {
+        const KivAudioFrame& f = in.caught.frames[i];
+        EXPECT_EQ(std::vector<int64_t>({f.sampleRate, f.channels, f.bitsPerSample, f.reserved, f.timestamp, f.bytes}),
+                  std::vector<int64_t>({44100, 1, 16, 0, cursor[i] * 10000000 / 44100, bytes[i]}));
+    }
+    EXPECT_EQ(in.caught.samples, std::vector<int16_t>({1, 3, 0, 0, 0, -300, 1}));
+    EXPECT_EQ(in.port.SampleCursor(), 14u);
+    EXPECT_EQ(Lines("Audio capture ready")[0],
+              "Audio capture ready mix=44100 Hz ch=2 bits=16 block=4 tag=0x1 -> SDK PCM=44100 Hz ch=1 bits=16");
+    EXPECT_EQ(Lines("Audio input thread exit"),
+              Strings({"Audio input thread exit packets=3 frames=6 bytes=24 silentPackets=1 errors=0",
+                       "Audio input thread exit packets=2 frames=8 bytes=32 silentPackets=0 errors=0"}));
+    const Strings stats = Lines("Audio capture stats");
+    ASSERT_GE(stats.size(), 3u);
+    EXPECT_EQ(Strings(stats.begin(), stats.begin() + 3),
+              Strings({"Audio capture stats packets=2 frames=5 bytes=20 silentPackets=1 errors=0 peak=3 sampleCursor=5",
+                       "Audio capture stats packets=3 frames=6 bytes=24 silentPackets=1 errors=0 peak=300 sampleCursor=6",
+                       "Audio capture stats packets=3 frames=6 bytes=24 silentPackets=1 errors=0 peak=0 sampleCursor=6"}));
+}
+
+// Each failing call logs its line; the opening failures end the thread before any frame.
+TEST(AudioInput, LogsEveryFailingCall) {
+    using S = kiv::CaptureOpenStep;
+    const std::string openFailed = "Audio OpenDevice failed index=0",
+                      counted = "Audio input active endpoint count=1 selectedIndex=0",
+                      noPackets = "Audio input thread exit packets=0 frames=0 bytes=0 silentPackets=0 errors=1";
+    const struct {
+        std::string failAt;
+        S openStep;
+        Strings lines;  // in order, among the thread's lines
+        bool opened;
+    } cases[] = {
+        {"", S::kCreateEnumerator, {"Audio input CoCreateInstance(MMDeviceEnumerator) failed hr=0x88890004", openFailed}, false},
+        {"", S::kEnumEndpoints, {"Audio input EnumAudioEndpoints failed hr=0x88890004", openFailed}, false},
+        {"", S::kGetCount, {"Audio input GetCount failed hr=0x88890004", openFailed}, false},
+        {"", S::kIndexInvalid, {counted, "Audio input device index invalid index=0 count=1", openFailed}, false},
+        {"", S::kItem, {counted, "Audio input collection Item failed index=0 hr=0x88890004", openFailed}, false},
+        {"Activate", S::kNone, {"Audio Activate IAudioClient failed hr=0x88890004"}, false},
+        {"GetMixFormat", S::kNone, {"Audio GetMixFormat failed hr=0x88890004"}, false},
+        {"MakeEvent", S::kNone, {"Audio CreateEvent failed winerr=2290679812"}, false},
+        {"Initialize", S::kNone, {"Audio Initialize failed hr=0x88890004"}, false},
+        {"GetCaptureService", S::kNone, {"Audio GetService IAudioCaptureClient failed hr=0x88890004"}, false},
+        {"SetEventHandle", S::kNone, {"Audio SetEventHandle failed hr=0x88890004", "Audio capture client started"}, true},
+        {"StartClient", S::kNone, {"Audio capture client Start failed hr=0x88890004"}, true},
+        {"Wait", S::kNone,
+         {"Audio capture WaitForSingleObject failed winerr=2290679812", "Audio capture client stopped hr=0x00000000",
+          noPackets},
+         true},
+        {"NextPacketSize", S::kNone, {"Audio GetNextPacketSize failed hr=0x88890004", noPackets}, true},
+        {"GetBuffer", S::kNone, {"Audio capture GetBuffer failed hr=0x88890004 packetFrames=1", noPackets}, true},
+        {"ReleaseBuffer", S::kNone,
+         {"Audio capture ReleaseBuffer failed hr=0x88890004 frames=1",
+          "Audio input thread exit packets=1 frames=1 bytes=4 silentPackets=0 errors=1"},
+         true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.lines[0]);
+        Input in;
+        in.open.failedStep = c.openStep;
+        in.failAt = c.failAt;
+        in.bursts.push_back({Packet({7, 7})});
+        ASSERT_EQ(in.port.Start(), KIV_OK);
+        ASSERT_TRUE(WaitFor([&] { return !Lines(c.lines[0]).empty(); }));
+        ASSERT_EQ(in.port.Stop(), KIV_OK);
+        const Strings log = Lines();
+        auto at = log.begin();
+        for (const std::string& line : c.lines)
+            EXPECT_NE(at = std::find(at, log.end(), line), log.end()) << "missing or out of order: " << line;
+        EXPECT_TRUE(c.opened || in.caught.frames.size() + Lines("Audio input thread exit").size() == 0);
+        EXPECT_EQ(in.closes, 1);
+    }
+}
+
+TEST(AudioApi, SettersRefuseBadArgumentsAndStartAndStopAreIdempotent) {
+    EXPECT_EQ(KIV_CreateAudioInput(), nullptr);  // the library is not initialised yet
+    EXPECT_EQ(KIV_CreateAudioRender(), nullptr);
+    kivtest::LibraryScope library;
+    FreshLog();
+    void *input = KIV_CreateAudioInput(), *render = KIV_CreateAudioRender(), *mux = KIV_CreateAudioMux();
+    ASSERT_TRUE(input && render);
+    for (KivResult r : {KIV_SetAudioInputDevice(input, -1), KIV_SetAudioInputDevice(render, 0),
+                        KIV_SetAudioInputDevice(nullptr, 0), KIV_SetAudioInputPCM(input, 0, 2, 16),
+                        KIV_SetAudioInputPCM(input, 48000, 0, 16), KIV_SetAudioInputPCM(input, 48000, 2, 24),
+                        KIV_SetAudioInputPCM(mux, 48000, 2, 16), KIV_SetAudioInputPCM(nullptr, 48000, 2, 16),
+                        KIV_SetAudioRenderDefaultDevice(input), KIV_SetAudioRenderDefaultDevice(nullptr)})
+        EXPECT_EQ(r, KIV_ERROR_INVALID_ARG);
+    EXPECT_EQ(KIV_SetAudioInputDevice(input, 2), KIV_OK);
+    EXPECT_EQ(KIV_SetAudioInputPCM(input, 44100, 1, 16), KIV_OK);
+    EXPECT_EQ(KIV_SetAudioRenderDefaultDevice(render), KIV_OK);
+    // Without endpoints, index 2 is past the list: the input starts but delivers nothing.
+    Capture capture;
+    ASSERT_EQ(KIV_SetAudioFrameCallback(input, Capture::On, &capture), KIV_OK);
+    EXPECT_EQ(Lines(), Strings({"Set audio input device index=2", "Set audio PCM 44100 Hz 1 ch 16 bits",
+                                "Audio render use default playback device"}));
+    EXPECT_EQ(KIV_Stop(input), KIV_OK);  // not started: nothing to do
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(KIV_Start(input), KIV_OK);
+    WaitFor([] { return !Lines("Audio OpenDevice failed").empty(); });
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(KIV_Stop(input), KIV_OK);
+    EXPECT_EQ(capture.frames.size(), 0u);
+    for (const std::string line : {"Audio input start device=2 request=44100 Hz 1 ch 16 bits", "Audio OpenDevice failed index=2",
+                                   "Audio input device index invalid index=2 count=0", "Audio input stop device=2"})
+        EXPECT_EQ(Lines(line), Strings{line});
+    KIV_EnableLog(0);
+    for (void* p : {input, render, mux}) EXPECT_EQ(KIV_DestroyPort(p), KIV_OK);
+}
+
+#else
+
+constexpr double kAmplitude = 0.25 * 32768.0, kPi = 3.14159265358979323846;
+const char* const kRecording = std::getenv("KIV_AUDIO_SINK_B_RECORDING");
+
+// Names and ids of what Core Audio itself lists, independently of the library.
+std::vector<std::pair<std::string, std::string>> CoreAudioCaptureEndpoints() {
+    using namespace kiv::coreaudio;
+    std::vector<std::pair<std::string, std::string>> out;
+    IMMDeviceEnumerator* enumerator = nullptr;
+    IMMDeviceCollection* all = nullptr;
+    UINT count = 0;
+    if (FAILED(CoCreateInstance(kClsidDeviceEnumerator, nullptr, CLSCTX_ALL, kIidDeviceEnumerator,
+                                reinterpret_cast<void**>(&enumerator))))
+        return out;
+    if (SUCCEEDED(enumerator->EnumAudioEndpoints(eCapture, DEVICE_STATE_ACTIVE, &all)) && SUCCEEDED(all->GetCount(&count))) {
+        IMMDevice* device = nullptr;
+        for (UINT i = 0; i < count && SUCCEEDED(all->Item(i, &device)); ++i, device->Release()) {
+            auto& [name, path] = out.emplace_back();
+            LPWSTR id = nullptr;
+            if (SUCCEEDED(device->GetId(&id))) path = Utf8(id);
+            CoTaskMemFree(id);
+            IPropertyStore* store = nullptr;
+            PROPVARIANT v;
+            PropVariantInit(&v);
+            if (SUCCEEDED(device->OpenPropertyStore(STGM_READ, &store))) {
+                if (SUCCEEDED(store->GetValue(kKeyFriendlyName, &v)) && v.vt == VT_LPWSTR) name = Utf8(v.pwszVal);
+                PropVariantClear(&v);
+                store->Release();
+            }
+        }
+        all->Release();
+    }
+    enumerator->Release();
+    return out;
+}
+
+int32_t IndexOf(const std::string& part) {
+    KivDeviceInfo info;
+    for (int32_t i = 0; i < KIV_GetAudioInputDeviceCount(); ++i)
+        if (KIV_GetAudioInputDeviceInfo(i, &info) == KIV_OK && std::strstr(info.name, part.c_str())) return i;
+    return -1;
+}
+
+// Frequency (Goertzel power, 25 Hz steps), level and continuity of the 1 kHz
+// tone in channel `channel` of interleaved stereo from frame `begin` to `end`.
+// A break is where the sine recurrence x[n+1] - 2cos(w)x[n] + x[n-1] = 0
+// misses by more than 5 % of the amplitude: a lost or repeated sample. A
+// capture must have none; playback may break where the endpoint ran dry.
+void ExpectTone(const std::vector<int16_t>& pcm, int channel, size_t begin, size_t end, double rate, bool continuous) {
+    SCOPED_TRACE(testing::Message() << "channel " << channel << (continuous ? " captured" : " played"));
+    ASSERT_GT(end, begin + static_cast<size_t>(rate));
+    auto x = [&](size_t n) { return static_cast<double>(pcm[2 * n + channel]); };
+    double best = 0, bestPower = -1, sum = 0;
+    for (double f = 100; f <= 5000; f += 25) {
+        const double k = 2.0 * std::cos(2.0 * kPi * f / rate);
+        double s1 = 0, s2 = 0;
+        for (size_t i = begin; i < end; ++i) s2 = std::exchange(s1, x(i) + k * s1 - s2);
+        if (const double power = s1 * s1 + s2 * s2 - k * s1 * s2; power > bestPower) bestPower = power, best = f;
+    }
+    EXPECT_EQ(best, 1000.0);
+    // Playback may run dry between packets on a loaded machine: its level counts the 10 ms blocks holding the tone.
+    const size_t block = static_cast<size_t>(rate) / 100;
+    size_t used = 0;
+    for (size_t b = begin, i; b + block <= end; b += block) {
+        double s = 0;
+        for (i = b; i < b + block; ++i) s += x(i) * x(i);
+        if (continuous || s / block > kAmplitude * kAmplitude / 8) sum += s, used += block;
+    }
+    ASSERT_GT(used, (end - begin) / 2);
+    const double rmsDb = 20 * std::log10(std::sqrt(sum / used) / (kAmplitude / std::sqrt(2.0)));
+    EXPECT_NEAR(rmsDb, 0.0, continuous ? 0.5 : 1.0);
+    const double k = 2.0 * std::cos(2.0 * kPi * 1000.0 / rate);
+    size_t breaks = 0;
+    for (size_t n = begin + 1, off = 0; n + 1 < end; ++n) {
+        const bool now = std::fabs(x(n + 1) - k * x(n) + x(n - 1)) > 0.05 * kAmplitude;
+        breaks += now && !off, off = now;
+    }
+    std::printf("channel %d: %.2f s (%.0f %% with the tone), level %+.2f dB, %zu breaks\n", channel, (end - begin) / rate,
+                100.0 * used / (end - begin), rmsDb, breaks);
+    EXPECT_TRUE(!continuous || breaks == 0);
+}
+
+class AudioEndpoints : public ::testing::Test {
+protected:
+    void SetUp() override { FreshLog(); }
+    kivtest::LibraryScope library_;
+};
+
+TEST_F(AudioEndpoints, TheListIsWhatCoreAudioEnumerates) {
+    const auto expected = CoreAudioCaptureEndpoints();
+    const int32_t count = static_cast<int32_t>(expected.size());
+    ASSERT_EQ(KIV_GetAudioInputDeviceCount(), count);
+    for (int32_t i = 0; i < count; ++i) {
+        KivDeviceInfo info;
+        ASSERT_EQ(KIV_GetAudioInputDeviceInfo(i, &info), KIV_OK);
+        EXPECT_EQ(info.index, i);
+        EXPECT_EQ(info.name, expected[i].first.empty() ? "Unknown Audio Device" : expected[i].first.substr(0, 255));
+        EXPECT_EQ(info.path, expected[i].second.substr(0, 511));
+    }
+    for (const char* part : {"kiv_sink_a", "kiv_sink_b"}) EXPECT_GE(IndexOf(part), 0) << part;
+    // The script adds one whose name is cut inside a two-byte character.
+    EXPECT_TRUE(!kRecording || expected.at(IndexOf("kiv_long_")).first.size() > 255);
+    // An index past the list starts, and ends its thread without a frame.
+    void* input = KIV_CreateAudioInput();
+    Capture capture;
+    ASSERT_EQ(KIV_SetAudioInputDevice(input, count), KIV_OK);
+    ASSERT_EQ(KIV_SetAudioFrameCallback(input, Capture::On, &capture), KIV_OK);
+    ASSERT_EQ(KIV_Start(input), KIV_OK);
+    WaitFor([] { return !Lines("Audio OpenDevice failed").empty(); }, 20);
+    EXPECT_EQ(KIV_Stop(input), KIV_OK);
+    EXPECT_EQ(KIV_DestroyPort(input), KIV_OK);
+    const std::string n = std::to_string(count);
+    EXPECT_EQ(Lines("Audio input device index invalid"), Strings{"Audio input device index invalid index=" + n + " count=" + n});
+    EXPECT_EQ(capture.frames.size(), 0u);
+}
+
+std::vector<int16_t> ReadPcm(const char* path) {
+    const std::vector<uint8_t> bytes = streamtest::ReadAll(path);
+    std::vector<int16_t> s(bytes.size() / 2);
+    if (!s.empty()) std::memcpy(s.data(), bytes.data(), s.size() * 2);
+    return s;
+}
+
+// Input from kiv_sink_a's monitor, with a callback and through a mux into the
+// default playback device (kiv_sink_b, recorded by the script).
+TEST_F(AudioEndpoints, TheToneIsCapturedWithoutGapsAndPlayedIntoTheDefaultDevice) {
+    if (!kRecording) GTEST_SKIP() << "needs run_endpoint_tests.sh";
+    const int32_t index = IndexOf("kiv_sink_a");
+    ASSERT_GE(index, 0);
+    const size_t before = ReadPcm(kRecording).size();
+    void *input = KIV_CreateAudioInput(), *mux = KIV_CreateAudioMux(), *render = KIV_CreateAudioRender();
+    Capture capture;
+    ASSERT_EQ(KIV_SetAudioInputDevice(input, index), KIV_OK);
+    ASSERT_EQ(KIV_SetAudioInputPCM(input, 44100, 2, 16), KIV_OK);  // the rate is not applied
+    ASSERT_EQ(KIV_SetAudioFrameCallback(input, Capture::On, &capture), KIV_OK);
+    ASSERT_EQ(KIV_SetAudioRenderDefaultDevice(render), KIV_OK);
+    ASSERT_EQ(KIV_Connect(input, mux), KIV_OK);
+    ASSERT_EQ(KIV_Connect(mux, render), KIV_OK);
+    ASSERT_EQ(KIV_Start(render), KIV_OK);
+    ASSERT_EQ(KIV_Start(input), KIV_OK);
+    std::this_thread::sleep_for(std::chrono::seconds(10));
+    ASSERT_EQ(KIV_Stop(input), KIV_OK);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // the endpoint plays out its buffer
+    ASSERT_EQ(KIV_Stop(render), KIV_OK);
+    for (void* p : {input, mux, render}) EXPECT_EQ(KIV_DestroyPort(p), KIV_OK);
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));  // parec writes out what it has
+    std::printf("%s\n", Lines("Audio render stop").at(0).c_str());
+
+    // Frames at the monitor's mix rate (the pace and the tone's frequency prove it), time stamped by the sample cursor.
+    std::lock_guard<std::mutex> lock(capture.mutex);
+    ASSERT_GT(capture.frames.size(), 10u);
+    const uint32_t mixRate = capture.frames[0].sampleRate;
+    uint64_t cursor = 0;
+    for (const KivAudioFrame& f : capture.frames) {
+        ASSERT_EQ(std::vector<int64_t>({f.sampleRate, f.channels, f.bitsPerSample, f.timestamp}),
+                  std::vector<int64_t>({mixRate, 2, 16, static_cast<int64_t>(cursor * 10000000 / mixRate)}));
+        cursor += f.bytes / 4;
+    }
+    // From the first to the last frame the cursor kept pace with the wall clock: no packet went missing.
+    const double audioSeconds = static_cast<double>(cursor - capture.frames.back().bytes / 4) / mixRate;
+    const double arrivalSeconds = std::chrono::duration<double>(capture.arrivals.back() - capture.arrivals.front()).count();
+    std::printf("%zu frames, %.3f s of audio over %.3f s of arrivals\n", capture.frames.size(), audioSeconds, arrivalSeconds);
+    EXPECT_GT(audioSeconds, 6.0);  // of the 10 s run; opening the endpoint takes a while on a loaded machine
+    EXPECT_NEAR(audioSeconds, arrivalSeconds, 0.2);
+    for (int channel : {0, 1}) ExpectTone(capture.samples, channel, mixRate / 2, cursor - mixRate / 10, mixRate, true);
+
+    // kiv_sink_b's monitor (48 kHz stereo) since the loop started: the tone is
+    // where the samples are louder than half its amplitude.
+    const std::vector<int16_t> all = ReadPcm(kRecording), played(all.begin() + before, all.end());
+    size_t first = played.size(), last = 0;
+    for (size_t i = 0; i < played.size() / 2; ++i)
+        if (std::abs(played[2 * i]) > kAmplitude / 2) first = std::min(first, i), last = i;
+    ASSERT_LT(first, last);
+    std::printf("tone in sink B: %.2f s from %.2f s\n", (last - first) / 48000.0, first / 48000.0);
+    EXPECT_GT(last - first, 48000u * 6);  // of the 10 s loop; opening the endpoints takes a while under Wine
+    ExpectTone(played, 0, first + 24000, last - 24000, 48000, false);
+}
+
+TEST_F(AudioEndpoints, TheRecorderGoesOnWithoutAnAacEncoder) {
+    const int32_t index = IndexOf("kiv_sink_a");
+    ASSERT_GE(index, 0);
+    const std::string file = kivtest::TempDir("audio_recorder") + "/with_audio.mp4";
+    void *input = KIV_CreateAudioInput(), *source = KIV_CreateVideoFrameSource(), *recorder = KIV_CreateRecorder(nullptr);
+    ASSERT_EQ(KIV_SetAudioInputDevice(input, index), KIV_OK);
+    KivRecorderConfig config{};
+    const std::basic_string<KivWChar> wide = streamtest::WidePath(file);
+    std::memcpy(config.filePath, wide.c_str(), (wide.size() + 1) * sizeof(KivWChar));
+    config.width = 320, config.height = 240, config.recordFps = 25, config.audio = 1;
+    ASSERT_EQ(KIV_SetRecorderConfig(recorder, &config), KIV_OK);
+    ASSERT_EQ(KIV_Connect(input, recorder), KIV_OK);
+    ASSERT_EQ(KIV_Connect(source, recorder), KIV_OK);
+    ASSERT_EQ(KIV_Start(recorder), KIV_OK);
+    ASSERT_EQ(KIV_Start(input), KIV_OK);
+    // Hand-made H.264 access units: parameter sets and a key slice, then plain slices.
+    static const uint8_t kKey[] = {0, 0, 0, 1, 0x67, 0x42, 0xC0, 0x1E, 0xDA, 0x02, 0x80, 0xBF, 0xE5, 0x84, 0, 0, 0, 1,
+                                   0x68, 0xCE, 0x3C, 0x80, 0, 0, 1, 0x65, 0x88, 0x84, 0x21, 0x43};
+    static const uint8_t kSlice[] = {0, 0, 1, 0x41, 0x88, 0x84, 0x21, 0x43};
+    for (int i = 0; i < 50; ++i) {
+        KivVideoFrame f =
+            kivtest::FrameOver(KIV_PIXEL_FORMAT_H264, 320, 240, i ? kSlice : kKey, i ? sizeof kSlice : sizeof kKey);
+        f.timestamp = 10000000 + i * 400000;
+        ASSERT_EQ(KIV_PushVideoFrame(source, &f), KIV_OK);
+        std::this_thread::sleep_for(std::chrono::milliseconds(40));
+    }
+    ASSERT_EQ(KIV_Stop(input), KIV_OK);
+    ASSERT_EQ(KIV_Stop(recorder), KIV_OK);
+    KivRecorderStats stats{};
+    ASSERT_EQ(KIV_GetRecorderStats(recorder, &stats), KIV_OK);
+    EXPECT_GT(stats.encodedFrames, 0);
+    for (void* p : {input, source, recorder}) EXPECT_EQ(KIV_DestroyPort(p), KIV_OK);
+
+    const Strings ready = Lines("Audio capture ready mix=");
+    ASSERT_EQ(ready.size(), 1u);
+    const std::string rate = ready[0].substr(24, ready[0].find(" Hz") - 24);
+    EXPECT_EQ(Lines("Raw H264 custom MP4 AAC encoder init failed"),
+              Strings{"Raw H264 custom MP4 AAC encoder init failed sr=" + rate + " ch=2"});
+    const streamtest::Bytes mp4 = streamtest::ReadAll(file);
+    streamtest::Box box;
+    EXPECT_TRUE(streamtest::FindBox(mp4, "moov/trak", &box, 0));
+    EXPECT_FALSE(streamtest::FindBox(mp4, "moov/trak", &box, 1));  // video only
+}
+
+size_t ThreadCount() {
+    HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
+    THREADENTRY32 entry{};
+    entry.dwSize = sizeof entry;
+    size_t n = 0;
+    for (BOOL ok = Thread32First(snapshot, &entry); ok; ok = Thread32Next(snapshot, &entry))
+        n += entry.th32OwnerProcessID == GetCurrentProcessId();
+    CloseHandle(snapshot);
+    return n;
+}
+
+// The value a new handle gets: the lowest free slot of the handle table, so
+// it climbs only while handles pile up (Wine's handle count reads 0).
+uintptr_t NextHandleSlot() {
+    HANDLE probe = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    CloseHandle(probe);
+    return reinterpret_cast<uintptr_t>(probe);
+}
+
+TEST_F(AudioEndpoints, TwoHundredStartsAndStopsLeakNothing) {
+    KIV_EnableLog(0);  // 200 runs of lines would only slow it down
+    void* input = KIV_CreateAudioInput();
+    ASSERT_EQ(KIV_SetAudioInputDevice(input, IndexOf("kiv_sink_a")), KIV_OK);
+    size_t threads = 0;
+    uintptr_t handles = 0;
+    for (int i = -1; i < 200; ++i) {
+        ASSERT_EQ(KIV_Start(input), KIV_OK);
+        // The first, a warm-up, loads the audio driver and its threads; some others reach the capture loop.
+        if (i % 10 == 0 || i < 0) std::this_thread::sleep_for(std::chrono::milliseconds(i < 0 ? 200 : 30));
+        ASSERT_EQ(KIV_Stop(input), KIV_OK);
+        if (i >= 0) continue;
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        threads = ThreadCount(), handles = NextHandleSlot();
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    std::printf("threads %zu -> %zu, next handle 0x%zx -> 0x%zx\n", threads, ThreadCount(), static_cast<size_t>(handles),
+                static_cast<size_t>(NextHandleSlot()));
+    EXPECT_LE(ThreadCount(), threads + 1);
+    EXPECT_LE(NextHandleSlot(), handles + 10 * 4);  // a few may be the audio driver's own, never one per run
+    EXPECT_EQ(KIV_DestroyPort(input), KIV_OK);
+}
+
+#endif
+
+}  // namespace
