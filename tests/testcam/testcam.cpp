@@ -272,8 +272,7 @@ class TestCamPin : public IPin, public IAMStreamConfig, public IKsPropertySet {
 public:
     TestCamPin(IBaseFilter* owner, CamState* state) : owner_(owner), state_(state) {}
     virtual ~TestCamPin() {
-        StopStreaming(), Inactive(), Disconnect();
-        if (hasChosen_) FreeMediaType(&chosen_);
+        StopStreaming(), Inactive(), Disconnect(), FreeMediaType(&chosen_);
     }
     STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
         if (!ppv) return E_POINTER;
@@ -360,9 +359,8 @@ public:
         std::string text;
         if (FindCap(Config().caps, mt, &text) < 0) return VFW_E_INVALIDMEDIATYPE;
         if (peer_) return SameType(mt, &connected_) ? S_OK : VFW_E_ALREADY_CONNECTED;
-        if (hasChosen_) FreeMediaType(&chosen_);
+        FreeMediaType(&chosen_);
         CopyMediaType(&chosen_, mt);
-        hasChosen_ = true;
         FILE* f = Config().recordPath.empty() ? nullptr : _wfopen(Config().recordPath.c_str(), L"wb");
         if (f) std::fprintf(f, "setformat=%s\n", text.c_str()), std::fclose(f);
         return S_OK;
@@ -371,7 +369,7 @@ public:
         if (!mt) return E_POINTER;
         if (Config().caps.empty()) return E_FAIL;
         *mt = NewType();
-        if (peer_ || hasChosen_) CopyMediaType(*mt, peer_ ? &connected_ : &chosen_);
+        if (peer_ || chosen_.pbFormat) CopyMediaType(*mt, peer_ ? &connected_ : &chosen_);
         else BuildMediaType(Config().caps[0], *mt);
         return S_OK;
     }
@@ -439,9 +437,9 @@ private:
     // What the pin offers (caller frees each): the format chosen by SetFormat,
     // or without one every capability in order.
     std::vector<AM_MEDIA_TYPE> OfferedTypes() {
-        std::vector<AM_MEDIA_TYPE> types(hasChosen_ ? 1 : Config().caps.size());
+        std::vector<AM_MEDIA_TYPE> types(chosen_.pbFormat ? 1 : Config().caps.size());
         for (size_t i = 0; i < types.size(); ++i)
-            hasChosen_ ? CopyMediaType(&types[i], &chosen_) : BuildMediaType(Config().caps[i], &types[i]);
+            chosen_.pbFormat ? CopyMediaType(&types[i], &chosen_) : BuildMediaType(Config().caps[i], &types[i]);
         return types;
     }
 
@@ -543,8 +541,7 @@ private:
     IPin* peer_ = nullptr;
     IMemInputPin* peerInput_ = nullptr;
     IMemAllocator* allocator_ = nullptr;
-    AM_MEDIA_TYPE connected_{}, chosen_{};  // chosen_: set by SetFormat
-    bool hasChosen_ = false;
+    AM_MEDIA_TYPE connected_{}, chosen_{};  // chosen_: set by SetFormat (a format block when set)
     HANDLE thread_ = nullptr, stopEvent_ = nullptr;
     std::vector<std::vector<BYTE>> accessUnits_;
 };
