@@ -783,13 +783,6 @@ extern "C" HRESULT KivTestCamInstall(const wchar_t* keyName, const wchar_t* frie
 // Removes every video capture device entry of this prefix (the test prefix
 // has no real cameras), so a test starts from a known list.
 extern "C" HRESULT KivTestCamRemoveAll() {
-    HKEY root;
-    if (RegOpenKeyExW(HKEY_CLASSES_ROOT, kInstanceRoot, 0, KEY_ALL_ACCESS, &root) != ERROR_SUCCESS) return S_OK;
-    wchar_t name[256];
-    DWORD length = 256;
-    while (RegEnumKeyExW(root, 0, name, &length, nullptr, nullptr, nullptr, nullptr) == ERROR_SUCCESS &&
-           RegDeleteKeyW(root, name) == ERROR_SUCCESS)
-        length = 256;
-    RegCloseKey(root);
-    return S_OK;
+    const LSTATUS rc = RegDeleteTreeW(HKEY_CLASSES_ROOT, kInstanceRoot);
+    return rc == ERROR_SUCCESS || rc == ERROR_FILE_NOT_FOUND ? S_OK : E_FAIL;
 }
