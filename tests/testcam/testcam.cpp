@@ -271,9 +271,7 @@ struct CamState {
 class TestCamPin : public IPin, public IAMStreamConfig, public IKsPropertySet {
 public:
     TestCamPin(IBaseFilter* owner, CamState* state) : owner_(owner), state_(state) {}
-    virtual ~TestCamPin() {
-        StopStreaming(), Inactive(), Disconnect(), FreeMediaType(&chosen_);
-    }
+    virtual ~TestCamPin() { StopStreaming(), Inactive(), Disconnect(), FreeMediaType(&chosen_); }
     STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
         if (!ppv) return E_POINTER;
         *ppv = nullptr;
@@ -398,8 +396,7 @@ public:
     STDMETHODIMP Get(REFGUID set, DWORD id, LPVOID, DWORD, LPVOID data, DWORD size, DWORD* returned) override {
         if (!IsEqualGUID(set, AMPROPSETID_Pin)) return E_PROP_SET_UNSUPPORTED;
         if (id != AMPROPERTY_PIN_CATEGORY) return E_PROP_ID_UNSUPPORTED;
-        if (!data) return E_POINTER;
-        if (size < sizeof(GUID)) return E_UNEXPECTED;
+        if (!data || size < sizeof(GUID)) return data ? E_UNEXPECTED : E_POINTER;
         *static_cast<GUID*>(data) = PIN_CATEGORY_CAPTURE;
         if (returned) *returned = sizeof(GUID);
         return S_OK;
