@@ -273,14 +273,13 @@ std::vector<uint8_t> Yuy2(uint64_t index, int32_t w = 8, int32_t h = 4) {
     return Frame(KIV_PIXEL_FORMAT_YUY2, w, h, index);
 }
 
+void Sleep(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 template <class Cond>
 bool WaitFor(Cond cond, int ms = 5000) {
-    for (auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms); !cond();)
+    for (auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms); !cond(); Sleep(2))
         if (std::chrono::steady_clock::now() > end) return false;
-        else std::this_thread::sleep_for(std::chrono::milliseconds(2));
     return true;
 }
-void Sleep(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
 // Stops a port when a test leaves its scope, before the callbacks it feeds go.
 struct StopOnExit {
@@ -378,7 +377,8 @@ TEST_F(VideoInputTest, FramesArriveInOrderWithTheirLayoutAndShortBuffersAreDropp
         const bool flips = c.bottomUp && (c.format == KIV_PIXEL_FORMAT_RGB24 || c.format == KIV_PIXEL_FORMAT_RGB32);
         for (size_t i = 0; i < catcher.frames.size(); ++i) {
             const KivVideoFrame& m = catcher.frames[i].meta;
-            EXPECT_EQ((I64s{static_cast<int64_t>(m.frameIndex), m.width, m.height, m.format, m.strides[0], m.strides[1]}),
+            EXPECT_EQ((I64s{static_cast<int64_t>(m.frameIndex), m.width, m.height, m.format, m.strides[0],
+                            m.strides[1]}),
                       (I64s{static_cast<int64_t>(i), c.w, c.h, c.format,
                             c.stride ? c.stride : static_cast<int64_t>(fed[i].size()), c.stride1}));
             if (c.format == KIV_PIXEL_FORMAT_NV12) {
@@ -386,7 +386,8 @@ TEST_F(VideoInputTest, FramesArriveInOrderWithTheirLayoutAndShortBuffersAreDropp
                 EXPECT_EQ(0, std::memcmp(catcher.frames[i].plane1.data(), fed[i].data() + c.w * c.h,
                                          catcher.frames[i].plane1.size()));
             }
-            std::vector<uint8_t> expected(fed[i].begin(), fed[i].begin() + static_cast<std::ptrdiff_t>(catcher.frames[i].plane0.size()));
+            const auto size = static_cast<std::ptrdiff_t>(catcher.frames[i].plane0.size());
+            std::vector<uint8_t> expected(fed[i].begin(), fed[i].begin() + size);
             for (int32_t r = 0; flips && r < c.h; ++r)
                 std::memcpy(expected.data() + r * row, fed[i].data() + (c.h - 1 - r) * row, row);
             EXPECT_EQ(catcher.frames[i].plane0, expected) << "frame " << i;
@@ -548,9 +549,13 @@ TEST_F(VideoInputTest, SharedSourceGrowsAndClientSlotsDetachAndGoStale) {
         const char* line;
         size_t count;
     } lines[] = {
-        {"Restart shared source for new requests device=0 actual=1280x720 fps=30 fmt=1 requested=1920x1080 fps=30 fmt=1", 1},
+        {"Restart shared source for new requests device=0 actual=1280x720 fps=30 fmt=1 "
+         "requested=1920x1080 fps=30 fmt=1",
+         1},
         {"Restart shared source OK device=0 actual=1920x1080 fps=30 fmt=1", 1},
-        {"Shared source already satisfies requests device=0 actual=1920x1080 fps=30 fmt=1 requested=1920x1080 fps=30 fmt=5", 2},
+        {"Shared source already satisfies requests device=0 actual=1920x1080 fps=30 fmt=1 "
+         "requested=1920x1080 fps=30 fmt=5",
+         2},
         {"Register active video device index=0 source=", 1}, {"DirectShow capture graph started", 2},
         {"All shared client slots closed device=0", 1}, {"Unregister active video device index=0", 1},
         {"closed stale shared slot", 1},

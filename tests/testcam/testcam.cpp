@@ -100,7 +100,8 @@ void BuildMediaType(const CamCap& cap, AM_MEDIA_TYPE* mt) {
     reinterpret_cast<VIDEOINFOHEADER*>(mt->pbFormat)->AvgTimePerFrame = cap.avg;  // same place in both blocks
     if (vih2) {
         auto* vih = reinterpret_cast<VIDEOINFOHEADER2*>(mt->pbFormat);
-        vih->dwPictAspectRatioX = static_cast<DWORD>(cap.width), vih->dwPictAspectRatioY = static_cast<DWORD>(absHeight);
+        vih->dwPictAspectRatioX = static_cast<DWORD>(cap.width);
+        vih->dwPictAspectRatioY = static_cast<DWORD>(absHeight);
         vih->bmiHeader = bmi;
     } else {
         reinterpret_cast<VIDEOINFOHEADER*>(mt->pbFormat)->bmiHeader = bmi;
