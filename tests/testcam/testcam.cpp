@@ -1,14 +1,7 @@
 // The test camera: a DirectShow video capture source (one filter, one capture
 // pin, a trivial property page, plain COM) found where a USB camera would be.
-// Each instance reads ';'-separated entries stored beside its registry entry:
-//   cap=SUBTYPE:WIDTH:HEIGHT:BLOCK:AVG:MIN:MAX   one capability (repeatable)
-//   page=1 / nocfg=1   a property page / no IAMStreamConfig (probes fail)
-//   record=PATH  file the camera rewrites with the format SetFormat gave it
-//   h264=PATH    Annex-B file streamed one access unit per sample
-// SUBTYPE is YUY2, NV12, RGB24, RGB32, MJPG, H264 or P010 (a 10-bit format the
-// library does not know); a negative HEIGHT is a top-down picture; BLOCK is
-// vih (VIDEOINFOHEADER) or vih2 (VIDEOINFOHEADER2); AVG, MIN and MAX are frame
-// intervals in 100 ns.
+// Each instance reads its ';'-separated configuration (cap=SUBTYPE:W:H:BLOCK:
+// AVG:MIN:MAX, page=1, nocfg=1, record=PATH, h264=PATH) from its registry entry.
 #include <windows.h>
 #include <dshow.h>
 #include <dvdmedia.h>
@@ -32,6 +25,7 @@ namespace {
 const CLSID CLSID_TestCam = {0x9cd1d6bd, 0xfd91, 0x4036, {0xb0, 0x21, 0x86, 0x64, 0xec, 0x00, 0x62, 0x60}};
 // {AC54F4C5-B66C-4630-A981-9EFC32C2C565}
 const CLSID CLSID_TestCamPage = {0xac54f4c5, 0xb66c, 0x4630, {0xa9, 0x81, 0x9e, 0xfc, 0x32, 0xc2, 0xc5, 0x65}};
+const wchar_t kPinName[] = L"Capture";
 HMODULE g_module = nullptr;
 
 struct CamCap {
@@ -47,20 +41,15 @@ struct CamConfig {
     std::wstring recordPath, h264Path;
 };
 
-std::vector<std::wstring> Split(const std::wstring& text, wchar_t sep) {
-    std::vector<std::wstring> parts;
-    std::wistringstream in(text);
-    for (std::wstring part; std::getline(in, part, sep);) parts.push_back(part);
-    return parts;
-}
-
 CamConfig ParseConfig(const std::wstring& text) {
     CamConfig config;
-    for (const std::wstring& entry : Split(text, L';')) {
-        const size_t eq = entry.find(L'=');
-        if (eq == std::wstring::npos) continue;
-        const std::wstring key = entry.substr(0, eq), value = entry.substr(eq + 1);
-        const std::vector<std::wstring> f = Split(value, L':');
+    std::wistringstream entries(text);
+    for (std::wstring entry; std::getline(entries, entry, L';');) {
+        const std::wstring key = entry.substr(0, entry.find(L'='));
+        const std::wstring value = entry.substr(std::min(entry.size(), key.size() + 1));
+        std::vector<std::wstring> f;
+        std::wistringstream fields(value);
+        for (std::wstring field; std::getline(fields, field, L':');) f.push_back(field);
         auto number = [&f](size_t i) { return std::wcstoll(f[i].c_str(), nullptr, 10); };
         if (key == L"cap" && f.size() == 7)
             config.caps.push_back({std::string(f[0].begin(), f[0].end()), static_cast<int>(number(1)),
@@ -73,54 +62,43 @@ CamConfig ParseConfig(const std::wstring& text) {
     return config;
 }
 
+// The subtypes in PatternFormat order first (their place is their pattern).
 struct SubtypeInfo {
     const char* name;
     DWORD fourcc;  // BI_RGB for the RGB types
     WORD bits;
     GUID guid;
 };
-
+constexpr DWORD Fourcc(const char (&s)[5]) { return MAKEFOURCC(s[0], s[1], s[2], s[3]); }
 GUID FourccGuid(DWORD fourcc) { return {fourcc, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xaa, 0x00, 0x38, 0x9b, 0x71}}; }
-
-const SubtypeInfo* Subtypes() {
-    static const SubtypeInfo table[] = {
-        {"YUY2", MAKEFOURCC('Y', 'U', 'Y', '2'), 16, FourccGuid(MAKEFOURCC('Y', 'U', 'Y', '2'))},
-        {"NV12", MAKEFOURCC('N', 'V', '1', '2'), 12, FourccGuid(MAKEFOURCC('N', 'V', '1', '2'))},
-        {"RGB24", BI_RGB, 24, MEDIASUBTYPE_RGB24},
-        {"RGB32", BI_RGB, 32, MEDIASUBTYPE_RGB32},
-        {"MJPG", MAKEFOURCC('M', 'J', 'P', 'G'), 24, FourccGuid(MAKEFOURCC('M', 'J', 'P', 'G'))},
-        {"H264", MAKEFOURCC('H', '2', '6', '4'), 24, FourccGuid(MAKEFOURCC('H', '2', '6', '4'))},
-        {"P010", MAKEFOURCC('P', '0', '1', '0'), 24, FourccGuid(MAKEFOURCC('P', '0', '1', '0'))},
-        {nullptr, 0, 0, GUID_NULL},
-    };
-    return table;
-}
+const SubtypeInfo kSubtypes[] = {
+    {"YUY2", Fourcc("YUY2"), 16, FourccGuid(Fourcc("YUY2"))}, {"NV12", Fourcc("NV12"), 12, FourccGuid(Fourcc("NV12"))},
+    {"RGB24", BI_RGB, 24, MEDIASUBTYPE_RGB24},                {"RGB32", BI_RGB, 32, MEDIASUBTYPE_RGB32},
+    {"MJPG", Fourcc("MJPG"), 24, FourccGuid(Fourcc("MJPG"))}, {"H264", Fourcc("H264"), 24, FourccGuid(Fourcc("H264"))},
+    {"P010", Fourcc("P010"), 24, FourccGuid(Fourcc("P010"))},
+};
 
 const SubtypeInfo* FindSubtype(const std::string& name, const GUID* guid = nullptr) {
-    for (const SubtypeInfo* s = Subtypes(); s->name; ++s)
-        if (guid ? IsEqualGUID(*guid, s->guid) : name == s->name) return s;
+    for (const SubtypeInfo& s : kSubtypes)
+        if (guid ? IsEqualGUID(*guid, s.guid) : name == s.name) return &s;
     return nullptr;
 }
 
+AM_MEDIA_TYPE* NewType() { return static_cast<AM_MEDIA_TYPE*>(CoTaskMemAlloc(sizeof(AM_MEDIA_TYPE))); }
+
 void BuildMediaType(const CamCap& cap, AM_MEDIA_TYPE* mt) {
     const SubtypeInfo* info = FindSubtype(cap.subtype);
-    if (!info) info = FindSubtype("YUY2");
-    std::memset(mt, 0, sizeof(*mt));
-    mt->majortype = MEDIATYPE_Video;
-    mt->subtype = info->guid;
-    const bool compressed = cap.subtype == "MJPG" || cap.subtype == "H264";
-    mt->bFixedSizeSamples = !compressed;
-    mt->bTemporalCompression = cap.subtype == "H264";
-    const long absHeight = cap.height < 0 ? -cap.height : cap.height;
+    if (!info) info = &kSubtypes[0];
+    const bool compressed = cap.subtype == "MJPG" || cap.subtype == "H264", vih2 = cap.vih2;
+    const long absHeight = std::abs(cap.height);
     const BITMAPINFOHEADER bmi{sizeof(BITMAPINFOHEADER), cap.width, cap.height, 1, info->bits, info->fourcc,
                                static_cast<DWORD>(cap.width * absHeight * info->bits / 8), 0, 0, 0, 0};
-    mt->lSampleSize = compressed ? 0 : bmi.biSizeImage;
-    mt->formattype = cap.vih2 ? FORMAT_VideoInfo2 : FORMAT_VideoInfo;
-    mt->cbFormat = cap.vih2 ? sizeof(VIDEOINFOHEADER2) : sizeof(VIDEOINFOHEADER);
-    mt->pbFormat = static_cast<BYTE*>(CoTaskMemAlloc(mt->cbFormat));
-    std::memset(mt->pbFormat, 0, mt->cbFormat);
+    const ULONG size = vih2 ? sizeof(VIDEOINFOHEADER2) : sizeof(VIDEOINFOHEADER);
+    *mt = {MEDIATYPE_Video, info->guid, !compressed, cap.subtype == "H264", compressed ? 0 : bmi.biSizeImage,
+           vih2 ? FORMAT_VideoInfo2 : FORMAT_VideoInfo, nullptr, size, static_cast<BYTE*>(CoTaskMemAlloc(size))};
+    std::memset(mt->pbFormat, 0, size);
     reinterpret_cast<VIDEOINFOHEADER*>(mt->pbFormat)->AvgTimePerFrame = cap.avg;  // same place in both blocks
-    if (cap.vih2) {
+    if (vih2) {
         auto* vih = reinterpret_cast<VIDEOINFOHEADER2*>(mt->pbFormat);
         vih->dwPictAspectRatioX = static_cast<DWORD>(cap.width);
         vih->dwPictAspectRatioY = static_cast<DWORD>(absHeight);
@@ -155,48 +133,42 @@ bool ReadVideoHeader(const AM_MEDIA_TYPE* mt, BITMAPINFOHEADER* bmi, REFERENCE_T
     return true;
 }
 
-// The capability a full media type names; -1 when none.
-int FindCap(const std::vector<CamCap>& caps, const AM_MEDIA_TYPE* mt) {
+// The capability a full media type names (-1: none), and its description for
+// the record file.
+int FindCap(const std::vector<CamCap>& caps, const AM_MEDIA_TYPE* mt, std::string* text = nullptr) {
     BITMAPINFOHEADER bmi;
     REFERENCE_TIME avg;
-    if (!IsEqualGUID(mt->majortype, MEDIATYPE_Video) || !ReadVideoHeader(mt, &bmi, &avg)) return -1;
     const SubtypeInfo* info = FindSubtype("", &mt->subtype);
     const bool vih2 = IsEqualGUID(mt->formattype, FORMAT_VideoInfo2);
-    for (size_t i = 0; info && i < caps.size(); ++i) {
+    if (!IsEqualGUID(mt->majortype, MEDIATYPE_Video) || !info || !ReadVideoHeader(mt, &bmi, &avg)) return -1;
+    for (size_t i = 0; i < caps.size(); ++i) {
         const CamCap& c = caps[i];
-        if (c.subtype == info->name && c.vih2 == vih2 && c.width == bmi.biWidth && c.height == bmi.biHeight)
-            return static_cast<int>(i);
+        if (c.subtype != info->name || c.vih2 != vih2 || c.width != bmi.biWidth || c.height != bmi.biHeight) continue;
+        char line[128];
+        std::snprintf(line, sizeof(line), "%s:%ld:%ld:%s:%lld", info->name, static_cast<long>(bmi.biWidth),
+                      static_cast<long>(bmi.biHeight), vih2 ? "vih2" : "vih", static_cast<long long>(avg));
+        if (text) *text = line;
+        return static_cast<int>(i);
     }
     return -1;
-}
-
-std::string DescribeMediaType(const AM_MEDIA_TYPE* mt) {
-    BITMAPINFOHEADER bmi;
-    REFERENCE_TIME avg;
-    const SubtypeInfo* info = FindSubtype("", &mt->subtype);
-    if (!info || !ReadVideoHeader(mt, &bmi, &avg)) return "unknown";
-    char text[128];
-    std::snprintf(text, sizeof(text), "%s:%ld:%ld:%s:%lld", info->name, static_cast<long>(bmi.biWidth),
-                  static_cast<long>(bmi.biHeight), IsEqualGUID(mt->formattype, FORMAT_VideoInfo2) ? "vih2" : "vih",
-                  static_cast<long long>(avg));
-    return text;
 }
 
 // Access units of an Annex-B H.264 file of single-slice pictures (none when it
 // cannot be read): the NAL units after each 00 00 01 up to and including a
 // slice.
 std::vector<std::vector<BYTE>> ReadAccessUnits(const std::wstring& path) {
-    std::vector<std::vector<BYTE>> units(1);
     FILE* f = _wfopen(path.c_str(), L"rb");
     if (!f) return {};
     std::vector<BYTE> data;
     BYTE chunk[65536];
     for (size_t n; (n = std::fread(chunk, 1, sizeof(chunk), f)) > 0;) data.insert(data.end(), chunk, chunk + n);
     std::fclose(f);
+    std::vector<std::vector<BYTE>> units(1);
+    auto startCode = [&data](size_t i) { return data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1; };
     for (size_t i = 0; i + 3 < data.size(); ++i) {
-        if (data[i] != 0 || data[i + 1] != 0 || data[i + 2] != 1) continue;
+        if (!startCode(i)) continue;
         size_t end = i + 3;
-        while (end + 3 <= data.size() && !(data[end] == 0 && data[end + 1] == 0 && data[end + 2] == 1)) ++end;
+        while (end + 3 <= data.size() && !startCode(end)) ++end;
         if (end + 3 > data.size()) end = data.size();
         size_t last = end;  // a NAL unit never ends in a zero byte: those open the next start code
         while (last > i + 3 && data[last - 1] == 0) --last;
@@ -210,8 +182,8 @@ std::vector<std::vector<BYTE>> ReadAccessUnits(const std::wstring& path) {
     return units;
 }
 
-// IUnknown of the small objects with one interface (enumerators, the class
-// factory, the property page): counted, deleted at zero.
+// IUnknown of the objects with one interface (enumerators, the class factory,
+// the property page): counted, deleted at zero.
 template <class Interface>
 class SingleInterface : public Interface {
 public:
@@ -225,8 +197,7 @@ public:
     STDMETHODIMP_(ULONG) AddRef() override { return ++refs_; }
     STDMETHODIMP_(ULONG) Release() override {
         const long n = --refs_;
-        if (n == 0) delete this;
-        return n;
+        return n == 0 ? (delete this, 0) : n;
     }
 
 protected:
@@ -236,26 +207,33 @@ private:
     std::atomic<long> refs_{1};
 };
 
+IPin* Copy(IPin* pin) { return pin->AddRef(), pin; }
+void Free(IPin* pin) { pin->Release(); }
+AM_MEDIA_TYPE* Copy(AM_MEDIA_TYPE* mt) {
+    AM_MEDIA_TYPE* copy = NewType();
+    return CopyMediaType(copy, mt), copy;
+}
+void Free(AM_MEDIA_TYPE* mt) { FreeMediaType(mt), CoTaskMemFree(mt); }
+
 // An enumerator over copies of items (pins or media types).
-template <class Enum, class Item, class Traits>
+template <class Enum, class Item>
 class Enumerator : public SingleInterface<Enum> {
 public:
     Enumerator(const IID& iid, const std::vector<Item>& items, size_t pos) : SingleInterface<Enum>(iid), pos_(pos) {
-        for (const Item& item : items) items_.push_back(Traits::Copy(item));
+        for (Item item : items) items_.push_back(Copy(item));
     }
     ~Enumerator() override {
-        for (Item& item : items_) Traits::Free(item);
+        for (Item item : items_) Free(item);
     }
     STDMETHODIMP Next(ULONG count, Item* out, ULONG* fetched) override {
         ULONG n = 0;
-        for (; n < count && pos_ < items_.size(); ++n, ++pos_) out[n] = Traits::Copy(items_[pos_]);
+        for (; n < count && pos_ < items_.size(); ++n, ++pos_) out[n] = Copy(items_[pos_]);
         if (fetched) *fetched = n;
         return n == count ? S_OK : S_FALSE;
     }
     STDMETHODIMP Skip(ULONG count) override {
         const bool all = pos_ + count <= items_.size();
-        pos_ = all ? pos_ + count : items_.size();
-        return all ? S_OK : S_FALSE;
+        return pos_ = all ? pos_ + count : items_.size(), all ? S_OK : S_FALSE;
     }
     STDMETHODIMP Reset() override { return pos_ = 0, S_OK; }
     STDMETHODIMP Clone(Enum** out) override {
@@ -265,19 +243,6 @@ public:
 private:
     std::vector<Item> items_;
     size_t pos_;
-};
-
-struct PinTraits {
-    static IPin* Copy(IPin* pin) { return pin->AddRef(), pin; }
-    static void Free(IPin* pin) { pin->Release(); }
-};
-struct TypeTraits {
-    static AM_MEDIA_TYPE* Copy(AM_MEDIA_TYPE* mt) {
-        auto* copy = static_cast<AM_MEDIA_TYPE*>(CoTaskMemAlloc(sizeof(AM_MEDIA_TYPE)));
-        CopyMediaType(copy, mt);
-        return copy;
-    }
-    static void Free(AM_MEDIA_TYPE* mt) { FreeMediaType(mt), CoTaskMemFree(mt); }
 };
 
 bool SameType(const AM_MEDIA_TYPE* a, const AM_MEDIA_TYPE* b) {
@@ -295,8 +260,6 @@ bool MatchesPartial(const AM_MEDIA_TYPE* partial, const AM_MEDIA_TYPE* full) {
     return true;
 }
 
-const wchar_t kPinName[] = L"Capture";
-
 // What the filter and its pin share.
 struct CamState {
     CamConfig config;
@@ -309,12 +272,7 @@ struct CamState {
 class TestCamPin : public IPin, public IAMStreamConfig, public IKsPropertySet {
 public:
     TestCamPin(IBaseFilter* owner, CamState* state) : owner_(owner), state_(state) {}
-    virtual ~TestCamPin() {
-        StopStreaming();
-        Inactive();
-        Disconnect();
-        if (hasChosen_) FreeMediaType(&chosen_);
-    }
+    virtual ~TestCamPin() { StopStreaming(), Inactive(), Disconnect(), FreeMediaType(&chosen_); }
     STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
         if (!ppv) return E_POINTER;
         *ppv = nullptr;
@@ -348,12 +306,10 @@ public:
     STDMETHODIMP ReceiveConnection(IPin*, const AM_MEDIA_TYPE*) override { return E_UNEXPECTED; }
     STDMETHODIMP Disconnect() override {
         if (!peer_) return S_FALSE;
-        if (allocator_) allocator_->Release();
-        if (peerInput_) peerInput_->Release();
-        peer_->Release();
+        for (IUnknown* p : std::initializer_list<IUnknown*>{allocator_, peerInput_, peer_})
+            if (p) p->Release();
         allocator_ = nullptr, peerInput_ = nullptr, peer_ = nullptr;
-        FreeMediaType(&connected_);
-        return S_OK;
+        return FreeMediaType(&connected_), S_OK;
     }
     STDMETHODIMP ConnectedTo(IPin** pin) override {
         if (!pin) return E_POINTER;
@@ -375,8 +331,7 @@ public:
     STDMETHODIMP QueryId(LPWSTR* id) override {
         if (!id) return E_POINTER;
         *id = static_cast<LPWSTR>(CoTaskMemAlloc(sizeof(kPinName)));
-        std::memcpy(*id, kPinName, sizeof(kPinName));
-        return S_OK;
+        return std::memcpy(*id, kPinName, sizeof(kPinName)), S_OK;
     }
     STDMETHODIMP QueryAccept(const AM_MEDIA_TYPE* mt) override {
         return mt && FindCap(Config().caps, mt) >= 0 ? S_OK : S_FALSE;
@@ -386,7 +341,7 @@ public:
         std::vector<AM_MEDIA_TYPE> types = OfferedTypes();
         std::vector<AM_MEDIA_TYPE*> pointers;
         for (AM_MEDIA_TYPE& t : types) pointers.push_back(&t);
-        *e = new Enumerator<IEnumMediaTypes, AM_MEDIA_TYPE*, TypeTraits>(IID_IEnumMediaTypes, pointers, 0);
+        *e = new Enumerator<IEnumMediaTypes, AM_MEDIA_TYPE*>(IID_IEnumMediaTypes, pointers, 0);
         for (AM_MEDIA_TYPE& t : types) FreeMediaType(&t);
         return S_OK;
     }
@@ -396,47 +351,43 @@ public:
     STDMETHODIMP EndFlush() override { return E_UNEXPECTED; }
     STDMETHODIMP NewSegment(REFERENCE_TIME, REFERENCE_TIME, double) override { return S_OK; }
 
-    // IAMStreamConfig: SetFormat is honoured (and recorded for the tests) as
-    // long as the type is one of the capabilities, whatever its frame interval.
+    // IAMStreamConfig: SetFormat is honoured as long as the type is one of the
+    // capabilities, whatever its frame interval, and written to the record file.
     STDMETHODIMP SetFormat(AM_MEDIA_TYPE* mt) override {
         if (!mt) return E_POINTER;
-        if (FindCap(Config().caps, mt) < 0) return VFW_E_INVALIDMEDIATYPE;
+        std::string text;
+        if (FindCap(Config().caps, mt, &text) < 0) return VFW_E_INVALIDMEDIATYPE;
         if (peer_) return SameType(mt, &connected_) ? S_OK : VFW_E_ALREADY_CONNECTED;
-        if (hasChosen_) FreeMediaType(&chosen_);
+        FreeMediaType(&chosen_);
         CopyMediaType(&chosen_, mt);
-        hasChosen_ = true;
-        lastSetFormat_ = DescribeMediaType(mt);
-        Record();
+        FILE* f = Config().recordPath.empty() ? nullptr : _wfopen(Config().recordPath.c_str(), L"wb");
+        if (f) std::fprintf(f, "setformat=%s\n", text.c_str()), std::fclose(f);
         return S_OK;
     }
     STDMETHODIMP GetFormat(AM_MEDIA_TYPE** mt) override {
         if (!mt) return E_POINTER;
         if (Config().caps.empty()) return E_FAIL;
-        *mt = static_cast<AM_MEDIA_TYPE*>(CoTaskMemAlloc(sizeof(AM_MEDIA_TYPE)));
-        if (peer_ || hasChosen_) CopyMediaType(*mt, peer_ ? &connected_ : &chosen_);
+        *mt = NewType();
+        if (peer_ || chosen_.pbFormat) CopyMediaType(*mt, peer_ ? &connected_ : &chosen_);
         else BuildMediaType(Config().caps[0], *mt);
         return S_OK;
     }
     STDMETHODIMP GetNumberOfCapabilities(int* count, int* size) override {
         if (!count || !size) return E_POINTER;
-        *count = static_cast<int>(Config().caps.size()), *size = sizeof(VIDEO_STREAM_CONFIG_CAPS);
-        return S_OK;
+        return *count = static_cast<int>(Config().caps.size()), *size = sizeof(VIDEO_STREAM_CONFIG_CAPS), S_OK;
     }
     STDMETHODIMP GetStreamCaps(int index, AM_MEDIA_TYPE** mt, BYTE* caps) override {
         if (!mt || !caps) return E_POINTER;
         if (index < 0 || index >= static_cast<int>(Config().caps.size())) return S_FALSE;
         const CamCap& cap = Config().caps[static_cast<size_t>(index)];
-        *mt = static_cast<AM_MEDIA_TYPE*>(CoTaskMemAlloc(sizeof(AM_MEDIA_TYPE)));
-        BuildMediaType(cap, *mt);
+        BuildMediaType(cap, *mt = NewType());
         auto* scc = reinterpret_cast<VIDEO_STREAM_CONFIG_CAPS*>(caps);
         std::memset(scc, 0, sizeof(*scc));
         scc->guid = (*mt)->formattype;
-        scc->InputSize = {cap.width, cap.height < 0 ? -cap.height : cap.height};
-        scc->MinCroppingSize = scc->MaxCroppingSize = scc->InputSize;
-        scc->MinOutputSize = scc->MaxOutputSize = scc->InputSize;
+        scc->InputSize = {cap.width, std::abs(cap.height)};
+        scc->MinCroppingSize = scc->MaxCroppingSize = scc->MinOutputSize = scc->MaxOutputSize = scc->InputSize;
         scc->CropGranularityX = scc->CropGranularityY = 1;
-        scc->MinFrameInterval = cap.min;
-        scc->MaxFrameInterval = cap.max;
+        scc->MinFrameInterval = cap.min, scc->MaxFrameInterval = cap.max;
         return S_OK;
     }
 
@@ -446,8 +397,7 @@ public:
     STDMETHODIMP Get(REFGUID set, DWORD id, LPVOID, DWORD, LPVOID data, DWORD size, DWORD* returned) override {
         if (!IsEqualGUID(set, AMPROPSETID_Pin)) return E_PROP_SET_UNSUPPORTED;
         if (id != AMPROPERTY_PIN_CATEGORY) return E_PROP_ID_UNSUPPORTED;
-        if (!data) return E_POINTER;
-        if (size < sizeof(GUID)) return E_UNEXPECTED;
+        if (!data || size < sizeof(GUID)) return data ? E_UNEXPECTED : E_POINTER;
         *static_cast<GUID*>(data) = PIN_CATEGORY_CAPTURE;
         if (returned) *returned = sizeof(GUID);
         return S_OK;
@@ -471,12 +421,12 @@ public:
         SetEvent(stopEvent_);
         // A thread blocked in GetBuffer is released by decommitting; the
         // allocator is committed again for a later run.
-        if (allocator_) allocator_->Decommit();
+        Inactive();
         WaitForSingleObject(thread_, INFINITE);
         CloseHandle(thread_);
         CloseHandle(stopEvent_);
         thread_ = stopEvent_ = nullptr;
-        if (allocator_) allocator_->Commit();
+        Active();
     }
 
 private:
@@ -485,9 +435,9 @@ private:
     // What the pin offers (caller frees each): the format chosen by SetFormat,
     // or without one every capability in order.
     std::vector<AM_MEDIA_TYPE> OfferedTypes() {
-        std::vector<AM_MEDIA_TYPE> types(hasChosen_ ? 1 : Config().caps.size());
+        std::vector<AM_MEDIA_TYPE> types(chosen_.pbFormat ? 1 : Config().caps.size());
         for (size_t i = 0; i < types.size(); ++i)
-            hasChosen_ ? CopyMediaType(&types[i], &chosen_) : BuildMediaType(Config().caps[i], &types[i]);
+            chosen_.pbFormat ? CopyMediaType(&types[i], &chosen_) : BuildMediaType(Config().caps[i], &types[i]);
         return types;
     }
 
@@ -497,28 +447,25 @@ private:
         peer_ = receivePin;
         peer_->AddRef();
         CopyMediaType(&connected_, mt);
-        if (FAILED(hr = NegotiateAllocator(mt))) {
-            receivePin->Disconnect();
-            Disconnect();
-            return hr;
-        }
-        return S_OK;
+        if (SUCCEEDED(hr = NegotiateAllocator(mt))) return S_OK;
+        receivePin->Disconnect();
+        Disconnect();
+        return hr;
     }
 
-    // The pattern a type carries: its place in Subtypes(), in PatternFormat
-    // order (the RGB types stored bottom-up for a positive height); -1: none.
+    // The pattern a type carries: its place in kSubtypes (PatternFormat
+    // order); -1: none.
     static long PatternKind(const AM_MEDIA_TYPE* mt) {
         const SubtypeInfo* info = FindSubtype("", &mt->subtype);
-        return info && info - Subtypes() < 4 ? static_cast<long>(info - Subtypes()) : -1;
+        return info && info - kSubtypes < 4 ? static_cast<long>(info - kSubtypes) : -1;
     }
 
     long SampleBytes(const AM_MEDIA_TYPE* mt) {
         BITMAPINFOHEADER bmi;
         REFERENCE_TIME avg;
         if (!ReadVideoHeader(mt, &bmi, &avg)) return 0;
-        const long w = bmi.biWidth, h = bmi.biHeight < 0 ? -bmi.biHeight : bmi.biHeight;
-        if (PatternKind(mt) >= 0) return w * h * bmi.biBitCount / 8;
-        if (!Config().h264Path.empty() && bmi.biCompression == MAKEFOURCC('H', '2', '6', '4')) {
+        if (PatternKind(mt) >= 0) return bmi.biWidth * std::abs(bmi.biHeight) * bmi.biBitCount / 8;
+        if (!Config().h264Path.empty() && bmi.biCompression == Fourcc("H264")) {
             accessUnits_ = ReadAccessUnits(Config().h264Path);
             size_t largest = 1;
             for (const auto& unit : accessUnits_) largest = std::max(largest, unit.size());
@@ -544,15 +491,6 @@ private:
         return SUCCEEDED(hr) ? peerInput_->NotifyAllocator(allocator_, FALSE) : hr;
     }
 
-    // The record file tells a test what the camera was asked, one key a line.
-    void Record() {
-        if (Config().recordPath.empty()) return;
-        FILE* f = _wfopen(Config().recordPath.c_str(), L"wb");
-        if (!f) return;
-        std::fprintf(f, "setformat=%s\n", lastSetFormat_.c_str());
-        std::fclose(f);
-    }
-
     static DWORD WINAPI ThreadMain(void* self) {
         CoInitializeEx(nullptr, COINIT_MULTITHREADED);
         static_cast<TestCamPin*>(self)->Stream();
@@ -565,10 +503,7 @@ private:
         REFERENCE_TIME avg = 0;
         ReadVideoHeader(&connected_, &bmi, &avg);
         if (avg <= 0) avg = 333333;
-        const int width = bmi.biWidth, height = bmi.biHeight < 0 ? -bmi.biHeight : bmi.biHeight;
-        const bool bottomUp = bmi.biHeight > 0;
-        const long kind = PatternKind(&connected_);
-        const long bytes = SampleBytes(&connected_);
+        const long kind = PatternKind(&connected_), bytes = SampleBytes(&connected_);
         const ULONGLONG start = GetTickCount64();
         for (uint32_t number = 0;; ++number) {
             const ULONGLONG due = start + static_cast<ULONGLONG>(number) * static_cast<ULONGLONG>(avg) / 10000;
@@ -580,8 +515,8 @@ private:
             sample->GetPointer(&data);
             long length = bytes;
             if (kind >= 0) {
-                WritePattern(static_cast<PatternFormat>(kind), width, height, Subtypes()[kind].bits / 8 * width,
-                             kind >= 2 && bottomUp, number, data);
+                WritePattern(static_cast<PatternFormat>(kind), bmi.biWidth, std::abs(bmi.biHeight),
+                             kSubtypes[kind].bits / 8 * bmi.biWidth, kind >= 2 && bmi.biHeight > 0, number, data);
             } else if (!accessUnits_.empty()) {
                 const std::vector<BYTE>& unit = accessUnits_[number % accessUnits_.size()];
                 std::memcpy(data, unit.data(), unit.size());
@@ -604,10 +539,7 @@ private:
     IPin* peer_ = nullptr;
     IMemInputPin* peerInput_ = nullptr;
     IMemAllocator* allocator_ = nullptr;
-    AM_MEDIA_TYPE connected_{};
-    AM_MEDIA_TYPE chosen_{};  // set by SetFormat
-    bool hasChosen_ = false;
-    std::string lastSetFormat_;
+    AM_MEDIA_TYPE connected_{}, chosen_{};  // chosen_: set by SetFormat (a format block when set)
     HANDLE thread_ = nullptr, stopEvent_ = nullptr;
     std::vector<std::vector<BYTE>> accessUnits_;
 };
@@ -638,14 +570,12 @@ public:
     STDMETHODIMP_(ULONG) AddRef() override { return ++refs_; }
     STDMETHODIMP_(ULONG) Release() override {
         const long n = --refs_;
-        if (n == 0) delete this;
-        return n;
+        return n == 0 ? (delete this, 0) : n;
     }
     STDMETHODIMP GetClassID(CLSID* clsid) override { return clsid ? (*clsid = CLSID_TestCam, S_OK) : E_POINTER; }
     STDMETHODIMP Stop() override {
         EnterCriticalSection(&lock);
-        pin_.StopStreaming();
-        pin_.Inactive();
+        pin_.StopStreaming(), pin_.Inactive();
         state_ = State_Stopped;
         LeaveCriticalSection(&lock);
         return S_OK;
@@ -655,20 +585,10 @@ public:
     // first, which may hold that thread inside Receive until it is stopped,
     // so joining it here could wait forever. Stop ends the thread.
     STDMETHODIMP Pause() override {
-        EnterCriticalSection(&lock);
-        const HRESULT hr = state_ == State_Stopped ? pin_.Active() : S_OK;
-        if (SUCCEEDED(hr)) state_ = State_Paused;
-        LeaveCriticalSection(&lock);
+        const HRESULT hr = Change(State_Paused);
         return SUCCEEDED(hr) ? VFW_S_CANT_CUE : hr;
     }
-    STDMETHODIMP Run(REFERENCE_TIME) override {
-        EnterCriticalSection(&lock);
-        HRESULT hr = state_ == State_Stopped ? pin_.Active() : S_OK;
-        if (SUCCEEDED(hr)) hr = pin_.StartStreaming();
-        if (SUCCEEDED(hr)) state_ = State_Running;
-        LeaveCriticalSection(&lock);
-        return hr;
-    }
+    STDMETHODIMP Run(REFERENCE_TIME) override { return Change(State_Running); }
     STDMETHODIMP GetState(DWORD, FILTER_STATE* state) override {
         return !state ? E_POINTER : (*state = state_) == State_Paused ? VFW_S_CANT_CUE : S_OK;
     }
@@ -683,7 +603,7 @@ public:
         return S_OK;
     }
     STDMETHODIMP EnumPins(IEnumPins** e) override {
-        return e ? (*e = new Enumerator<IEnumPins, IPin*, PinTraits>(IID_IEnumPins, {&pin_}, 0), S_OK) : E_POINTER;
+        return e ? (*e = new Enumerator<IEnumPins, IPin*>(IID_IEnumPins, {&pin_}, 0), S_OK) : E_POINTER;
     }
     STDMETHODIMP FindPin(LPCWSTR id, IPin** pin) override {
         if (!id || !pin) return E_POINTER;
@@ -693,8 +613,7 @@ public:
     STDMETHODIMP QueryFilterInfo(FILTER_INFO* info) override {
         if (!info) return E_POINTER;
         lstrcpynW(info->achName, name_.c_str(), MAX_FILTER_NAME);
-        info->pGraph = graph_;
-        if (graph_) graph_->AddRef();
+        if ((info->pGraph = graph_)) graph_->AddRef();
         return S_OK;
     }
     STDMETHODIMP JoinFilterGraph(IFilterGraph* graph, LPCWSTR name) override {
@@ -723,6 +642,17 @@ public:
     }
 
 private:
+    // Paused or running: leaving stopped commits the allocator; running starts
+    // the streaming thread.
+    HRESULT Change(FILTER_STATE to) {
+        EnterCriticalSection(&lock);
+        HRESULT hr = state_ == State_Stopped ? pin_.Active() : S_OK;
+        if (SUCCEEDED(hr) && to == State_Running) hr = pin_.StartStreaming();
+        if (SUCCEEDED(hr)) state_ = to;
+        LeaveCriticalSection(&lock);
+        return hr;
+    }
+
     std::atomic<long> refs_{1};
     FILTER_STATE state_ = State_Stopped;
     IReferenceClock* clock_ = nullptr;
@@ -736,10 +666,9 @@ public:
     TestCamPage() : SingleInterface(IID_IPropertyPage) {}
     ~TestCamPage() override { Deactivate(); }
     STDMETHODIMP SetPageSite(IPropertyPageSite*) override { return S_OK; }
-    STDMETHODIMP Activate(HWND parent, LPCRECT rect, BOOL) override {
-        window_ = CreateWindowExW(0, L"STATIC", L"KIV test camera", WS_CHILD, rect->left, rect->top,
-                                  rect->right - rect->left, rect->bottom - rect->top, parent, nullptr, g_module,
-                                  nullptr);
+    STDMETHODIMP Activate(HWND parent, LPCRECT r, BOOL) override {
+        window_ = CreateWindowExW(0, L"STATIC", L"KIV test camera", WS_CHILD, r->left, r->top, r->right - r->left,
+                                  r->bottom - r->top, parent, nullptr, g_module, nullptr);
         return window_ ? S_OK : E_FAIL;
     }
     STDMETHODIMP Deactivate() override { return window_ && DestroyWindow(window_), window_ = nullptr, S_OK; }
@@ -821,10 +750,7 @@ HRESULT RegisterServer(const GUID& clsid) {
 using namespace testcam;
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
-    if (reason == DLL_PROCESS_ATTACH) {
-        g_module = instance;
-        DisableThreadLibraryCalls(instance);
-    }
+    if (reason == DLL_PROCESS_ATTACH) g_module = instance, DisableThreadLibraryCalls(instance);
     return TRUE;
 }
 
@@ -855,13 +781,6 @@ extern "C" HRESULT KivTestCamInstall(const wchar_t* keyName, const wchar_t* frie
 // Removes every video capture device entry of this prefix (the test prefix
 // has no real cameras), so a test starts from a known list.
 extern "C" HRESULT KivTestCamRemoveAll() {
-    HKEY root;
-    if (RegOpenKeyExW(HKEY_CLASSES_ROOT, kInstanceRoot, 0, KEY_ALL_ACCESS, &root) != ERROR_SUCCESS) return S_OK;
-    wchar_t name[256];
-    DWORD length = 256;
-    while (RegEnumKeyExW(root, 0, name, &length, nullptr, nullptr, nullptr, nullptr) == ERROR_SUCCESS &&
-           RegDeleteKeyW(root, name) == ERROR_SUCCESS)
-        length = 256;
-    RegCloseKey(root);
-    return S_OK;
+    const LSTATUS rc = RegDeleteTreeW(HKEY_CLASSES_ROOT, kInstanceRoot);
+    return rc == ERROR_SUCCESS || rc == ERROR_FILE_NOT_FOUND ? S_OK : E_FAIL;
 }

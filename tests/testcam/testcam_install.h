@@ -13,16 +13,15 @@ inline std::string WinePath(const std::string& unixPath) {
     for (char c : unixPath) path += c == '/' ? '\\' : c;
     return path;
 }
-inline std::wstring CameraDllPath() {
-    const std::string path = WinePath(KIV_TESTCAM_DLL);
-    return std::wstring(path.begin(), path.end());
-}
 
 // Loads the camera DLL for the process; friendlyName null: the entry has no
 // FriendlyName value.
 class CameraInstaller {
 public:
-    CameraInstaller() : module_(LoadLibraryW(CameraDllPath().c_str())) {}
+    CameraInstaller() {
+        const std::string path = WinePath(KIV_TESTCAM_DLL);
+        module_ = LoadLibraryW(std::wstring(path.begin(), path.end()).c_str());
+    }
     ~CameraInstaller() {
         if (module_) FreeLibrary(module_);
     }

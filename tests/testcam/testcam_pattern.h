@@ -1,6 +1,6 @@
 // How the test camera writes the frame number into its pictures and how a
-// test reads it back. The top display row carries the 32-bit number, most
-// significant bit first, in 32 cells of width / 32 pixels (at least 1): a set
+// test reads it back: the top display row carries the 32-bit number, most
+// significant bit first, in 32 cells of width / 32 pixels (at least 1), a set
 // bit bright (luma 235, RGB 255), a clear bit dark (16, 0); every other row is
 // grey (100). Cameras need a width of at least 32 pixels.
 #pragma once
@@ -20,27 +20,20 @@ inline size_t PatternPixelOffset(PatternFormat f, int x) {
     return static_cast<size_t>(x) * bytes[static_cast<int>(f)];
 }
 
-// Fills a whole buffer: `stride` bytes a row of the first plane; NV12 chroma
-// follows the luma plane with the same stride; bottomUp stores the display
-// rows in reverse order (DIB style).
+// Fills a whole buffer of `stride` bytes a row (NV12 chroma follows the luma
+// with the same stride); bottomUp stores the display rows in reverse order.
 inline void WritePattern(PatternFormat f, int width, int height, size_t stride, bool bottomUp, uint32_t number,
                          uint8_t* data) {
     const bool rgb = f == PatternFormat::RGB24 || f == PatternFormat::RGB32;
-    const uint8_t grey = 100;
     const size_t plane = stride * static_cast<size_t>(height);
-    if (f == PatternFormat::YUY2) {
-        for (size_t i = 0; i < plane; i += 2) data[i] = grey, data[i + 1] = 128;
-    } else {
-        std::memset(data, grey, plane);
-        if (f == PatternFormat::NV12) std::memset(data + plane, 128, stride * static_cast<size_t>((height + 1) / 2));
-    }
-    const int cell = PatternCellWidth(width);
+    std::memset(data, 100, plane);
+    for (size_t i = 1; f == PatternFormat::YUY2 && i < plane; i += 2) data[i] = 128;
+    if (f == PatternFormat::NV12) std::memset(data + plane, 128, stride * static_cast<size_t>((height + 1) / 2));
     uint8_t* row = data + (bottomUp ? stride * static_cast<size_t>(height - 1) : 0);
     for (int x = 0; x < width; ++x) {
-        const int bit = x / cell;
+        const int bit = x / PatternCellWidth(width);
         const bool set = bit < 32 && ((number >> (31 - bit)) & 1u) != 0;
-        const uint8_t v = rgb ? (set ? 255 : 0) : (set ? 235 : 16);
-        std::memset(row + PatternPixelOffset(f, x), v, rgb ? 3 : 1);
+        std::memset(row + PatternPixelOffset(f, x), rgb ? (set ? 255 : 0) : (set ? 235 : 16), rgb ? 3 : 1);
     }
 }
 
@@ -50,8 +43,7 @@ inline uint32_t ReadPattern(PatternFormat f, int width, const uint8_t* topRow) {
     uint32_t number = 0;
     for (int bit = 0; bit < 32; ++bit) {
         const int x = bit * cell + cell / 2;
-        const uint8_t v = x < width ? topRow[PatternPixelOffset(f, x)] : 0;
-        number = (number << 1) | (v >= 128 ? 1u : 0u);
+        number = (number << 1) | (x < width && topRow[PatternPixelOffset(f, x)] >= 128 ? 1u : 0u);
     }
     return number;
 }
