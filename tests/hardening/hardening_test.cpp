@@ -1,8 +1,10 @@
-// What comes from outside never throws across the interface or reads past a buffer: short strides (over
-// exact buffers, for the address sanitizer), unusable files, absurd sizes, unwritable recorder paths, and
-// splits with tiny limits, whose every segment must still be a whole MP4 file.
+// What comes from outside never throws across the interface or reads past a buffer: short strides (over exact
+// buffers, for the address sanitizer), unusable files, absurd sizes, unwritable recorder paths, and splits with
+// tiny limits, whose every segment must still be a whole MP4 file. ConcurrentDelivery: several threads deliver
+// into one chain at once, as cameras on their own dispatch threads feeding one crop would (its own program).
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <climits>
 #include <cstring>
@@ -10,7 +12,6 @@
 #include <fstream>
 #include <thread>
 
-#include "hardening_util.h"
 #include "record/kiv_recorder.h"
 #include "record/video_encoder.h"
 #include "stream_test_util.h"
@@ -20,24 +21,109 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// An encoder that opens whatever it is asked and counts the pictures it
-// gets, so the recorder converts frames in every build.
-class CountingEncoder : public kiv::VideoEncoder {
-public:
-    explicit CountingEncoder(std::atomic<int>* writes) : writes_(writes) {}
-    kiv::EncoderOpenReport Open(const kiv::VideoEncoderSettings&) override { return open_ = true, kiv::EncoderOpenReport{}; }
-    bool IsOpen() const override { return open_; }
-    uint32_t WriteVideo(const uint8_t*, size_t, int64_t, int64_t) override { return (*writes_)++, 0; }
-    uint32_t WriteAudio(const uint8_t*, size_t, int64_t, int64_t) override { return 0; }
-    kiv::EncoderFinalizeReport Finalize() override { return open_ = false, kiv::EncoderFinalizeReport{}; }
-
-private:
-    std::atomic<int>* writes_;
-    bool open_ = false;
+// source -> crop (from (4, 2) to the edges) -> colour engine (a table swapping red and blue and darkening green,
+// at 0.75, YUY2 out) -> overlay (a rectangle outline), whose composited output feeds the mux `tap`.
+struct Chain {
+    void *source = KIV_CreateVideoFrameSource(), *crop = KIV_CreateVideoCrop(), *color = KIV_CreateVideoColorEngine(),
+         *osd = KIV_CreateVideoOsd(), *tap = KIV_CreateVideoMux();
+    std::string dir;
+    explicit Chain(const char* name) : dir(kivtest::TempDir(name)) {
+        std::string cube = "LUT_3D_SIZE 2\n";
+        for (int i = 0; i < 8; ++i) cube += std::to_string(i >> 2) + (i & 2 ? " 0.5 " : " 0 ") + std::to_string(i & 1) + "\n";
+        EXPECT_TRUE(kivtest::WriteFile(dir + "/swap.cube", cube));
+        const KivVideoCropRect rect{4, 2, 0, 0};
+        const KivVideoColorEngineConfig config{0, 1, KIV_PIXEL_FORMAT_YUY2, 1, 1, 0.75f};
+        KivVideoOsdItem box{};
+        box.visible = 1, box.x = 3, box.y = 3, box.width = 20, box.height = 12, box.size = 2, box.opacity = 0.6f, box.color = 0xFFFF2040;
+        EXPECT_EQ(std::vector<int>({KIV_SetVideoCropRect(crop, &rect), KIV_EnableVideoCrop(crop, 1),
+                                    KIV_LoadVideoColorEngineCubeFile(color, kivtest::Wide(dir + "/swap.cube").c_str()),
+                                    KIV_SetVideoColorEngineConfig(color, &config), KIV_ConnectVideoOsdOutput(osd, 1, tap)}),
+                  std::vector<int>(5, KIV_OK));
+        EXPECT_GT(KIV_AddVideoOsdRect(osd, &box), KIV_ERROR_FAILED);
+        for (auto link : Links()) EXPECT_EQ(KIV_Connect(link.first, link.second), KIV_OK);
+    }
+    std::vector<std::pair<void*, void*>> Links() const { return {{source, crop}, {crop, color}, {color, osd}}; }
+    ~Chain() {
+        for (auto link : Links()) KIV_Disconnect(link.first, link.second);
+        KIV_Disconnect(osd, tap);
+        for (void* port : {source, crop, color, osd, tap}) EXPECT_EQ(KIV_DestroyPort(port), KIV_OK);
+    }
 };
 
-// A recorder fed by its own frame source; Push waits (five seconds at most)
-// until the worker took the frame, so the queue never drops one.
+// Thread t's picture: its own size and a gradient of its own.
+kivtest::OwnedFrame Picture(int t) {
+    kivtest::OwnedFrame f(KIV_PIXEL_FORMAT_RGB32, 40 + 6 * t, 24 + 2 * t);
+    for (size_t i = 0; i < f.bytes.size(); ++i) f.bytes[i] = uint8_t(t * 41 + i * 3 + (i / 160) * 5);
+    f.frame.timestamp = t;
+    return f;
+}
+
+// Every composited frame must be wholly one thread's picture, byte for byte what that thread's frame gives alone.
+struct Tap {
+    void *crop, *color;
+    std::vector<kivtest::CaughtFrame> expected;  // read-only while threads run
+    std::atomic<int> good{0}, bad{0};
+    static void KIV_CALL Check(const KivVideoFrame* f, void* user) {
+        auto* tap = static_cast<Tap*>(user);
+        // Settings calls from inside the delivery deadlock if a port holds its lock while downstream ports and callbacks run.
+        KivVideoColorEngineConfig config{};
+        KIV_GetVideoColorEngineConfig(tap->color, &config);
+        KIV_EnableVideoCrop(tap->crop, 1);
+        const size_t t = size_t(f->timestamp);
+        const kivtest::CaughtFrame* e = t < tap->expected.size() ? &tap->expected[t] : nullptr;
+        const bool same = e && f->width == e->meta.width && f->height == e->meta.height && f->format == e->meta.format &&
+                          f->strides[0] == e->meta.strides[0] && std::memcmp(f->planes[0], e->plane0.data(), e->plane0.size()) == 0;
+        (same ? tap->good : tap->bad)++;
+    }
+};
+
+TEST(ConcurrentDelivery, EveryFrameIsOneThreadsPictureThroughCropColourAndOverlay) {
+    constexpr int kThreads = 6, kFramesPerThread = 40;
+    kivtest::LibraryScope library;
+    Chain chain("hardening_concurrency");
+    void* recorder = KIV_CreateRecorder((chain.dir + "/out.mp4").c_str());  // copies on the delivering thread too
+    ASSERT_EQ(KIV_Connect(chain.crop, recorder), KIV_OK);
+    ASSERT_EQ(KIV_Start(recorder), KIV_OK);
+    Tap tap{chain.crop, chain.color, {}};
+    {
+        kivtest::FrameCatcher alone(chain.tap);
+        for (int t = 0; t < kThreads; ++t) {
+            const kivtest::OwnedFrame picture = Picture(t);
+            ASSERT_EQ(KIV_PushVideoFrame(chain.source, &picture.frame), KIV_OK);
+        }
+        tap.expected = alone.frames;
+    }
+    ASSERT_EQ(tap.expected.size(), size_t(kThreads));
+    EXPECT_NE(tap.expected[0].plane0, tap.expected[1].plane0);  // different after processing too
+    EXPECT_EQ(tap.expected[0].meta.format, KIV_PIXEL_FORMAT_YUY2);
+    ASSERT_EQ(KIV_SetVideoFrameCallback(chain.tap, Tap::Check, &tap), KIV_OK);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([&, t] {
+            kivtest::OwnedFrame mine = Picture(t);  // a private copy, as a camera delivers its own buffers
+            for (int i = 0; i < kFramesPerThread; ++i) KIV_PushVideoFrame(chain.source, &mine.frame);
+        });
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(tap.bad.load(), 0);
+    EXPECT_EQ(tap.good.load(), kThreads * kFramesPerThread);
+    EXPECT_EQ(KIV_Stop(recorder), KIV_OK);
+    KIV_Disconnect(chain.crop, recorder);
+    EXPECT_EQ(KIV_DestroyPort(recorder), KIV_OK);
+}
+
+// Opens whatever it is asked and counts the pictures it gets, so the recorder converts frames in every build.
+struct CountingEncoder : kiv::VideoEncoder {
+    explicit CountingEncoder(std::atomic<int>* writes) : writes(writes) {}
+    kiv::EncoderOpenReport Open(const kiv::VideoEncoderSettings&) override { return open = true, kiv::EncoderOpenReport{}; }
+    bool IsOpen() const override { return open; }
+    uint32_t WriteVideo(const uint8_t*, size_t, int64_t, int64_t) override { return (*writes)++, 0; }
+    uint32_t WriteAudio(const uint8_t*, size_t, int64_t, int64_t) override { return 0; }
+    kiv::EncoderFinalizeReport Finalize() override { return open = false, kiv::EncoderFinalizeReport{}; }
+    std::atomic<int>* writes;
+    bool open = false;
+};
+
+// A recorder fed by its own frame source; Push waits (five seconds at most) until the worker took the frame.
 struct Recording {
     std::atomic<int> writes{0};
     void* source = KIV_CreateVideoFrameSource();
@@ -49,11 +135,6 @@ struct Recording {
         EXPECT_EQ(KIV_Connect(source, recorder), KIV_OK);
         EXPECT_EQ(KIV_Start(recorder), KIV_OK);
     }
-    KivRecorderStats Push(const KivVideoFrame& f) {
-        const int64_t before = Stats().inputFrames;
-        EXPECT_EQ(KIV_PushVideoFrame(source, &f), KIV_OK);
-        return Wait(before + 1);
-    }
     KivRecorderStats Stats() {
         KivRecorderStats stats{};
         KIV_GetRecorderStats(recorder, &stats);
@@ -63,22 +144,25 @@ struct Recording {
         for (int i = 0; i < 5000 && Stats().inputFrames < frames; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
         return Stats();
     }
+    void Push(const std::vector<uint8_t>& unit, int64_t timestamp) {  // one H.264 access unit, 16 x 16
+        const int64_t before = Stats().inputFrames;
+        KivVideoFrame f = kivtest::FrameOver(KIV_PIXEL_FORMAT_H264, 16, 16, unit.data(), int32_t(unit.size()));
+        f.timestamp = timestamp;
+        EXPECT_EQ(KIV_PushVideoFrame(source, &f), KIV_OK);
+        Wait(before + 1);
+    }
     ~Recording() {
         EXPECT_EQ(KIV_Stop(recorder), KIV_OK);
         KIV_Disconnect(source, recorder);
-        EXPECT_EQ(KIV_DestroyPort(recorder), KIV_OK);
-        EXPECT_EQ(KIV_DestroyPort(source), KIV_OK);
+        EXPECT_EQ(std::make_pair(KIV_DestroyPort(recorder), KIV_DestroyPort(source)), std::make_pair(KIV_OK, KIV_OK));
     }
 };
 
-// One coded 16x16 picture: an IDR slice of a single PCM macroblock (grey
-// `shade`), with SPS and PPS in front when asked; every unit decodes alone.
+// One coded 16x16 picture: an IDR slice of a single PCM macroblock (grey `shade`), with SPS and PPS in front when
+// asked (baseline, level 1.0, POC type 2); every unit decodes alone.
 std::vector<uint8_t> IdrAccessUnit(int idrId, bool withParameterSets, uint8_t shade = 0x80) {
     std::vector<streamtest::Bytes> nals;
-    if (withParameterSets) {  // baseline, level 1.0, one macroblock, POC type 2; CAVLC with deblocking control
-        nals.push_back(streamtest::Nal(0x67, {0x42, 0x00, 0x0A, 0xDA, 0x79}));
-        nals.push_back(streamtest::Nal(0x68, {0xCE, 0x3C, 0x80}));
-    }
+    if (withParameterSets) nals = {streamtest::Nal(0x67, {0x42, 0x00, 0x0A, 0xDA, 0x79}), streamtest::Nal(0x68, {0xCE, 0x3C, 0x80})};
     // I slice header (idr_pic_id 0 or 1, deblocking off), mb_type I_PCM, zero bits to the byte-aligned samples.
     streamtest::Bytes slice = idrId % 2 ? streamtest::Bytes{0x88, 0x82, 0x28, 0x34} : streamtest::Bytes{0x88, 0x84, 0xA0, 0xD0};
     slice.insert(slice.end(), 256, shade);
@@ -88,13 +172,7 @@ std::vector<uint8_t> IdrAccessUnit(int idrId, bool withParameterSets, uint8_t sh
     return streamtest::AnnexB(nals);
 }
 
-KivVideoFrame H264Frame(const std::vector<uint8_t>& unit, int64_t timestamp) {
-    KivVideoFrame f = kivtest::FrameOver(KIV_PIXEL_FORMAT_H264, 16, 16, unit.data(), int32_t(unit.size()));
-    f.timestamp = timestamp;
-    return f;
-}
-
-// Counts the frames a port hands to its callback and keeps the last one's first plane.
+// Counts the frames a port hands to its callback and keeps the last one's first plane (without reading it).
 struct PlaneWatch {
     std::atomic<int> count{0};
     std::atomic<const uint8_t*> plane0{nullptr};
@@ -104,67 +182,60 @@ struct PlaneWatch {
     }
 };
 
-// A frame over heap buffers of exactly |stride0| x height bytes (NV12: and
-// |stride1| x (height + 1) / 2); a negative stride0 runs up from the last row.
+// A frame over heap buffers of exactly |stride0| x height bytes (NV12: and |stride1| x (height + 1) / 2); a
+// negative stride0 runs up from the last row.
 struct ExactFrame {
-    std::unique_ptr<uint8_t[]> plane0, plane1;
+    std::unique_ptr<uint8_t[]> planes[2];
     KivVideoFrame frame{};
     ExactFrame(int32_t format, int32_t width, int32_t height, int32_t stride0, int32_t stride1) {
-        const size_t bytes0 = size_t(std::abs(stride0)) * height, bytes1 = size_t(std::abs(stride1)) * ((height + 1) / 2);
-        plane0.reset(new uint8_t[bytes0 ? bytes0 : 1]);  // exact, for the address sanitizer
-        for (size_t i = 0; i < bytes0; ++i) plane0[i] = uint8_t(i * 7);
-        frame = kivtest::FrameOver(format, width, height, plane0.get() + (stride0 < 0 ? bytes0 + stride0 : 0), stride0);
-        if (format != KIV_PIXEL_FORMAT_NV12) return;
-        plane1.reset(new uint8_t[bytes1 ? bytes1 : 1]);
-        for (size_t i = 0; i < bytes1; ++i) plane1[i] = uint8_t(128 + i);
-        frame.planes[1] = plane1.get();
-        frame.strides[1] = stride1;
+        const size_t bytes[2] = {size_t(std::abs(stride0)) * height, size_t(std::abs(stride1)) * ((height + 1) / 2)};
+        for (int p = 0; p < 2; ++p) {
+            planes[p].reset(new uint8_t[bytes[p] ? bytes[p] : 1]);  // exact, for the address sanitizer
+            for (size_t i = 0; i < bytes[p]; ++i) planes[p][i] = uint8_t(p * 128 + i * (7 - p * 6));
+        }
+        frame = kivtest::FrameOver(format, width, height, planes[0].get() + (stride0 < 0 ? bytes[0] + stride0 : 0), stride0);
+        if (format == KIV_PIXEL_FORMAT_NV12) frame.planes[1] = planes[1].get(), frame.strides[1] = stride1;
     }
 };
 
-const struct StrideCase {
-    const char* what;
-    int32_t format, width, height, stride0, stride1;
-    bool fits;
-} kStrides[] = {
-    {"RGB32 stride 64 for 256-byte rows", KIV_PIXEL_FORMAT_RGB32, 64, 6, 64, 0, false},
-    {"RGB32 stride -255", KIV_PIXEL_FORMAT_RGB32, 64, 6, -255, 0, false},
-    {"RGB32 exact", KIV_PIXEL_FORMAT_RGB32, 64, 6, 256, 0, true},
-    {"RGB24 odd width one byte short", KIV_PIXEL_FORMAT_RGB24, 15, 5, 44, 0, false},
-    {"RGB24 odd width exact", KIV_PIXEL_FORMAT_RGB24, 15, 5, 45, 0, true},
-    {"YUY2 one byte short", KIV_PIXEL_FORMAT_YUY2, 16, 6, 31, 0, false},
-    {"YUY2 exact", KIV_PIXEL_FORMAT_YUY2, 16, 6, 32, 0, true},
-    {"NV12 luma short", KIV_PIXEL_FORMAT_NV12, 16, 6, 8, 16, false},
-    {"NV12 chroma short", KIV_PIXEL_FORMAT_NV12, 16, 6, 16, 15, false},
-    {"NV12 exact", KIV_PIXEL_FORMAT_NV12, 16, 6, 16, 16, true},
-};
-
-}  // namespace
-
 TEST(ShortStrides, ProcessingPortsPassThemOnUntouchedAndTheRecorderEncodesOnlyFittingFrames) {
+    const struct {
+        const char* what;
+        int32_t format, width, height, stride0, stride1;
+        bool fits;
+    } strides[] = {
+        {"RGB32 stride 64 for 256-byte rows", KIV_PIXEL_FORMAT_RGB32, 64, 6, 64, 0, false},
+        {"RGB32 stride -255", KIV_PIXEL_FORMAT_RGB32, 64, 6, -255, 0, false},
+        {"RGB32 exact", KIV_PIXEL_FORMAT_RGB32, 64, 6, 256, 0, true},
+        {"RGB24 odd width one byte short", KIV_PIXEL_FORMAT_RGB24, 15, 5, 44, 0, false},
+        {"RGB24 odd width exact", KIV_PIXEL_FORMAT_RGB24, 15, 5, 45, 0, true},
+        {"YUY2 one byte short", KIV_PIXEL_FORMAT_YUY2, 16, 6, 31, 0, false},
+        {"YUY2 exact", KIV_PIXEL_FORMAT_YUY2, 16, 6, 32, 0, true},
+        {"NV12 luma short", KIV_PIXEL_FORMAT_NV12, 16, 6, 8, 16, false},
+        {"NV12 chroma short", KIV_PIXEL_FORMAT_NV12, 16, 6, 16, 15, false},
+        {"NV12 exact", KIV_PIXEL_FORMAT_NV12, 16, 6, 16, 16, true},
+    };
     kivtest::LibraryScope library;
-    const std::string dir = kivtest::TempDir("hardening_strides");
-    hardening::Chain chain(hardening::WriteSwapCube(dir));
-    // Each port alone behind the source, its output watched (the overlay's through the chain's mux).
+    Chain chain("hardening_strides");
     for (auto link : chain.Links()) KIV_Disconnect(link.first, link.second);
+    // Each port alone behind the source, its output watched (the overlay's through the chain's mux).
     for (auto p : {std::make_pair(chain.crop, chain.crop), {chain.color, chain.color}, {chain.osd, chain.tap}}) {
         ASSERT_EQ(KIV_Connect(chain.source, p.first), KIV_OK);
         PlaneWatch last;
         ASSERT_EQ(KIV_SetVideoFrameCallback(p.second, PlaneWatch::OnFrame, &last), KIV_OK);
-        for (const StrideCase& c : kStrides) {
+        for (const auto& c : strides) {
             ExactFrame in(c.format, c.width, c.height, c.stride0, c.stride1);
             ASSERT_EQ(KIV_PushVideoFrame(chain.source, &in.frame), KIV_OK) << c.what;
             ASSERT_EQ(last.count.exchange(0), 1) << c.what;
             // The overlay copies a YUY2 or NV12 row as far as its stride goes and pads the rest.
-            const bool osdPads = p.first == chain.osd && c.stride0 > 0 && c.stride1 >= 0 &&
-                                 (c.format == KIV_PIXEL_FORMAT_YUY2 || c.format == KIV_PIXEL_FORMAT_NV12);
+            const bool osdPads = p.first == chain.osd && c.stride0 > 0 && (c.format == KIV_PIXEL_FORMAT_YUY2 || c.format == KIV_PIXEL_FORMAT_NV12);
             EXPECT_EQ(last.plane0 != in.frame.planes[0], c.fits || osdPads) << c.what;
         }
         ASSERT_EQ(KIV_SetVideoFrameCallback(p.second, nullptr, nullptr), KIV_OK);
         KIV_Disconnect(chain.source, p.first);
     }
-    for (const StrideCase& c : kStrides) {
-        Recording rec(dir + "/out.mp4", true);
+    for (const auto& c : strides) {
+        Recording rec(chain.dir + "/out.mp4", true);
         {
             ExactFrame in(c.format, c.width, c.height, c.stride0, c.stride1);
             ASSERT_EQ(KIV_PushVideoFrame(rec.source, &in.frame), KIV_OK) << c.what;
@@ -177,10 +248,10 @@ TEST(ShortStrides, ProcessingPortsPassThemOnUntouchedAndTheRecorderEncodesOnlyFi
 
 TEST(BadInput, FilesTheLibraryCannotUseAreRefusedOrSkipped) {
     kivtest::LibraryScope library;
-    const std::string dir = kivtest::TempDir("hardening_files");
-    hardening::Chain chain(hardening::WriteSwapCube(dir));
+    Chain chain("hardening_files");
+    const std::string& dir = chain.dir;
     kivtest::WriteFile(dir + "/empty.cube", "");
-    { std::ofstream(dir + "/huge.cube").put('\n'); }
+    std::ofstream(dir + "/huge.cube").put('\n');
     std::error_code ec;
     fs::resize_file(dir + "/huge.cube", uintmax_t{300} << 20, ec);  // sparse: 300 MiB claimed, nothing written
     std::vector<std::pair<const char*, std::string>> paths = {
@@ -196,8 +267,7 @@ TEST(BadInput, FilesTheLibraryCannotUseAreRefusedOrSkipped) {
     for (const auto& bad : paths) {
         const auto wide = kivtest::Wide(bad.second);
         EXPECT_EQ(KIV_LoadVideoColorEngineCubeFile(chain.color, wide.c_str()), KIV_ERROR_FAILED) << bad.first;
-        // An overlay picture that cannot be loaded draws nothing; the frame goes on.
-        KivVideoOsdItem picture{};
+        KivVideoOsdItem picture{};  // an overlay picture that cannot be loaded draws nothing; the frame goes on
         picture.visible = 1, picture.opacity = 1.0f;
         std::memcpy(picture.imagePath, wide.data(), std::min(wide.size(), size_t{259}) * sizeof(KivWChar));
         EXPECT_GE(KIV_SetVideoOsdImage(chain.osd, &picture), 0) << bad.first;
@@ -207,29 +277,24 @@ TEST(BadInput, FilesTheLibraryCannotUseAreRefusedOrSkipped) {
     }
     KIV_SetVideoFrameCallback(chain.color, nullptr, nullptr);
     KIV_SetVideoFrameCallback(chain.tap, nullptr, nullptr);
-
     kivtest::WriteFile(dir + "/file", "x");
     for (const std::string& path : {dir, dir + "/file/out.mp4", dir + "/no/such/out.mp4"}) {
         Recording rec(path);
-        const std::vector<uint8_t> idr = IdrAccessUnit(0, true);
-        for (int i = 0; i < 3; ++i) rec.Push(H264Frame(idr, 1 + i * 333333));
-        EXPECT_EQ(rec.Stats().inputFrames, 3) << path;
-        EXPECT_EQ(rec.Stats().encodedFrames, 0) << path;
+        for (int i = 0; i < 3; ++i) rec.Push(IdrAccessUnit(0, true), 1 + i * 333333);
+        EXPECT_EQ(std::make_pair(rec.Stats().inputFrames, rec.Stats().encodedFrames), std::make_pair(int64_t(3), int64_t(0))) << path;
     }
     size_t files = 0;
     for (const auto& entry : fs::recursive_directory_iterator(dir)) files += entry.is_regular_file();
     EXPECT_EQ(files, 4u) << "only the test's own files";
 }
 
-// Sizes no real picture has, over a small buffer: a port believing them would
-// allocate gigabytes or read far past the buffer.
+// Sizes no real picture has, over a small buffer: a port believing them would allocate gigabytes or read far past it.
 TEST(BadInput, AbsurdSizesPassProcessingAndAreNotRecorded) {
     kivtest::LibraryScope library;
-    const std::string dir = kivtest::TempDir("hardening_sizes");
-    hardening::Chain chain(hardening::WriteSwapCube(dir));
+    Chain chain("hardening_sizes");
     KivRecorderConfig config{};
     config.width = config.height = 100000;  // would need a 15 GB picture
-    Recording rec(dir + "/out.mp4", true, &config);
+    Recording rec(chain.dir + "/out.mp4", true, &config);
     ASSERT_EQ(KIV_Connect(chain.source, rec.recorder), KIV_OK);
     PlaneWatch composited;
     ASSERT_EQ(KIV_SetVideoFrameCallback(chain.tap, PlaneWatch::OnFrame, &composited), KIV_OK);
@@ -247,11 +312,12 @@ TEST(BadInput, AbsurdSizesPassProcessingAndAreNotRecorded) {
     for (const auto& s : sizes) {
         KivVideoFrame f = kivtest::FrameOver(s.format, s.width, s.height, small.data(), s.stride0);
         EXPECT_EQ(KIV_PushVideoFrame(chain.source, &f), KIV_OK) << s.what;
-        EXPECT_EQ(composited.count.exchange(0), s.format == KIV_PIXEL_FORMAT_H264 ? 0 : 1) << s.what;
-        EXPECT_TRUE(s.format == KIV_PIXEL_FORMAT_H264 || composited.plane0 == small.data()) << s.what << " passed untouched";
+        const bool h264 = s.format == KIV_PIXEL_FORMAT_H264;
+        EXPECT_EQ(composited.count.exchange(0), h264 ? 0 : 1) << s.what;
+        EXPECT_TRUE(h264 || composited.plane0 == small.data()) << s.what << " passed untouched";
     }
-    // The recorder refused every copy; an ordinary frame reaches its worker,
-    // which cannot make the configured picture and writes nothing.
+    // The recorder refused every copy; an ordinary frame reaches its worker, which cannot make the configured
+    // picture and writes nothing.
     kivtest::OwnedFrame ordinary(KIV_PIXEL_FORMAT_RGB32, 32, 16, 90);
     ASSERT_EQ(KIV_PushVideoFrame(chain.source, &ordinary.frame), KIV_OK);
     EXPECT_EQ(rec.Wait(1).inputFrames, 1);
@@ -282,7 +348,7 @@ TEST(Split, EverySegmentIsACompleteFile) {
         config.audio = c.audio, config.split = c.split, config.maxBytesLow = c.maxBytes, config.seconds = c.seconds;
         {
             Recording rec(dir + "/seg.mp4", false, &config);
-            for (int i = 0; i < c.frames; ++i) rec.Push(H264Frame(IdrAccessUnit(i, i == 0, uint8_t(40 + i * 4)), 1000 + i * 333333LL));
+            for (int i = 0; i < c.frames; ++i) rec.Push(IdrAccessUnit(i, i == 0, uint8_t(40 + i * 4)), 1000 + i * 333333LL);
             ASSERT_EQ(KIV_Stop(rec.recorder), KIV_OK);
             EXPECT_EQ(rec.Stats().encodedFrames, c.frames) << c.what;
         }
@@ -302,3 +368,5 @@ TEST(Split, EverySegmentIsACompleteFile) {
         EXPECT_EQ(framesInFiles, c.frames) << c.what;
     }
 }
+
+}  // namespace

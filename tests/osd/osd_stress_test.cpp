@@ -1,5 +1,5 @@
-// Item commands and output changes racing a producer thread. Run under the
-// thread sanitizer this checks that drawing works on snapshots only.
+// Item commands and output changes racing a producer thread. Run under the thread sanitizer this checks that
+// drawing works on snapshots only.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -12,8 +12,7 @@
 namespace {
 
 void KIV_CALL CountFrame(const KivVideoFrame* frame, void* count) {
-    // Touch the pixels so a canvas overwritten under our feet would show.
-    volatile uint8_t pixel = frame->planes[0][0];
+    volatile uint8_t pixel = frame->planes[0][0];  // touched, so a canvas overwritten under our feet would show
     (void)pixel;
     ++*static_cast<std::atomic<int>*>(count);
 }
@@ -27,21 +26,13 @@ TEST(OsdStress, CommandsRaceFrames) {
     KIV_SetVideoFrameCallback(out, CountFrame, &frames);
     ASSERT_EQ(KIV_Connect(source, osd), KIV_OK);
     ASSERT_EQ(KIV_ConnectVideoOsdOutput(osd, 1, out), KIV_OK);
-
     std::atomic<bool> stop{false};
     std::atomic<int> pushed{0};
     std::thread producer([&] {
-        kivtest::OwnedFrame frame(KIV_PIXEL_FORMAT_NV12, 64, 48, 60);
-        while (!stop) {
-            KIV_PushVideoFrame(source, &frame.frame);
-            pushed++;
-        }
+        for (kivtest::OwnedFrame frame(KIV_PIXEL_FORMAT_NV12, 64, 48, 60); !stop; pushed++) KIV_PushVideoFrame(source, &frame.frame);
     });
     std::thread outputs([&] {
-        while (!stop) {
-            KIV_Disconnect(osd, out);
-            KIV_ConnectVideoOsdOutput(osd, 1, out);
-        }
+        while (!stop) KIV_Disconnect(osd, out), KIV_ConnectVideoOsdOutput(osd, 1, out);
     });
 
     KivVideoOsdItem item = osdtest::Item(4, 4, 20, 10);
@@ -49,9 +40,7 @@ TEST(OsdStress, CommandsRaceFrames) {
     const auto text = kivtest::Wide("y");
     // Threads may start late (Wine): keep commanding until frames have flowed.
     for (int i = 0; i < 2000 || pushed < 200; ++i) {
-        item.id = 1 + i % 5;
-        item.layer = i % 3;
-        item.visible = i % 4 != 0;
+        item.id = 1 + i % 5, item.layer = i % 3, item.visible = i % 4 != 0;
         KIV_AddVideoOsdRect(osd, &item);
         KIV_SetVideoOsdText(osd, &item);
         KIV_UpdateVideoOsdText(osd, item.id, text.c_str());
@@ -61,7 +50,6 @@ TEST(OsdStress, CommandsRaceFrames) {
     stop = true;
     producer.join();
     outputs.join();
-
     // Afterwards the port still works: a frame reaches the overlay output.
     ASSERT_EQ(KIV_ConnectVideoOsdOutput(osd, 1, out), KIV_OK);
     const int before = frames;
@@ -72,9 +60,7 @@ TEST(OsdStress, CommandsRaceFrames) {
     KIV_Disconnect(source, osd);
     KIV_Disconnect(osd, out);
     EXPECT_EQ(static_cast<KivVideoOsd*>(static_cast<KivPortBase*>(osd))->FramesInProgress(), 0);
-    EXPECT_EQ(KIV_DestroyPort(source), KIV_OK);
-    EXPECT_EQ(KIV_DestroyPort(osd), KIV_OK);
-    EXPECT_EQ(KIV_DestroyPort(out), KIV_OK);
+    for (void* port : {source, osd, out}) EXPECT_EQ(KIV_DestroyPort(port), KIV_OK);
 }
 
 }  // namespace

@@ -1,11 +1,10 @@
-// Threads pushing frames while others rewire the graph and swap callbacks;
-// video and audio muxes, under the thread sanitizer too. Ports that stay connected lose nothing.
+// Threads pushing frames while others rewire the graph and swap callbacks; video and audio muxes, under the
+// thread sanitizer too. Ports that stay connected lose nothing.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <thread>
 
-#include "kivcapture.h"
 #include "ports/kiv_port_base.h"
 #include "test_support.h"
 
@@ -25,39 +24,30 @@ std::atomic<int> g_calls[2];
 void KIV_CALL First(const KivVideoFrame*, void*) { g_calls[0]++; }
 void KIV_CALL Second(const KivVideoFrame*, void*) { g_calls[1]++; }
 
-}  // namespace
-
 TEST(GraphStress, PushingWhileRewiringLosesNothingThatStaysConnected) {
     constexpr int kPushers = 3, kFrames = 3000, kTransient = 20;  // 20 crosses the stack snapshot's width
     kivtest::LibraryScope library;
-    void* sources[2] = {KIV_CreateVideoFrameSource(), KIV_CreateVideoFrameSource()};
-    void* mux = KIV_CreateVideoMux();
-    void* audioMux = KIV_CreateAudioMux();
-    CountingSink audio(KIV_PORT_AUDIO_RENDER), audioTransient(KIV_PORT_AUDIO_RENDER);
-    ASSERT_EQ(KIV_Connect(audioMux, &audio), KIV_OK);
+    void *sources[2] = {KIV_CreateVideoFrameSource(), KIV_CreateVideoFrameSource()}, *mux = KIV_CreateVideoMux(),
+         *audioMux = KIV_CreateAudioMux();
+    CountingSink audio(KIV_PORT_AUDIO_RENDER), audioTransient(KIV_PORT_AUDIO_RENDER), steady, transient[kTransient];
     Forwarder filter;
-    CountingSink steady, transient[kTransient];
-    for (void* source : sources) ASSERT_EQ(KIV_Connect(source, mux), KIV_OK);
-    ASSERT_EQ(KIV_Connect(mux, &filter), KIV_OK);
-    ASSERT_EQ(KIV_Connect(&filter, &steady), KIV_OK);
+    for (auto link : {std::make_pair(sources[0], mux), {sources[1], mux}, {mux, &filter}, {&filter, &steady}, {audioMux, &audio}})
+        ASSERT_EQ(KIV_Connect(link.first, link.second), KIV_OK);
     ASSERT_EQ(KIV_SetVideoFrameCallback(mux, First, nullptr), KIV_OK);
     std::atomic<int> done{0};
     std::atomic<bool> go{false};
     std::vector<std::thread> threads;
-    for (int p = 0; p < kPushers; ++p)
+    for (int p = 0; p <= kPushers; ++p)  // the last one sends audio packets through a mux whose sinks come and go
         threads.emplace_back([&, p] {
             kivtest::OwnedFrame frame(KIV_PIXEL_FORMAT_RGB32, 4, 2);
+            int16_t samples[8] = {};
+            KivAudioFrame packet{reinterpret_cast<uint8_t*>(samples), sizeof(samples), 48000, 2, 16, 0, 0};
             while (!go) std::this_thread::yield();
-            for (int i = 0; i < kFrames; ++i) EXPECT_EQ(KIV_PushVideoFrame(sources[p % 2], &frame.frame), KIV_OK);
+            for (int i = 0; i < kFrames; ++i)
+                EXPECT_EQ(p < kPushers ? KIV_PushVideoFrame(sources[p % 2], &frame.frame)
+                                       : static_cast<KivPortBase*>(audioMux)->OnAudioFrame(&packet), KIV_OK);
             done++;
         });
-    threads.emplace_back([&] {  // audio packets through a mux whose sinks come and go
-        int16_t samples[8] = {};
-        KivAudioFrame packet{reinterpret_cast<uint8_t*>(samples), sizeof(samples), 48000, 2, 16, 0, 0};
-        while (!go) std::this_thread::yield();
-        for (int i = 0; i < kFrames; ++i) static_cast<KivPortBase*>(audioMux)->OnAudioFrame(&packet);
-        done++;
-    });
     threads.emplace_back([&] {  // transient sinks come and go on the muxes and the filter
         go = true;
         for (int round = 0; done < kPushers + 1; ++round) {
@@ -69,10 +59,8 @@ TEST(GraphStress, PushingWhileRewiringLosesNothingThatStaysConnected) {
         }
     });
     threads.emplace_back([&] {  // callbacks swapped on a delivering port
-        for (int round = 0; done < kPushers + 1; ++round) {
+        for (int round = 0; done < kPushers + 1; ++round, std::this_thread::yield())
             KIV_SetVideoFrameCallback(mux, (round & 1) ? First : Second, nullptr);
-            std::this_thread::yield();
-        }
     });
     for (auto& t : threads) t.join();
     EXPECT_EQ(steady.video.load(), kPushers * kFrames);
@@ -82,3 +70,5 @@ TEST(GraphStress, PushingWhileRewiringLosesNothingThatStaysConnected) {
     for (auto& sink : transient) EXPECT_LE(sink.video.load(), 2 * kPushers * kFrames);
     for (void* port : {sources[0], sources[1], mux, audioMux}) EXPECT_EQ(KIV_DestroyPort(port), KIV_OK);
 }
+
+}  // namespace

@@ -1,10 +1,7 @@
-#include "color_reference.h"
-
 #include "kiv_color_math.h"
 #include "processing_test_helpers.h"
 
 namespace proctest {
-
 namespace {
 
 using namespace kiv::color;
@@ -20,7 +17,8 @@ void ReadPixel(const KivVideoFrame& f, int x, int y, int cs, int range, T rgb[3]
         const uint8_t* p = row + x * BytesPerPixel(f.format);
         for (int c = 0; c < 3; ++c) rgb[c] = kFloat ? T(p[2 - c] / 255.0f) : T(p[2 - c]);
         return;
-    } else if (f.format == KIV_PIXEL_FORMAT_YUY2) {
+    }
+    if (f.format == KIV_PIXEL_FORMAT_YUY2) {
         const uint8_t* g = row + (x / 2) * 4;
         const bool unpaired = x % 2 == 0 && x + 1 == f.width;  // the last pixel of an odd row
         Y = x % 2 ? g[2] : g[0], u = g[1], v = unpaired ? (kFloat ? g[1] : 128) : g[3];
@@ -36,8 +34,8 @@ void ReadPixel(const KivVideoFrame& f, int x, int y, int cs, int range, T rgb[3]
 
 }  // namespace
 
-ReferenceOutput ReferenceConvert(const KivVideoFrame& in, int32_t outFmt, int32_t cs, int32_t range,
-                                 const Kiv3DLutData* lut, float strength) {
+ReferenceOutput ReferenceConvert(const KivVideoFrame& in, int32_t outFmt, int32_t cs, int32_t range, const Kiv3DLutData* lut,
+                                 float strength) {
     ReferenceOutput out;
     const int w = in.width, h = in.height;
     auto graded8 = [&](int x, int y, uint8_t rgb[3]) {

@@ -1,5 +1,5 @@
-// Tables loaded and cleared while frames flow on another thread: every frame
-// is graded wholly by one table (or none), and nothing races.
+// Tables loaded and cleared while frames flow on another thread: every frame is graded wholly by one table (or
+// none), and nothing races.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -18,8 +18,7 @@ struct Tally {
         const uint8_t first = f->planes[0][0];  // 51 or 204 from a table, 90 without
         bool same = first == 51 || first == 204 || first == 90;
         for (int y = 0; y < f->height; ++y)
-            for (int x = 0; x < f->width * 4; ++x)
-                same = same && (x % 4 == 3 || f->planes[0][ptrdiff_t(f->strides[0]) * y + x] == first);
+            for (int x = 0; x < f->width * 4; ++x) same = same && (x % 4 == 3 || f->planes[0][ptrdiff_t(f->strides[0]) * y + x] == first);
         (same ? tally->whole : tally->mixed)++;
     }
 };
@@ -29,30 +28,27 @@ TEST(ColorEngineConcurrency, TablesSwapWhileFramesFlow) {
     std::basic_string<KivWChar> paths[2];
     for (int i = 0; i < 2; ++i) {
         const float value = i ? 0.8f : 0.2f;
-        kivtest::WriteFile(dir + "/" + char('a' + i) + ".cube",
-                           proctest::CubeText(2, [value](float, float, float, float* o) { o[0] = o[1] = o[2] = value; }));
+        kivtest::WriteFile(dir + "/" + char('a' + i) + ".cube", proctest::CubeText(2, [value](float, float, float, float* o) { o[0] = o[1] = o[2] = value; }));
         paths[i] = kivtest::Wide(dir + "/" + char('a' + i) + ".cube");
     }
-    // Made directly, without KIV_Init: under Wine a process that started
-    // Media Foundation and ran these threads now and then crashed on exit.
+    // Made directly, without KIV_Init: under Wine a process that started Media Foundation and ran these threads
+    // now and then crashed on exit.
     void* engine = static_cast<KivPortBase*>(new KivVideoColorEngine());
     Tally tally;
-    ASSERT_EQ(KIV_SetVideoFrameCallback(engine, &Tally::Check, &tally), KIV_OK);
     const KivVideoColorEngineConfig config{0, 1, KIV_PIXEL_FORMAT_RGB32, 0, 0, 1.0f};
-    ASSERT_EQ(KIV_SetVideoColorEngineConfig(engine, &config), KIV_OK);
-    ASSERT_EQ(KIV_LoadVideoColorEngineCubeFile(engine, paths[0].c_str()), KIV_OK);
+    ASSERT_EQ(std::vector<int>({KIV_SetVideoFrameCallback(engine, &Tally::Check, &tally), KIV_SetVideoColorEngineConfig(engine, &config),
+                                KIV_LoadVideoColorEngineCubeFile(engine, paths[0].c_str())}),
+              std::vector<int>(3, KIV_OK));
     std::atomic<bool> stop{false};
     std::thread frames([&] {
-        kivtest::OwnedFrame in(KIV_PIXEL_FORMAT_RGB32, 64, 48, 90);
-        while (!stop) static_cast<KivPortBase*>(engine)->OnVideoFrame(&in.frame);
+        for (kivtest::OwnedFrame in(KIV_PIXEL_FORMAT_RGB32, 64, 48, 90); !stop;) static_cast<KivPortBase*>(engine)->OnVideoFrame(&in.frame);
     });
-    for (int i = 0; i < 60; ++i) {
+    for (int i = 0; i < 60; ++i, std::this_thread::yield()) {
         ASSERT_EQ(KIV_LoadVideoColorEngineCubeFile(engine, paths[(i + 1) % 2].c_str()), KIV_OK);
         ASSERT_EQ(i % 10 == 9 ? KIV_ClearVideoColorEngineLut(engine) : KIV_OK, KIV_OK);
         KivVideoColorEngineConfig changed = config;
         changed.strength = i % 3 ? 1.0f : 0.999f;  // weight stays 256
         ASSERT_EQ(KIV_SetVideoColorEngineConfig(engine, &changed), KIV_OK);
-        std::this_thread::yield();
     }
     const int seen = tally.delivered;  // some frames after the last swap
     while (tally.delivered < seen + 3) std::this_thread::yield();

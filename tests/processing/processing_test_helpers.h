@@ -1,19 +1,17 @@
-// Shared pieces of the crop and colour engine tests.
+// Shared pieces of the crop and colour engine tests, and a plain pixel-by-pixel rendering of the colour
+// engine's frame rules (color_reference.cpp), built only on the per-pixel arithmetic.
 #pragma once
 #include <cstdint>
 #include <cstdio>
-#include <filesystem>
 #include <string>
 #include <vector>
 
+#include "kiv_cube_lut.h"
 #include "kivcapture.h"
 #include "ports/kiv_port_base.h"
 #include "test_support.h"
 
 namespace proctest {
-
-using kivtest::CaughtFrame;
-using kivtest::FrameCatcher;
 
 inline int BytesPerPixel(int32_t format) {
     return format == KIV_PIXEL_FORMAT_YUY2 ? 2 : format == KIV_PIXEL_FORMAT_RGB24 ? 3 : format == KIV_PIXEL_FORMAT_RGB32 ? 4 : 1;
@@ -34,5 +32,14 @@ std::string CubeText(int n, Fn fn) {
             }
     return text;
 }
+
+struct ReferenceOutput {
+    std::vector<uint8_t> plane0;  // tight rows (YUY2: even width * 2)
+    std::vector<uint8_t> plane1;  // NV12 chroma rows of (width + 1) & ~1
+};
+
+// cs and range already resolved; lut may be null.
+ReferenceOutput ReferenceConvert(const KivVideoFrame& in, int32_t outFmt, int32_t cs, int32_t range, const Kiv3DLutData* lut,
+                                 float strength);
 
 }  // namespace proctest
