@@ -9,6 +9,7 @@
 #include <future>
 #include <map>
 #include <thread>
+#include <utility>
 
 #include "render/gpu_lut_state.h"
 #include "render/gpu_osd_canvas.h"
@@ -164,7 +165,7 @@ KivVideoOsdItem Record(int32_t id, int32_t layer, int32_t x, int32_t y, int32_t 
     return r;
 }
 
-// The over step written out in doubles, rounded half up as the integer form promises.
+// The over step written out in doubles, rounded half up as the integer form promises: the canvases' reference.
 void ReferenceOver(uint8_t* p, uint8_t b, uint8_t g, uint8_t r, uint32_t a) {
     const uint8_t src[3] = {b, g, r};
     for (int c = 0; c < 3; ++c) p[c] = static_cast<uint8_t>(std::floor((src[c] * a + p[c] * (255.0 - a) + 127) / 255));
@@ -186,11 +187,7 @@ public:
         ++texts;
         return true;
     }
-    bool DecodePicture(const kiv::OsdString& path, GpuOsdBitmap* out) override {
-        auto it = pictures.find(path);
-        if (it != pictures.end()) *out = it->second;
-        return it != pictures.end();
-    }
+    bool DecodePicture(const kiv::OsdString& path, GpuOsdBitmap* out) override { return pictures.count(path) && (*out = pictures[path], true); }
     std::map<kiv::OsdString, GpuOsdBitmap> pictures;
     int texts = 0;
 };
@@ -200,15 +197,7 @@ std::vector<uint8_t> Pixel(const GpuOsdBitmap& canvas, int x, int y) {
     return {p, p + 4};
 }
 
-TEST(GpuOsd, OverStepAndRecordDefaults) {
-    for (uint32_t a : {0u, 1u, 77u, 128u, 254u, 255u}) {
-        for (uint8_t d : {uint8_t{0}, uint8_t{90}, uint8_t{255}}) {
-            uint8_t got[4] = {d, static_cast<uint8_t>(255 - d), 17, d}, want[4] = {got[0], got[1], got[2], got[3]};
-            kiv::GpuOsdBlendOver(got, 200, 3, 255, a);
-            if (a != 0) ReferenceOver(want, 200, 3, 255, a);
-            EXPECT_EQ(std::vector<uint8_t>(got, got + 4), std::vector<uint8_t>(want, want + 4)) << a << " " << int(d);
-        }
-    }
+TEST(GpuOsd, RecordDefaults) {
     const std::pair<float, uint32_t> coverage[] = {{0.0f, 255}, {-1.0f, 255}, {std::nanf(""), 255}, {2.0f, 255}, {0.5f, 128}, {0.2f, 51}};
     for (const auto& c : coverage) {
         const OsdItem item = kiv::GpuOsdItemFromRecord(Record(1, 0, 0, 0, 4, 4, 0, c.first), kiv::kOsdRect);
@@ -407,7 +396,7 @@ protected:
         return recorder.WriteAudio(frame);
     }
     // Hands over the events so far.
-    std::string Events() { return std::move(script.events); }
+    std::string Events() { return std::exchange(script.events, std::string()); }
     SinkScript script{KIV_OK, true, -1, 0, &script, 0, {}};
     kiv::GpuRecorder recorder{[this] { return std::make_unique<FakeSink>(&script); }};
     std::vector<uint8_t> pcm = std::vector<uint8_t>(4096);  // no frame is longer
