@@ -123,7 +123,9 @@ TEST_F(GpuWindowTest, OverlayItemsAppearWhereAndHowTheySay) {
     using Items = std::vector<std::pair<const KivVideoOsdItem*, int>>;
     const Items all = {{&red, kiv::kOsdRect}, {&green, kiv::kOsdRect}, {&text, kiv::kOsdText}, {&image, kiv::kOsdPicture}, {&boxed, kiv::kOsdText}};
     for (const auto& r : all) {
-        auto add = r.second == kiv::kOsdRect ? KIV_AddVideoRenderGpuOsdRect : r.second == kiv::kOsdText ? KIV_AddVideoRenderGpuOsdText : KIV_AddVideoRenderGpuOsdImage;
+        auto add = r.second == kiv::kOsdRect   ? KIV_AddVideoRenderGpuOsdRect
+                   : r.second == kiv::kOsdText ? KIV_AddVideoRenderGpuOsdText
+                                               : KIV_AddVideoRenderGpuOsdImage;
         ASSERT_EQ(add(render, r.first), KIV_OK);
     }
     // Expected: the canvas (checked bit for bit natively) blended over the frame as the GPU does,
