@@ -135,7 +135,7 @@ TEST_F(GpuTest, LutConfigurationIsCheckedNormalisedAndAppliedLast) {
 }
 
 // Requests from two application threads while a render thread applies them under its lock, as frames would.
-TEST_F(GpuTest, LutRequestsAndApplyingRunTogether) {
+TEST_F(GpuTest, LutRaceRequestsAndApplyingRunTogether) {
     const auto x = File("x.cube", Cube(8, "0 0.5 1\n", "LUT_3D_SIZE 2\n")), y = File("y.cube", Cube(8, "0 0.5 1\n", "LUT_3D_SIZE 2\n"));
     std::atomic<bool> stop{false};
     std::thread render([&] {
