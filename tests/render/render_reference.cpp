@@ -12,15 +12,12 @@ PatternFrame::PatternFrame(int32_t format, int32_t width, int32_t height, bool n
     const int32_t stride = nv12 ? pairs * 2 : yuy2 ? pairs * 4 : width * (format == KIV_PIXEL_FORMAT_RGB24 ? 3 : 4);
     bytes.resize(static_cast<size_t>(stride) * (nv12 ? height + (height + 1) / 2 : height));
     for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<uint8_t>((i * 37 + (i / 7) * 11 + 16) % 256);
-    for (int32_t y = 0; (nv12 || yuy2) && y < height; ++y) {
+    for (int32_t y = 0; (nv12 || yuy2) && y < height; ++y)
         for (int32_t x = 0; x < (nv12 ? width : pairs * 2); ++x)
             bytes[static_cast<size_t>(stride) * y + x * (nv12 ? 1 : 2)] = static_cast<uint8_t>(16 + (x * 23 + y * 41) % 220);
-    }
     frame.planes[0] = bytes.data();
     frame.strides[0] = stride;
-    frame.width = width;
-    frame.height = height;
-    frame.format = format;
+    frame.width = width, frame.height = height, frame.format = format;
     if (nv12) {
         frame.strides[1] = stride;
         if (nv12ChromaPointer) frame.planes[1] = bytes.data() + static_cast<size_t>(stride) * height;
@@ -36,12 +33,6 @@ Bgr FromYuv(int y, int u, int v) {
     const int c = y < 16 ? 0 : 298 * (y - 16);
     return {Clamp(FloorDiv256(c + 516 * u - 65920)), Clamp(FloorDiv256(c - 100 * u - 208 * v + 39552)),
             Clamp(FloorDiv256(c + 409 * v - 52224))};
-}
-
-void ToYuv(const Bgr& p, uint8_t* yuv) {
-    yuv[0] = static_cast<uint8_t>(FloorDiv256(66 * p.r + 129 * p.g + 25 * p.b + 128) + 16);
-    yuv[1] = static_cast<uint8_t>(FloorDiv256(-38 * p.r - 74 * p.g + 112 * p.b + 128) + 128);
-    yuv[2] = static_cast<uint8_t>(FloorDiv256(112 * p.r - 94 * p.g - 18 * p.b + 128) + 128);
 }
 
 }  // namespace
@@ -74,41 +65,37 @@ Bgr ReferencePixel(const KivVideoFrame& f, int x, int y) {
 ReferencePlanes ReferenceConvert(const KivVideoFrame& f, int w, int h, int format) {
     ReferencePlanes out;
     const int pairs = (w + 1) / 2;
-    // Output pixel (x, y) shows source pixel (x * W / w, y * H / h); the
-    // padding pixel of an odd width repeats the last one.
-    auto yuv = [&](int x, int y) {
-        x = std::min(x, w - 1);
-        std::vector<uint8_t> v(3);
-        ToYuv(ReferencePixel(f, static_cast<int>(int64_t(x) * f.width / w), static_cast<int>(int64_t(y) * f.height / h)),
-              v.data());
-        return v;
+    // Output pixel (x, y) shows source pixel (x * W / w, y * H / h); an odd width's padding pixel repeats the last.
+    auto src = [&](int x, int y) {
+        return ReferencePixel(f, static_cast<int>(int64_t(std::min(x, w - 1)) * f.width / w),
+                              static_cast<int>(int64_t(y) * f.height / h));
+    };
+    auto yuv = [&](int x, int y, int i) {
+        const Bgr p = src(x, y);
+        const int k[3][3] = {{66, 129, 25}, {-38, -74, 112}, {112, -94, -18}};
+        return static_cast<uint8_t>(FloorDiv256(k[i][0] * p.r + k[i][1] * p.g + k[i][2] * p.b + 128) + (i ? 128 : 16));
     };
     if (format == KIV_PIXEL_FORMAT_RGB32 || format == KIV_PIXEL_FORMAT_RGB24) {
         const int bpp = format == KIV_PIXEL_FORMAT_RGB32 ? 4 : 3;
         out.stride0 = w * bpp;
         for (int y = 0; y < h; ++y) {
             for (int x = 0; x < w; ++x) {
-                const Bgr p = ReferencePixel(f, int(int64_t(x) * f.width / w), int(int64_t(y) * f.height / h));
+                const Bgr p = src(x, y);
                 out.plane0.insert(out.plane0.end(), {uint8_t(p.b), uint8_t(p.g), uint8_t(p.r)});
                 if (bpp == 4) out.plane0.push_back(255);
             }
         }
     } else if (format == KIV_PIXEL_FORMAT_YUY2) {
         out.stride0 = pairs * 4;
-        for (int y = 0; y < h; ++y) {
-            for (int x = 0; x < pairs * 2; x += 2) {
-                const std::vector<uint8_t> a = yuv(x, y), b = yuv(x + 1, y);
-                out.plane0.insert(out.plane0.end(), {a[0], a[1], b[0], a[2]});
-            }
-        }
-    } else if (format == KIV_PIXEL_FORMAT_NV12) {
-        out.stride0 = w;
-        out.stride1 = pairs * 2;
         for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x) out.plane0.push_back(yuv(x, y)[0]);
-        for (int y = 0; y < h; y += 2) {
-            for (int x = 0; x < pairs * 2; x += 2) out.plane1.insert(out.plane1.end(), {yuv(x, y)[1], yuv(x, y)[2]});
-        }
+            for (int x = 0; x < pairs * 2; x += 2)
+                out.plane0.insert(out.plane0.end(), {yuv(x, y, 0), yuv(x, y, 1), yuv(x + 1, y, 0), yuv(x, y, 2)});
+    } else if (format == KIV_PIXEL_FORMAT_NV12) {
+        out.stride0 = w, out.stride1 = pairs * 2;
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x) out.plane0.push_back(yuv(x, y, 0));
+        for (int y = 0; y < h; y += 2)
+            for (int x = 0; x < pairs * 2; x += 2) out.plane1.insert(out.plane1.end(), {yuv(x, y, 1), yuv(x, y, 2)});
     }
     return out;
 }

@@ -1,11 +1,16 @@
-// A real top-level window on the test's own X display, and a read of what it
-// shows through GDI (BitBlt from the window's DC returns the presented pixels).
+// A real top-level window on the test's own X display, its pixels read back
+// through GDI, and frames pushed until it shows what a test expects.
 #pragma once
 #include <windows.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <string>
 #include <vector>
+
+#include "kivcapture.h"
 
 namespace rendertest {
 
@@ -34,9 +39,6 @@ public:
         PumpMessages();
     }
     ~TestWindow() { Destroy(); }
-    TestWindow(const TestWindow&) = delete;
-    TestWindow& operator=(const TestWindow&) = delete;
-
     HWND Handle() const { return hwnd_; }
     void Resize(int width, int height) {
         SetWindowPos(hwnd_, nullptr, 0, 0, width, height, SWP_NOZORDER | SWP_NOMOVE);
@@ -47,15 +49,13 @@ public:
         hwnd_ = nullptr;
         PumpMessages();
     }
-    // The client area as tight BGRA rows, top-down.
+    // The client area as tight top-down BGRA rows (BitBlt from the window's DC returns the presented pixels).
     std::vector<uint8_t> Read(int* width, int* height) {
         RECT rc{};
         GetClientRect(hwnd_, &rc);
-        *width = rc.right;
-        *height = rc.bottom;
+        *width = rc.right, *height = rc.bottom;
         std::vector<uint8_t> pixels(static_cast<size_t>(*width) * *height * 4);
-        HDC windowDc = GetDC(hwnd_);
-        HDC memDc = CreateCompatibleDC(windowDc);
+        HDC windowDc = GetDC(hwnd_), memDc = CreateCompatibleDC(windowDc);
         BITMAPINFO bi{};
         bi.bmiHeader = {sizeof(bi.bmiHeader), *width, -*height, 1, 32, BI_RGB, 0, 0, 0, 0, 0};
         void* bits = nullptr;
@@ -77,5 +77,45 @@ private:
     }
     HWND hwnd_ = nullptr;
 };
+
+// Largest channel difference between BGRA pixels and the nearest of the wanted tight pictures (bpp bytes a
+// pixel); `where` names the worst pixel. 255 when the sizes differ.
+inline int Difference(const std::vector<uint8_t>& shown, int width, const std::vector<std::vector<uint8_t>>& wants, int bpp,
+                      std::string* where) {
+    int worst = 0;
+    for (size_t i = 0; i < shown.size() / 4; ++i) {
+        int best = 255;
+        for (const auto& want : wants) {
+            if (want.size() != shown.size() / 4 * bpp) return 255;
+            int d = 0;
+            for (int c = 0; c < 3; ++c) d = std::max(d, std::abs(shown[i * 4 + c] - want[i * bpp + c]));
+            best = std::min(best, d);
+        }
+        if (best <= worst) continue;
+        worst = best;
+        char text[128];
+        std::snprintf(text, sizeof text, "x=%d y=%d shown=%d,%d,%d wanted=%d,%d,%d", int(i % width), int(i / width),
+                      shown[i * 4 + 2], shown[i * 4 + 1], shown[i * 4], wants[0][i * bpp + 2], wants[0][i * bpp + 1],
+                      wants[0][i * bpp]);
+        *where = text;
+    }
+    return worst;
+}
+
+// Pushes the frame until the window shows one of the wanted pictures within the tolerance, for at most two
+// seconds (a present may be skipped while the GPU is busy); the worst difference.
+inline int PushUntilShown(void* source, const KivVideoFrame& frame, TestWindow& window,
+                          const std::vector<std::vector<uint8_t>>& wants, int bpp, int tolerance, std::string* where) {
+    int worst = 255;
+    for (int attempt = 0; attempt < 40 && worst > tolerance; ++attempt) {
+        if (KIV_PushVideoFrame(source, &frame) != KIV_OK) return 255;
+        PumpMessages();
+        Sleep(attempt == 0 ? 0 : 50);
+        int w = 0, h = 0;
+        const std::vector<uint8_t> shown = window.Read(&w, &h);
+        worst = Difference(shown, w, wants, bpp, where);
+    }
+    return worst;
+}
 
 }  // namespace rendertest

@@ -1,0 +1,603 @@
+// The GPU stages natively: LUT loads and request order (also racing a render thread), the overlay against
+// references written out here, the recorder against a stand-in sink, and the exported interface without a
+// window (the rules show in the state).
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cmath>
+#include <functional>
+#include <future>
+#include <map>
+#include <thread>
+#include <utility>
+
+#include "render/gpu_lut_state.h"
+#include "render/gpu_osd_canvas.h"
+#include "render/gpu_osd_items.h"
+#include "render/gpu_recorder.h"
+#include "render/kiv_video_render.h"
+#include "render/render_gpu_stages.h"
+#include "render/snapshot_image.h"
+#include "test_support.h"
+
+namespace {
+
+using kiv::GpuOsdBitmap;
+using kiv::OsdItem;
+
+std::string Cube(int entries, const char* entry = "0.25 0.5 1\n", const char* head = "") {
+    std::string text = head;
+    while (entries-- > 0) text += entry;
+    return text;
+}
+
+class GpuTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(KIV_EnableLog(1), KIV_OK); }
+    void TearDown() override { KIV_EnableLog(0); }
+    std::basic_string<KivWChar> File(const std::string& name, const std::string& body) {
+        kivtest::WriteFile(dir + "/" + name, body);
+        return kivtest::Wide(dir + "/" + name);
+    }
+    // Loads a cube, optionally while another thread holds the render lock.
+    int32_t Load(const std::basic_string<KivWChar>& path, bool renderBusy = false) {
+        if (!renderBusy) return lut.LoadCubeFile(path.c_str(), renderLock);
+        std::promise<void> held, done;
+        std::thread holder([&] {
+            std::lock_guard<std::recursive_mutex> lock(renderLock);
+            held.set_value();
+            done.get_future().wait();
+        });
+        held.get_future().wait();
+        const int32_t result = lut.LoadCubeFile(path.c_str(), renderLock);
+        done.set_value();
+        holder.join();
+        return result;
+    }
+    bool Logged(const std::string& line) { return kivtest::LibraryLog().find(line) != std::string::npos; }
+    std::string dir = kivtest::TempDir("gpu");
+    std::recursive_mutex renderLock;
+    kiv::GpuLutState lut;
+};
+
+TEST_F(GpuTest, LutLoadsAndFailures) {
+    ASSERT_EQ(Load(File("n33.cube", Cube(35937))), KIV_OK);  // no size line: 33 from the count
+    EXPECT_EQ(Load(File("n33plus1.cube", Cube(35938))), KIV_ERROR_FAILED);
+    EXPECT_EQ(Load(kivtest::Wide(dir + "/missing.cube")), KIV_ERROR_FAILED);
+    ASSERT_TRUE(lut.ApplyPending());
+    EXPECT_FALSE(lut.ApplyPending());  // failures queue nothing
+    EXPECT_EQ(lut.ActiveData()->dim, 33);
+    EXPECT_TRUE(Logged("Render GPU LUT load cube failed: parse error path=" + dir + "/n33plus1.cube"));
+    EXPECT_TRUE(Logged("Render GPU LUT load cube failed: open file failed path=" + dir + "/missing.cube"));
+    EXPECT_EQ(Load(kivtest::Wide("")), KIV_ERROR_INVALID_ARG);
+    EXPECT_EQ(Load(kivtest::Wide("x")), KIV_ERROR_FAILED);  // a one-character name is a path, just not there
+    EXPECT_EQ(lut.LoadCubeFile(nullptr, renderLock), KIV_ERROR_INVALID_ARG);
+}
+
+TEST_F(GpuTest, LutPendingAndActivePathsAreReusedWithoutReadingTheFileAgain) {
+    const std::string body = Cube(8, "0.25 0.5 1\n", "LUT_3D_SIZE 2\n");
+    const auto path = File("a.cube", body);
+    ASSERT_EQ(Load(path), KIV_OK);
+    std::remove((dir + "/a.cube").c_str());  // a second read would now fail
+    EXPECT_EQ(Load(path), KIV_OK);
+    EXPECT_TRUE(Logged("Render GPU LUT cube already pending, reuse path=" + dir + "/a.cube dim=2"));
+    ASSERT_TRUE(lut.ApplyPending());
+    EXPECT_EQ(Load(path), KIV_OK);
+    EXPECT_FALSE(lut.ApplyPending());
+    EXPECT_TRUE(Logged("Render GPU LUT cube already loaded, reuse path=" + dir + "/a.cube dim=2"));
+    // With the render side busy the active path is not looked at: the file is read again (and here it is gone).
+    EXPECT_EQ(Load(path, true), KIV_ERROR_FAILED);
+    File("a.cube", body);
+    EXPECT_EQ(Load(path, true), KIV_OK);
+    EXPECT_TRUE(lut.ApplyPending());  // the same file makes a new texture
+}
+
+TEST_F(GpuTest, LutConfigurationIsCheckedNormalisedAndAppliedLast) {
+    KivVideoRenderLutConfig config{0, 1, 0, 0, 0, 0};
+    for (float strength : {1.5f, -0.1f, std::nanf("")}) {
+        config.strength = strength;
+        EXPECT_EQ(lut.QueueConfig(config), KIV_ERROR_INVALID_ARG);
+    }
+    lut.ApplyPending();
+    EXPECT_EQ(lut.ActiveConfig().enable * 10 + lut.ActiveConfig().strength, 1.0f);
+    for (const auto& p : {std::make_pair(3, 3), std::make_pair(0, 1), std::make_pair(2, 1), std::make_pair(7, 1)}) {
+        config.processor = p.first, config.strength = 0.5f;
+        ASSERT_EQ(lut.QueueConfig(config), KIV_OK);
+        lut.ApplyPending();
+        EXPECT_EQ(lut.ActiveConfig().processor, p.second) << p.first;
+    }
+    EXPECT_FALSE(lut.Usable());  // enabled but no table
+    // One batch applies clear, cube, configuration in that order: the cube survives a clear queued before it.
+    lut.QueueClear();
+    ASSERT_EQ(Load(File("b.cube", Cube(8))), KIV_OK);
+    ASSERT_EQ(lut.QueueConfig(config), KIV_OK);
+    EXPECT_TRUE(lut.ApplyPending());
+    EXPECT_TRUE(lut.Usable());
+    // A clear drops a pending cube and disables the stage.
+    ASSERT_EQ(Load(File("c.cube", Cube(27))), KIV_OK);
+    lut.QueueClear();
+    EXPECT_TRUE(lut.ApplyPending());
+    EXPECT_FALSE(lut.ActiveData());
+    EXPECT_EQ(lut.ActiveConfig().enable, 0);
+    // Reset to idle clears too and queues the idle configuration.
+    config = {3, 1, 5, 2, 1, 0.25f};
+    ASSERT_EQ(Load(File("d.cube", Cube(8))), KIV_OK);
+    ASSERT_EQ(lut.QueueConfig(config), KIV_OK);
+    lut.ApplyPending();
+    ASSERT_TRUE(lut.Usable());
+    ASSERT_EQ(Load(File("e.cube", Cube(27))), KIV_OK);
+    lut.ResetToIdle();
+    EXPECT_TRUE(lut.ApplyPending());
+    EXPECT_FALSE(lut.ActiveData());
+    const KivVideoRenderLutConfig& c = lut.ActiveConfig();
+    EXPECT_EQ(std::vector<float>({float(c.processor), float(c.enable), float(c.reserved), float(c.cs), float(c.range), c.strength}),
+              std::vector<float>({1, 0, 0, 0, 0, 1.0f}));
+}
+
+// Requests from two application threads while a render thread applies them under its lock, as frames would.
+TEST_F(GpuTest, LutRaceRequestsAndApplyingRunTogether) {
+    const auto x = File("x.cube", Cube(8, "0 0.5 1\n", "LUT_3D_SIZE 2\n")), y = File("y.cube", Cube(8, "0 0.5 1\n", "LUT_3D_SIZE 2\n"));
+    std::atomic<bool> stop{false};
+    std::thread render([&] {
+        while (!stop.load()) {
+            std::lock_guard<std::recursive_mutex> lock(renderLock);
+            lut.ApplyPending();
+            if (lut.Usable()) { EXPECT_EQ(lut.ActiveData()->texels.size(), 32u); }
+        }
+    });
+    std::thread loader([&] {
+        for (int i = 0; i < 200; ++i) EXPECT_EQ(lut.LoadCubeFile((i % 2 ? x : y).c_str(), renderLock), KIV_OK);
+    });
+    KivVideoRenderLutConfig config{1, 1, 0, 0, 0, 1.0f};
+    for (int i = 0; i < 200; ++i) {
+        config.enable = i % 3 != 0;
+        EXPECT_EQ(lut.QueueConfig(config), KIV_OK);
+        if (i % 7 == 0) lut.QueueClear();
+    }
+    loader.join();
+    stop = true;
+    render.join();
+}
+
+KivVideoOsdItem Record(int32_t id, int32_t layer, int32_t x, int32_t y, int32_t w, int32_t h, uint32_t color, float opacity = 1.0f) {
+    KivVideoOsdItem r{};
+    r.id = id, r.visible = 1, r.layer = layer, r.x = x, r.y = y, r.width = w, r.height = h, r.color = color, r.opacity = opacity;
+    return r;
+}
+
+// The over step written out in doubles, rounded half up as the integer form promises: the canvases' reference.
+void ReferenceOver(uint8_t* p, uint8_t b, uint8_t g, uint8_t r, uint32_t a) {
+    const uint8_t src[3] = {b, g, r};
+    for (int c = 0; c < 3; ++c) p[c] = static_cast<uint8_t>(std::floor((src[c] * a + p[c] * (255.0 - a) + 127) / 255));
+    p[3] = static_cast<uint8_t>(std::floor((p[3] * (255.0 - a) + 127) / 255) + a);
+}
+
+// Draws text as a fixed pattern and pictures from a table.
+class FakeRasterizer : public kiv::GpuOsdRasterizer {
+public:
+    bool RenderText(const OsdItem& item, GpuOsdBitmap* out) override {
+        out->width = item.width, out->height = item.height;
+        out->pixels.assign(static_cast<size_t>(item.width) * item.height * 4, 0x55);  // alpha as GDI leaves it: not counted
+        // Column c gets c * 40 in blue and green, c * 10 in red.
+        for (size_t i = 0; i < out->pixels.size(); i += 4) {
+            const int x = static_cast<int>(i / 4 % item.width);
+            out->pixels[i] = out->pixels[i + 1] = static_cast<uint8_t>(x * 40);
+            out->pixels[i + 2] = static_cast<uint8_t>(x * 10);
+        }
+        ++texts;
+        return true;
+    }
+    bool DecodePicture(const kiv::OsdString& path, GpuOsdBitmap* out) override { return pictures.count(path) && (*out = pictures[path], true); }
+    std::map<kiv::OsdString, GpuOsdBitmap> pictures;
+    int texts = 0;
+};
+
+std::vector<uint8_t> Pixel(const GpuOsdBitmap& canvas, int x, int y) {
+    const uint8_t* p = &canvas.pixels[(y * canvas.width + x) * 4];
+    return {p, p + 4};
+}
+
+TEST(GpuOsd, RecordDefaults) {
+    const std::pair<float, uint32_t> coverage[] = {{0.0f, 255}, {-1.0f, 255}, {std::nanf(""), 255}, {2.0f, 255}, {0.5f, 128}, {0.2f, 51}};
+    for (const auto& c : coverage) {
+        const OsdItem item = kiv::GpuOsdItemFromRecord(Record(1, 0, 0, 0, 4, 4, 0, c.first), kiv::kOsdRect);
+        EXPECT_EQ(std::vector<uint32_t>({kiv::GpuOsdCoverage(item.opacity), item.color, item.backColor, uint32_t(item.size)}),
+                  std::vector<uint32_t>({c.second, 0xFFFFFFFFu, 0x80000000u, 3}))
+            << c.first;
+    }
+    const OsdItem t = kiv::GpuOsdItemFromRecord(Record(1, 0, 0, 0, 4, 4, 0), kiv::kOsdText);
+    EXPECT_EQ(t.size, 36);
+    EXPECT_EQ(t.fontName, kivtest::Wide("Microsoft YaHei UI"));
+}
+
+TEST(GpuOsd, CommandsApplyInOrderWithSharedIds) {
+    auto item = [](int32_t id, int32_t kind, int32_t layer, const char* text) {
+        OsdItem i = kiv::GpuOsdItemFromRecord(Record(id, layer, 0, 0, 1, 1, 0), kind);
+        i.text = kivtest::Wide(text);
+        return i;
+    };
+    std::vector<OsdItem> items;
+    std::vector<kiv::GpuOsdCommand> batch = {
+        {kiv::kGpuOsdAddImage, 7, item(7, kiv::kOsdPicture, 5, "pic")}, {kiv::kGpuOsdAddText, 7, item(7, kiv::kOsdText, 2, "first")},
+        {kiv::kGpuOsdAddText, 7, item(7, kiv::kOsdText, 2, "second")}, {kiv::kGpuOsdAddRect, 9, item(9, kiv::kOsdRect, -1, "")},
+        {kiv::kGpuOsdUpdateText, 7, item(0, 0, 0, "changed")},        {42, 9, item(9, 0, 0, "")},  // unknown kinds are skipped
+    };
+    ASSERT_TRUE(kiv::ApplyGpuOsdCommands(batch, &items));
+    std::basic_string<KivWChar> texts;  // sorted by layer; equal layers keep their order
+    for (const OsdItem& i : items) texts += i.text + kivtest::Wide("|");
+    EXPECT_EQ(texts, kivtest::Wide("|changed|second|pic|"));
+    // Nothing to change: no update of a picture's id, no removal of an unknown id.
+    EXPECT_FALSE(kiv::ApplyGpuOsdCommands({{kiv::kGpuOsdUpdateText, 9, item(0, 0, 0, "x")}, {kiv::kGpuOsdRemove, 3, {}}}, &items));
+    EXPECT_TRUE(kiv::ApplyGpuOsdCommands({{kiv::kGpuOsdRemove, 7, {}}}, &items));
+    ASSERT_EQ(items.size(), 1u);
+    EXPECT_EQ(items[0].id, 9);
+    EXPECT_TRUE(kiv::ApplyGpuOsdCommands({{kiv::kGpuOsdClear, 0, {}}}, &items));
+    EXPECT_TRUE(items.empty());
+    EXPECT_FALSE(kiv::ApplyGpuOsdCommands({{kiv::kGpuOsdClear, 0, {}}}, &items));
+    kiv::GpuOsdCommandQueue queue;  // hands each command over once
+    for (int i = 0; i < 2; ++i) queue.Push(batch[i]);
+    for (size_t expected : {2u, 0u}) {
+        queue.TakeAll(&batch);
+        EXPECT_EQ(batch.size(), expected);
+    }
+    queue.Push({kiv::kGpuOsdClear, 0, {}});
+    queue.Clear();
+    queue.TakeAll(&batch);
+    EXPECT_TRUE(batch.empty());
+}
+
+// Rectangles: four bars per item, clipped, corners covered twice, layers drawn in ascending order.
+TEST(GpuOsd, RectanglesMatchABarByBarReference) {
+    const int W = 9, H = 7;
+    std::vector<OsdItem> items = {
+        kiv::GpuOsdItemFromRecord(Record(1, 4, 3, 2, 6, 5, 0x00FF0000, 0.5f), kiv::kOsdRect),  // on top
+        kiv::GpuOsdItemFromRecord(Record(2, 1, -2, -1, 8, 6, 0x8000FF00, 0.0f), kiv::kOsdRect),
+        kiv::GpuOsdItemFromRecord(Record(3, 9, 7, 5, 4, 4, 0xFF0000FF, 1.0f), kiv::kOsdRect),
+    };
+    items[1].size = 2;
+    items[2].visible = false;
+    GpuOsdBitmap canvas;
+    kiv::ComposeGpuOsdCanvas(items, W, H, nullptr, &canvas);
+    std::vector<uint8_t> want(W * H * 4, 0);
+    for (int index : {1, 0}) {
+        const OsdItem& it = items[index];
+        const int t = it.size;
+        const int bars[4][4] = {{it.x, it.y, it.width, t}, {it.x, it.y + it.height - t, it.width, t}, {it.x, it.y, t, it.height},
+                                {it.x + it.width - t, it.y, t, it.height}};
+        for (const auto& bar : bars)
+            for (int y = std::max(0, bar[1]); y < std::min(H, bar[1] + bar[3]); ++y)
+                for (int x = std::max(0, bar[0]); x < std::min(W, bar[0] + bar[2]); ++x)
+                    ReferenceOver(&want[(y * W + x) * 4], it.color & 0xFF, (it.color >> 8) & 0xFF, (it.color >> 16) & 0xFF,
+                                  kiv::GpuOsdCoverage(it.opacity));
+    }
+    EXPECT_EQ(canvas.pixels, want);
+    // Hand-worked: an opaque green bar pixel, a half-red corner covered twice over nothing.
+    EXPECT_EQ(Pixel(canvas, 0, 0), (std::vector<uint8_t>{0, 255, 0, 255}));
+    EXPECT_EQ(Pixel(canvas, 8, 2), (std::vector<uint8_t>{0, 0, 192, 192}));
+}
+
+TEST(GpuOsd, TextBlendsItsBrightnessAndClipsAtTheEdges) {
+    FakeRasterizer raster;
+    std::vector<OsdItem> items = {kiv::GpuOsdItemFromRecord(Record(1, 0, -2, 1, 6, 2, 0, 0.5f), kiv::kOsdText)};
+    GpuOsdBitmap canvas;
+    kiv::ComposeGpuOsdCanvas(items, 5, 4, &raster, &canvas);
+    for (int y = 0; y < 4; ++y) {
+        for (int x = 0; x < 5; ++x) {
+            const int column = x + 2;  // text column drawn here
+            std::vector<uint8_t> want(4, 0);
+            if (y >= 1 && y <= 2 && column < 6 && column > 0) {
+                const uint8_t grey = static_cast<uint8_t>(column * 40), red = static_cast<uint8_t>(column * 10);
+                ReferenceOver(want.data(), grey, grey, red, (std::min(2u * grey + red, 255u) * 128 + 127) / 255);
+            }
+            EXPECT_EQ(Pixel(canvas, x, y), want) << x << "," << y;
+        }
+    }
+    // Without a rasteriser, or without a size, text is skipped.
+    kiv::ComposeGpuOsdCanvas(items, 5, 4, nullptr, &canvas);
+    EXPECT_EQ(canvas.pixels, std::vector<uint8_t>(5 * 4 * 4, 0));
+    items[0].width = 0;
+    kiv::ComposeGpuOsdCanvas(items, 5, 4, &raster, &canvas);
+    EXPECT_EQ(raster.texts, 1);
+}
+
+TEST(GpuOsd, PicturesScaleByNearestNeighbourWithTheirAlpha) {
+    FakeRasterizer raster;
+    GpuOsdBitmap& picture = raster.pictures[kivtest::Wide("p.png")];
+    picture.width = picture.height = 2;
+    picture.pixels = {10, 20, 30, 255, 40, 50, 60, 128, 70, 80, 90, 0, 100, 110, 120, 255};
+    KivVideoOsdItem r = Record(1, 0, 1, -1, 4, 4, 0, 0.5f);
+    r.backColor = 0xFF1E140A, r.transparent = 1;  // would be a colour key on the CPU: not here
+    OsdItem scaled = kiv::GpuOsdItemFromRecord(r, kiv::kOsdPicture);
+    scaled.imagePath = kivtest::Wide("p.png");
+    OsdItem natural = scaled, single = scaled, missing = scaled;
+    natural.width = natural.height = 0, natural.x = 4, natural.y = 3, natural.opacity = 1.0f;  // own size, bottom right
+    single.width = single.height = 1, single.x = 0, single.y = 3, single.opacity = 1.0f;      // the top-left pixel only
+    missing.imagePath = kivtest::Wide("none.png");
+    GpuOsdBitmap canvas;
+    kiv::ComposeGpuOsdCanvas({scaled, natural, single, missing}, 5, 4, &raster, &canvas);
+    std::vector<uint8_t> want(5 * 4 * 4, 0);
+    auto put = [&](int x, int y, int sx, int sy, float alpha) {
+        if (x < 0 || x >= 5 || y < 0 || y >= 4) return;
+        const uint8_t* s = &picture.pixels[(sy * 2 + sx) * 4];
+        ReferenceOver(&want[(y * 5 + x) * 4], s[0], s[1], s[2], static_cast<uint32_t>(s[3] * alpha + 0.5f));
+    };
+    for (int i = 0; i < 16; ++i) put(1 + i % 4, -1 + i / 4, i % 4 / 2, i / 8, 0.5f);
+    for (int i = 0; i < 4; ++i) put(4 + i % 2, 3 + i / 2, i % 2, i / 2, 1.0f);
+    put(0, 3, 0, 0, 1.0f);
+    EXPECT_EQ(canvas.pixels, want);
+    EXPECT_EQ(Pixel(canvas, 1, 0)[3], 128);  // the key colour pixel (source alpha 255) was drawn, half covered
+}
+
+// Writes what the recorder asks of it as events into one line ("open <file> <w>x<h> ...|v <time>+<duration>|");
+// fails what the script says.
+struct SinkScript {
+    int32_t openResult = KIV_OK;
+    bool audioReady = true;
+    int zeroCopyFailsFrom = -1;  // video sample index from which zero-copy fails
+    uint32_t audioResult = 0;
+    void* device = nullptr;  // the render device the recording expects
+    int videoSamples = 0;
+    std::string events;
+    void Add(const std::string& event) { events += event + "|"; }
+};
+
+class FakeSink : public kiv::GpuRecordSink {
+public:
+    explicit FakeSink(SinkScript* script) : s_(script) {}
+    int32_t Open(void* device, const kiv::GpuRecordSettings& st, int32_t width, int32_t height, bool* audioReady) override {
+        char text[160];
+        std::snprintf(text, sizeof text, "open %s %dx%d fps=%d audio=%d %d/%d/%d%s", std::string(st.file.begin(), st.file.end()).c_str(),
+                      width, height, st.fps, int(st.audio), st.sampleRate, st.channels, st.audioBitrate,
+                      device == s_->device ? "" : " new device");
+        s_->Add(text);
+        s_->videoSamples = 0;
+        *audioReady = s_->audioReady;
+        return s_->openResult;
+    }
+    int32_t Convert(void* texture) override { return texture == &texture_ ? KIV_OK : KIV_ERROR_FAILED; }  // the final texture
+    uint32_t WriteVideoZeroCopy(int64_t time, int64_t duration) override {
+        if (s_->zeroCopyFailsFrom >= 0 && s_->videoSamples >= s_->zeroCopyFailsFrom) return 0x887A0001u;
+        return Video("v", time, duration);
+    }
+    int32_t WriteVideoCopied(int64_t time, int64_t duration) override { return Video("copy", time, duration); }
+    uint32_t WriteAudio(const uint8_t*, uint32_t bytes, int64_t time, int64_t duration) override {
+        if (s_->audioResult == 0) s_->Add("a " + std::to_string(time) + "+" + std::to_string(duration) + " " + std::to_string(bytes));
+        return s_->audioResult;
+    }
+    void Finalize() override { s_->Add("end"); }
+    inline static int texture_ = 0;
+
+private:
+    int32_t Video(const char* kind, int64_t time, int64_t duration) {
+        ++s_->videoSamples;
+        s_->Add(kind + (" " + std::to_string(time)) + "+" + std::to_string(duration));
+        return 0;
+    }
+    SinkScript* s_;
+};
+
+KivGpuRecordConfig Request(const char* file, int32_t fps, int32_t audio, int32_t rate = 0, int32_t channels = 0) {
+    KivGpuRecordConfig r{};
+    const auto wide = kivtest::Wide(file);
+    std::copy(wide.begin(), wide.end(), r.file);
+    r.fps = fps, r.bitrate = 4000000, r.audio = audio, r.sampleRate = rate, r.channels = channels;
+    return r;
+}
+
+class GpuRecorderTest : public GpuTest {
+protected:
+    int32_t Submit(int count = 1, int32_t width = 8, int32_t height = 8) {
+        int32_t result = KIV_OK;
+        for (int i = 0; i < count && result == KIV_OK; ++i) result = recorder.SubmitFrame(script.device, &FakeSink::texture_, width, height);
+        return result;
+    }
+    int32_t Audio(int32_t rate, int32_t channels, uint32_t bytes, int32_t bits = 16) {
+        const KivAudioFrame frame{pcm.data(), bytes, rate, channels, bits, 0, 0};
+        return recorder.WriteAudio(frame);
+    }
+    // Hands over the events so far.
+    std::string Events() { return std::exchange(script.events, std::string()); }
+    SinkScript script{KIV_OK, true, -1, 0, &script, 0, {}};
+    kiv::GpuRecorder recorder{[this] { return std::make_unique<FakeSink>(&script); }};
+    std::vector<uint8_t> pcm = std::vector<uint8_t>(4096);  // no frame is longer
+};
+
+TEST_F(GpuRecorderTest, DefaultsCountedVideoTimesAndTheZeroCopyFallback) {
+    const int64_t cases[][3] = {{0, 30, 333333}, {-5, 30, 333333}, {25, 25, 400000}, {60, 60, 166666}};  // fps asked, used; duration
+    for (const auto& c : cases) {
+        ASSERT_EQ(recorder.Arm(Request("a.mp4", int32_t(c[0]), 1)), KIV_OK);
+        ASSERT_EQ(Submit(3, 641, 359), KIV_OK);  // odd sizes go to the writer as they are
+        recorder.Stop();
+        std::string want = "open a.mp4 641x359 fps=" + std::to_string(c[1]) + " audio=1 48000/2/128000|";
+        for (int i = 0; i < 3; ++i) want += "v " + std::to_string(i * c[2]) + "+" + std::to_string(c[2]) + "|";
+        EXPECT_EQ(Events(), want + "end|") << c[0];
+    }
+    // A zero-copy failure switches to copies for the rest of the recording, logged once; a new recording
+    // starts over: new writer, times from 0, zero-copy tried.
+    script.zeroCopyFailsFrom = 1;
+    ASSERT_EQ(recorder.Arm(Request("b.mp4", 50, 0)), KIV_OK);
+    ASSERT_EQ(Submit(4), KIV_OK);
+    recorder.Stop();
+    script.zeroCopyFailsFrom = -1;
+    ASSERT_EQ(recorder.Arm(Request("c.mp4", 50, 0)), KIV_OK);
+    ASSERT_EQ(Submit(), KIV_OK);
+    EXPECT_EQ(Events(), "open b.mp4 8x8 fps=50 audio=0 48000/2/128000|v 0+200000|copy 200000+200000|copy 400000+200000|"
+                        "copy 600000+200000|end|open c.mp4 8x8 fps=50 audio=0 48000/2/128000|v 0+200000|");
+    EXPECT_EQ(kivtest::CountOf(kivtest::LibraryLog(), "GPU recorder DXGI WriteSample failed hr=0x887A0001, switch to NV12 staging fallback"), 1u);
+}
+
+TEST_F(GpuRecorderTest, ArmingStoppingAndRetries) {
+    EXPECT_EQ(Submit(), KIV_OK);  // idle: nothing made
+    recorder.Stop();              // stop without start
+    EXPECT_EQ(recorder.Arm(Request("", 30, 0)), KIV_ERROR_INVALID_ARG);
+    EXPECT_FALSE(recorder.Armed());
+    EXPECT_EQ(Events(), "");
+    EXPECT_EQ(kiv::GpuRecorder().Arm(Request("x", 30, 0)), KIV_OK);  // a one-character name is a name
+    KivGpuRecordConfig full = Request("", 30, 0);                     // a name filling the field ends with it
+    std::fill(std::begin(full.file), std::end(full.file), 'a');
+    full.reserved0 = 0x62;
+    EXPECT_EQ(kiv::GpuRecordSettingsFrom(full).file.size(), 260u);
+    ASSERT_EQ(recorder.Arm(Request("first.mp4", 24, 0)), KIV_OK);
+    ASSERT_EQ(recorder.Arm(Request("second.mp4", 60, 1)), KIV_OK);  // keeps the first request
+    EXPECT_TRUE(recorder.Armed());
+    EXPECT_EQ(recorder.FrameDuration(), 416666);
+    // A failed setup is dropped and tried again with the next frame; a new render device after a loss closes
+    // the writer and opens another.
+    script.openResult = KIV_ERROR_FAILED;
+    EXPECT_EQ(Submit(), KIV_ERROR_FAILED);
+    script.openResult = KIV_OK;
+    EXPECT_EQ(Submit(), KIV_OK);
+    int otherDevice = 0;
+    EXPECT_EQ(recorder.SubmitFrame(&otherDevice, &FakeSink::texture_, 8, 8), KIV_OK);
+    recorder.Stop();
+    recorder.Stop();
+    EXPECT_FALSE(recorder.Armed());
+    const std::string open = "open first.mp4 8x8 fps=24 audio=0 48000/2/128000";
+    EXPECT_EQ(Events(), open + "|" + open + "|v 0+416666|end|" + open + " new device|v 416666+416666|end|");
+    const std::string log = kivtest::LibraryLog();
+    EXPECT_EQ(kivtest::CountOf(log, "GPU FinalFrame recorder armed file=first.mp4 fps=24 bitrate=4000000 audio=0 sr=48000 ch=2"), 1u);
+    EXPECT_EQ(kivtest::CountOf(log, "second.mp4"), 0u);
+    EXPECT_TRUE(Logged("GPU recorder initialized FinalTexture->NV12->MF H264 size=8x8 fps=24 bitrate=4000000 audio=0 dxgi_zero_copy=1"));
+}
+
+TEST_F(GpuRecorderTest, AudioIsTimedByItsLengthAndMismatchesAreLoggedOncePerRecording) {
+    EXPECT_EQ(Audio(48000, 2, 1920), KIV_OK);  // not armed
+    ASSERT_EQ(recorder.Arm(Request("d.mp4", 30, 1, 48000, 2)), KIV_OK);
+    EXPECT_EQ(Audio(48000, 2, 1920), KIV_OK);  // no writer yet
+    ASSERT_EQ(Submit(), KIV_OK);
+    EXPECT_EQ(Audio(48000, 2, 1920), KIV_OK);      // 480 sample frames: 100000
+    EXPECT_EQ(Audio(44100, 2, 1764), KIV_OK);      // wrong rate: dropped
+    EXPECT_EQ(Audio(48000, 1, 960), KIV_OK);       // wrong channel count: dropped
+    EXPECT_EQ(Audio(48000, 2, 1920, 24), KIV_OK);  // wrong depth: dropped
+    EXPECT_EQ(Audio(48000, 2, 4), KIV_OK);         // 1 sample frame: 208
+    EXPECT_EQ(Audio(48000, 2, 0), KIV_OK);         // empty: ignored
+    EXPECT_EQ(Audio(48000, 2, 3840), KIV_OK);      // 960: 200000
+    EXPECT_EQ(Events(), "open d.mp4 8x8 fps=30 audio=1 48000/2/128000|v 0+333333|a 0+100000 1920|a 100000+208 4|a 100208+200000 3840|");
+    EXPECT_EQ(kivtest::CountOf(kivtest::LibraryLog(), "GPU recorder audio frame mismatch"), 1u);
+    EXPECT_TRUE(Logged("GPU recorder audio frame mismatch, expect 48000 Hz 2 ch 16-bit, got 44100 Hz 2 ch 16-bit"));
+    script.audioResult = 0x80004005u;
+    EXPECT_EQ(Audio(48000, 2, 1920), KIV_ERROR_FAILED);
+    EXPECT_TRUE(Logged("GPU recorder WriteAudioSample failed hr=0x80004005"));
+    // An audio stream the platform could not set up turns sound off for that recording; the next recording
+    // logs its first mismatch again.
+    script.audioResult = 0;
+    for (bool ready : {false, true}) {
+        recorder.Stop();
+        script.audioReady = ready;
+        ASSERT_EQ(recorder.Arm(Request("e.mp4", 30, 1, 48000, 2)), KIV_OK);
+        ASSERT_EQ(Submit(), KIV_OK);
+        EXPECT_EQ(Audio(ready ? 44100 : 48000, 2, 1920), KIV_OK);
+    }
+    EXPECT_EQ(Events(), "end|open e.mp4 8x8 fps=30 audio=1 48000/2/128000|v 0+333333|end|open e.mp4 8x8 fps=30 audio=1 48000/2/128000|v 0+333333|");
+    EXPECT_EQ(kivtest::CountOf(kivtest::LibraryLog(), "GPU recorder audio frame mismatch"), 2u);
+}
+
+class GpuApiTest : public GpuTest {
+protected:
+    void SetUp() override {
+        GpuTest::SetUp();
+        render = KIV_CreateVideoRender(nullptr);
+        ASSERT_NE(render, nullptr);
+        stages = dynamic_cast<KivRenderGpuStages*>(&static_cast<KivVideoRender*>(static_cast<KivPortBase*>(render))->Stages());
+        ASSERT_NE(stages, nullptr);
+    }
+    void TearDown() override {
+        KIV_DestroyPort(render);
+        GpuTest::TearDown();
+    }
+    kivtest::LibraryScope library;
+    void* render = nullptr;
+    KivRenderGpuStages* stages = nullptr;
+};
+
+TEST_F(GpuApiTest, GpuRequestsMoveThePortToTheGpuPipelineAndLeavingItTearsThemDown) {
+    KivVideoRenderLutConfig config{1, 1, 0, 0, 0, 1.5f};
+    EXPECT_EQ(KIV_SetVideoRenderLutConfig(render, &config), KIV_ERROR_INVALID_ARG);
+    EXPECT_EQ(KIV_ClearVideoRenderGpuOsd(render), KIV_OK);
+    EXPECT_EQ(KIV_GetVideoRenderPipelineMode(render), 0);  // neither a refused request nor a clear changes the mode
+    config.strength = 0.5f;
+    KivVideoOsdItem item{};
+    item.id = 7, item.visible = 1;
+    const KivGpuRecordConfig record = Request((dir + "/r.mp4").c_str(), 0, 0);
+    const std::vector<std::function<int32_t()>> requests = {
+        [&] { return KIV_SetVideoRenderLutConfig(render, &config); },
+        [&] { return KIV_AddVideoRenderGpuOsdText(render, &item); },
+        [&] { return KIV_AddVideoRenderGpuOsdImage(render, &item); },
+        [&] { return KIV_AddVideoRenderGpuOsdRect(render, &item); },
+        [&] { return KIV_UpdateVideoRenderGpuOsdText(render, 7, nullptr); },
+        [&] { return KIV_RemoveVideoRenderGpuOsdItem(render, 7); },
+        [&] { return KIV_StartVideoRenderGpuRecord(render, &record); },
+    };
+    for (size_t i = 0; i < requests.size(); ++i) {
+        ASSERT_EQ(KIV_SetVideoRenderPipelineMode(render, 0), KIV_OK);
+        EXPECT_EQ(requests[i](), KIV_OK);
+        EXPECT_EQ(KIV_GetVideoRenderPipelineMode(render), 1) << i;
+    }
+    EXPECT_EQ(KIV_IsVideoRenderGpuRecording(render), 1);
+    EXPECT_EQ(KIV_StartVideoRenderGpuRecord(render, &record), KIV_OK);  // already armed
+    // Leaving the GPU pipeline stops the recorder and resets the LUT.
+    ASSERT_EQ(KIV_SetVideoRenderPipelineMode(render, 0), KIV_OK);
+    EXPECT_EQ(KIV_IsVideoRenderGpuRecording(render), 0);
+    EXPECT_FALSE(stages->LutActive());
+    EXPECT_EQ(stages->ColorSettings().strength, 1.0f);
+    EXPECT_EQ(KIV_StopVideoRenderGpuRecord(render), KIV_OK);  // stop without start
+}
+
+TEST_F(GpuApiTest, LutConfigurationAppliesAtOnceWhenTheRenderSideIsFree) {
+    ASSERT_EQ(KIV_LoadVideoRenderCubeFile(render, File("g.cube", Cube(8, "0 1 0\n", "LUT_3D_SIZE 2\n")).c_str()), KIV_OK);
+    EXPECT_FALSE(stages->LutActive());  // a cube waits for the render side
+    KivVideoRenderLutConfig config{3, 1, 9, 2, 1, 0.25f};
+    ASSERT_EQ(KIV_SetVideoRenderLutConfig(render, &config), KIV_OK);
+    EXPECT_TRUE(stages->LutActive());  // applied together with the configuration
+    const KivRenderColorSettings c = stages->ColorSettings();
+    EXPECT_EQ(std::vector<float>({float(c.colorSpace), float(c.colorRange), c.strength}), std::vector<float>({2, 1, 0.25f}));
+    EXPECT_EQ(KIV_ClearVideoRenderLut(render), KIV_OK);
+    EXPECT_FALSE(stages->LutActive());
+    EXPECT_TRUE(Logged("Render GPU LUT config queued processor=3 enable=1 strength=0.250"));
+    EXPECT_TRUE(Logged("Render GPU LUT clear applied on render thread"));
+}
+
+TEST_F(GpuApiTest, SnapshotAndHandleChecks) {
+    const auto path = kivtest::Wide(dir + "/s.bmp");
+    EXPECT_EQ(KIV_SaveVideoRenderSnapshot(render, path.c_str(), 1), KIV_ERROR_FAILED);
+    EXPECT_TRUE(Logged("Snapshot failed: no rendered frame is available"));
+    void* mux = KIV_CreateVideoMux();
+    KivVideoOsdItem item{};
+    KivVideoRenderLutConfig config{};
+    KivGpuRecordConfig record = Request("x", 0, 0), unnamed = Request("", 0, 0);
+    const std::vector<int32_t> results = {
+        KIV_SaveVideoRenderSnapshot(render, kivtest::Wide(dir + "/s.png").c_str(), 3), KIV_SaveVideoRenderSnapshot(render, nullptr, 1),
+        KIV_SetVideoRenderLutConfig(mux, &config), KIV_LoadVideoRenderCubeFile(mux, path.c_str()),
+        KIV_ClearVideoRenderLut(mux), KIV_SaveVideoRenderSnapshot(mux, path.c_str(), 1),
+        KIV_AddVideoRenderGpuOsdText(mux, &item), KIV_AddVideoRenderGpuOsdImage(mux, &item),
+        KIV_AddVideoRenderGpuOsdRect(mux, &item), KIV_UpdateVideoRenderGpuOsdText(mux, 1, path.c_str()),
+        KIV_RemoveVideoRenderGpuOsdItem(mux, 1), KIV_ClearVideoRenderGpuOsd(mux),
+        KIV_StartVideoRenderGpuRecord(mux, &record), KIV_StopVideoRenderGpuRecord(mux),
+        KIV_AddVideoRenderGpuOsdRect(render, nullptr), KIV_SetVideoRenderLutConfig(render, nullptr),
+        KIV_StartVideoRenderGpuRecord(render, nullptr), KIV_StartVideoRenderGpuRecord(render, &unnamed)};
+    EXPECT_EQ(results, std::vector<int32_t>(results.size(), KIV_ERROR_INVALID_ARG));
+    EXPECT_EQ(KIV_IsVideoRenderGpuRecording(mux), 0);
+    EXPECT_EQ(KIV_GetVideoRenderPipelineMode(render), 0);
+    KIV_DestroyPort(mux);
+    // Rows packed to tight BGR (a stride of 16 bytes: 4 of padding; alpha dropped); bad arguments touch no file.
+    std::vector<uint8_t> bgra(32, 0xEE), rows;
+    for (int i = 0; i < 12; ++i) bgra[i] = static_cast<uint8_t>(i + 1), bgra[16 + i] = static_cast<uint8_t>(101 + i);
+    kiv::PackBgr24Rows(bgra.data(), 3, 2, 16, &rows);
+    EXPECT_EQ(rows, (std::vector<uint8_t>{1, 2, 3, 5, 6, 7, 9, 10, 11, 101, 102, 103, 105, 106, 107, 109, 110, 111}));
+    const KivWChar empty[1] = {0};
+    const uint8_t pixel[4] = {1, 2, 3, 4};
+    const struct {
+        const KivWChar* path;
+        int32_t format;
+        const uint8_t* pixels;
+        int32_t w, h, stride;
+    } cases[] = {
+        {nullptr, 1, pixel, 1, 1, 4},       {empty, 1, pixel, 1, 1, 4},          {path.c_str(), 3, pixel, 1, 1, 4},
+        {path.c_str(), 0, pixel, 1, 1, 4},  {path.c_str(), 1, nullptr, 1, 1, 4}, {path.c_str(), 2, pixel, 0, 1, 4},
+        {path.c_str(), 2, pixel, 1, -1, 4}, {path.c_str(), 2, pixel, 1, 1, 0},
+    };
+    for (const auto& c : cases) EXPECT_EQ(kiv::SaveSnapshotImage(c.path, c.format, c.pixels, c.w, c.h, c.stride), KIV_ERROR_INVALID_ARG);
+    EXPECT_TRUE(kivtest::ReadFile(dir + "/s.bmp").empty());
+}
+
+}  // namespace
