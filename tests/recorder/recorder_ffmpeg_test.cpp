@@ -1,7 +1,6 @@
 // H.264 streams made by ffmpeg, pushed access unit by access unit through a
-// frame source into a recorder as an application would, and the files
-// checked with ffprobe and ffmpeg: frame count, frame rate, duration and
-// decoded pictures identical to the input's.
+// frame source into a recorder as an application would; the files are checked
+// with ffprobe and ffmpeg: frame count, rate, duration and decoded pictures.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -26,13 +25,13 @@ std::map<std::string, std::string> ProbeVideo(const std::string& file) {
                  "stream=codec_name,avg_frame_rate,nb_read_frames,nb_read_packets:format=duration '" + file + "'");
 }
 
+struct Stream {
+    std::vector<Bytes> units;  // access units in Annex B form
+    std::vector<std::string> hashes;  // of the decoded pictures
+};
+
 class RecorderFfmpeg : public ::testing::Test {
 protected:
-    struct Stream {
-        std::string path;
-        std::vector<Bytes> units;  // access units in Annex B form
-        std::vector<std::string> hashes;  // of the decoded pictures
-    };
     static void SetUpTestSuite() {
         if (!HaveFfmpegTools()) return;
         const std::string dir = kivtest::TempDir("recorder_ffmpeg_streams");
@@ -46,7 +45,7 @@ protected:
             if (streamtest::Run("ffmpeg -v error -y -f lavfi -i 'testsrc=size=320x240:rate=25,noise=alls=40:allf=t' -frames:v " +
                     std::to_string(kFrames) + " -pix_fmt yuv420p -c:v libx264 -preset veryfast -threads 1 " + k.second +
                     " -crf 20 -g 25 -x264-params scenecut=0 -bsf:v h264_metadata=aud=insert -f h264 '" + path + "'") == 0)
-                streams_[k.first] = Stream{path, SplitAccessUnits(ReadAll(path)), DecodedFrameHashes(path)};
+                streams_[k.first] = Stream{SplitAccessUnits(ReadAll(path)), DecodedFrameHashes(path)};
         }
     }
     void SetUp() override {
@@ -58,8 +57,7 @@ protected:
     const Stream& Get(const std::string& name) {
         EXPECT_EQ(streams_.count(name), 1u) << "ffmpeg could not make " << name;
         const Stream& s = streams_[name];
-        EXPECT_EQ(s.units.size(), size_t(kFrames));
-        EXPECT_EQ(s.hashes.size(), size_t(kFrames));
+        EXPECT_EQ(std::make_pair(s.units.size(), s.hashes.size()), std::make_pair(size_t(kFrames), size_t(kFrames)));
         return s;
     }
 
@@ -116,7 +114,7 @@ protected:
     static std::map<std::string, Stream> streams_;
 };
 
-std::map<std::string, RecorderFfmpeg::Stream> RecorderFfmpeg::streams_;
+std::map<std::string, Stream> RecorderFfmpeg::streams_;
 
 TEST_F(RecorderFfmpeg, EveryProfileAndFramingRecordsTheSamePictures) {
     for (const auto& c : std::vector<std::pair<std::string, bool>>{
@@ -129,9 +127,8 @@ TEST_F(RecorderFfmpeg, EveryProfileAndFramingRecordsTheSamePictures) {
         EXPECT_EQ(std::vector<int64_t>({stats.inputFrames, stats.encodedFrames, stats.droppedFrames, stats.videoPackets}),
                   std::vector<int64_t>({kFrames, kFrames, 0, kFrames}));
         auto p = ProbeVideo(out);
-        EXPECT_EQ(p["codec_name"], "h264") << out;
-        EXPECT_EQ(p["nb_read_frames"], std::to_string(kFrames));
-        EXPECT_EQ(p["avg_frame_rate"], "25/1");
+        EXPECT_EQ(std::vector<std::string>({p["codec_name"], p["nb_read_frames"], p["avg_frame_rate"]}),
+                  std::vector<std::string>({"h264", std::to_string(kFrames), "25/1"}));
         EXPECT_NEAR(std::atof(p["duration"].c_str()), kFrames / 25.0, 0.001);
         EXPECT_EQ(DecodedFrameHashes(out), s.hashes);
 
@@ -151,14 +148,13 @@ TEST_F(RecorderFfmpeg, EveryProfileAndFramingRecordsTheSamePictures) {
     }
 }
 
+// Started in the middle of the first group of pictures: P slices without
+// SPS/PPS until the key frame of frame 25.
 TEST_F(RecorderFfmpeg, FramesBeforeTheFirstParameterSetsAreDropped) {
     const Stream& s = Get("high_nobframes");
-    // Start in the middle of the first group of pictures: P slices without
-    // SPS/PPS until the key frame of frame 25.
     const std::string out = kivtest::TempDir("recorder_ffmpeg_late") + "/late.mp4";
     const KivRecorderStats stats = Record(std::vector<Bytes>(s.units.begin() + 5, s.units.end()), out);
-    EXPECT_EQ(stats.droppedFrames, 20);
-    EXPECT_EQ(stats.encodedFrames, kFrames - 25);
+    EXPECT_EQ(std::make_pair(stats.droppedFrames, stats.encodedFrames), std::make_pair(int64_t(20), int64_t(kFrames - 25)));
     EXPECT_EQ(DecodedFrameHashes(out), std::vector<std::string>(s.hashes.begin() + 25, s.hashes.end()));
 }
 
@@ -172,23 +168,24 @@ TEST_F(RecorderFfmpeg, AudioWithoutAnEncoderLeavesAVideoOnlyFile) {
     EXPECT_EQ(Record(s.units, out, 0, 0, nullptr, false, &pcm.frame).audioPackets, 0);
     const std::string log = kivtest::LibraryLog();
     KIV_EnableLog(0);
-    EXPECT_NE(log.find("] AAC encoder MFTEnumEx failed hr=0x"), std::string::npos);
-    EXPECT_NE(log.find("] Raw H264 custom MP4 AAC encoder init failed sr=48000 ch=2\r\n"), std::string::npos);
-    EXPECT_NE(log.find("] Raw H264 custom MP4 finalize segment=0 file=" + out + " ok=1 "), std::string::npos) << log;
+    for (const std::string& line : {"] AAC encoder MFTEnumEx failed hr=0x" + std::string(),
+                                    "] Raw H264 custom MP4 AAC encoder init failed sr=48000 ch=2\r\n" + std::string(),
+                                    "] Raw H264 custom MP4 finalize segment=0 file=" + out + " ok=1 "})
+        EXPECT_NE(log.find(line), std::string::npos) << line << log;
     std::string streams;
     streamtest::Run("ffprobe -v error -show_entries stream=codec_type -of csv=p=0 '" + out + "'", &streams);
     EXPECT_EQ(streams, "video\n");
     EXPECT_EQ(DecodedFrameHashes(out), s.hashes);
 }
 
+// One-second segments at 25 frames a second begin on the key frames of this
+// 25-frame group structure, so each one decodes on its own.
 TEST_F(RecorderFfmpeg, TimeSplitSegmentsTogetherHoldEveryFrame) {
     const Stream& s = Get("main_bframes");
     const std::string dir = kivtest::TempDir("recorder_ffmpeg_timesplit");
     EXPECT_EQ(Record(s.units, dir + "/part.mp4", KIV_RECORD_SPLIT_TIME).encodedFrames, kFrames);
     const std::vector<std::string> files = Mp4Files(dir);
     ASSERT_EQ(files.size(), 3u);
-    // One-second segments at 25 frames a second begin on the key frames of
-    // this 25-frame group structure, so each one decodes on its own.
     std::vector<std::string> joined;
     for (size_t i = 0; i < files.size(); ++i) {
         EXPECT_NE(files[i].find("_000" + std::to_string(i + 1) + ".mp4"), std::string::npos) << files[i];
@@ -213,13 +210,11 @@ TEST_F(RecorderFfmpeg, SizeSplitSegmentsOpenAndHoldEveryFrame) {
         const int n = std::atoi(ProbeVideo(f)["nb_read_packets"].c_str());
         EXPECT_GT(n, 0) << f;
         packets += n;
-        // A file is closed once it reached the limit: it overshoots by at most
-        // one frame (and the index).
+        // Closed once it reached the limit: over by at most one frame (and the index).
         EXPECT_LT(fs::file_size(f), limit + 200000) << f;
     }
     EXPECT_EQ(packets, kFrames);
-    // The first segment starts at the stream's start and decodes exactly.
-    const std::vector<std::string> first = DecodedFrameHashes(files[0]);
+    const std::vector<std::string> first = DecodedFrameHashes(files[0]);  // from the stream's start, exactly
     ASSERT_LE(first.size(), s.hashes.size());
     EXPECT_EQ(first, std::vector<std::string>(s.hashes.begin(), s.hashes.begin() + ptrdiff_t(first.size())));
 }

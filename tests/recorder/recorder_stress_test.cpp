@@ -36,10 +36,8 @@ TEST(RecorderStress, StartSplitStopWhileFramesFlow) {
     });
     std::thread audio([&] {
         rectest::SilentPcm pcm(48000, 2, 960);
-        while (!done.load()) {
+        for (; !done.load(); std::this_thread::sleep_for(std::chrono::microseconds(500)))
             EXPECT_EQ(static_cast<KivPortBase*>(rec)->OnAudioFrame(&pcm.frame), KIV_OK);
-            std::this_thread::sleep_for(std::chrono::microseconds(500));
-        }
     });
     std::thread observer([&] {
         for (int i = 0; !done.load(); ++i) {
@@ -64,9 +62,7 @@ TEST(RecorderStress, StartSplitStopWhileFramesFlow) {
         ASSERT_EQ(KIV_Stop(rec), KIV_OK);
     }
     done.store(true);
-    video.join();
-    audio.join();
-    observer.join();
+    for (std::thread* t : {&video, &audio, &observer}) t->join();
     EXPECT_EQ(KIV_Disconnect(source, rec), KIV_OK);
     EXPECT_EQ(KIV_DestroyPort(rec), KIV_OK);
     EXPECT_EQ(KIV_DestroyPort(source), KIV_OK);
@@ -75,9 +71,8 @@ TEST(RecorderStress, StartSplitStopWhileFramesFlow) {
     // How many files the rounds open depends on the machine's speed.
     int files = 0;
     for (const auto& e : std::filesystem::directory_iterator(dir)) {
-        const std::string bytes = kivtest::ReadFile(e.path().string());
         ++files;
-        EXPECT_NE(bytes.find("moov"), std::string::npos) << e.path();
+        EXPECT_NE(kivtest::ReadFile(e.path().string()).find("moov"), std::string::npos) << e.path();
     }
     EXPECT_GT(files, 0);
 }

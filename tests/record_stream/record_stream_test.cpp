@@ -1,0 +1,510 @@
+// The H.264 stream reader, the MP4 writer, the buffered file writer and the
+// AAC configuration on hand-built input. Real encoder output is decoded by
+// ffmpeg in ffmpeg_roundtrip_test.cpp (sample bytes, the avcC record).
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <sstream>
+#include <tuple>
+
+#include "aac_config.h"
+#include "aac_encoder.h"
+#include "file_writer.h"
+#include "h264_stream.h"
+#include "mp4_writer.h"
+#include "stream_test_util.h"
+#include "test_support.h"
+
+using namespace streamtest;
+
+extern std::atomic<bool> g_countAllocs;  // alloc_counter.cpp
+extern std::atomic<int> g_allocs;
+
+namespace {
+
+struct SpsFields {
+    uint32_t profile = 77, constraints = 0x40, level = 31, chroma = 1;
+    bool separatePlanes = false;  // 4:4:4 coded as three monochrome pictures
+    uint32_t lumaMinus8 = 0, chromaMinus8 = 0;
+    bool scalingLists = false;
+    uint32_t pocType = 0, widthMbsMinus1 = 19, heightUnitsMinus1 = 14;
+    bool frameMbsOnly = true;
+    uint32_t crop[4] = {0, 0, 0, 0};  // left, right, top, bottom
+};
+
+Bytes Sps(void (*edit)(SpsFields&) = nullptr) {
+    SpsFields f;
+    if (edit) edit(f);
+    const std::vector<uint32_t> chromaProfiles = {44, 83, 86, 100, 110, 118, 122, 128, 134, 138, 139, 244};
+    BitWriter w;
+    w.Bits(f.profile, 8);
+    w.Bits(f.constraints, 8);
+    w.Bits(f.level, 8);
+    w.Ue(0);  // seq_parameter_set_id
+    if (std::count(chromaProfiles.begin(), chromaProfiles.end(), f.profile)) {
+        w.Ue(f.chroma);
+        if (f.chroma == 3) w.Bit(f.separatePlanes);
+        w.Ue(f.lumaMinus8);
+        w.Ue(f.chromaMinus8);
+        w.Bit(0);
+        w.Bit(f.scalingLists);
+        for (int i = 0; f.scalingLists && i < (f.chroma != 3 ? 8 : 12); ++i) {
+            w.Bit(i % 3 == 0);
+            for (int j = 0; i % 3 == 0 && j < (i < 6 ? 16 : 64); ++j) w.Se(j % 5 - 2);
+        }
+    }
+    w.Ue(0);  // log2_max_frame_num_minus4
+    w.Ue(f.pocType);
+    if (f.pocType == 0) w.Ue(2);
+    if (f.pocType == 1) w.Bit(0), w.Se(-3), w.Se(4), w.Ue(2), w.Se(1), w.Se(-1);
+    w.Ue(1);  // max_num_ref_frames
+    w.Bit(0);
+    w.Ue(f.widthMbsMinus1);
+    w.Ue(f.heightUnitsMinus1);
+    w.Bit(f.frameMbsOnly);
+    if (!f.frameMbsOnly) w.Bit(0);
+    w.Bit(1);
+    const bool cropping = f.crop[0] || f.crop[1] || f.crop[2] || f.crop[3];
+    w.Bit(cropping);
+    for (uint32_t c : f.crop)
+        if (cropping) w.Ue(c);
+    w.Bit(0);  // no VUI
+    return Nal(0x67, w.Finish());
+}
+
+Bytes Concat(std::initializer_list<Bytes> parts) {
+    Bytes out;
+    for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
+const Bytes kSps = Sps();  // Main, level 3.1, 320x240
+const Bytes kPps = {0x68, 0xEE, 0x3C, 0x80};
+const Bytes kIdr = {0x65, 0x88, 0x84, 0x00, 0x33, 0x21};
+const Bytes kSlice = {0x41, 0x9A, 0x02, 0x04};
+
+TEST(H264Framing, EachFramingIsRecognisedAndRewrittenAsAnnexB) {
+    const Bytes idr = {0x65, 0x11, 0x22, 0x33, 0x44};
+    Bytes longSlice(300, 0x5A);  // its length reads 00 00 01 2C: still AVCC
+    longSlice[0] = 0x41;
+    // 00 00 01 41 also reads as a length of 321, and 321 bytes follow; but
+    // that "unit" would start with 9A, whose forbidden bit is set.
+    Bytes lookalike = {0, 0, 1, 0x41, 0x9A};
+    lookalike.resize(4 + 0x141, 0x55);
+    const Bytes tooLong = {0, 0, 0, 6, 0x65, 0x11, 0x22, 0x33, 0x44};  // one byte past the end
+    const struct {
+        const char* name;
+        Bytes input;
+        int source, nalCount, firstNalType;
+        bool key;
+        Bytes sample;  // every unit behind 00 00 00 01
+    } cases[] = {
+        {"mixed start codes", Concat({AnnexB({kSps, kPps}), {0, 0, 1}, kIdr}), kiv::kH264SourceAnnexB, 3, 7, true,
+         AnnexB({kSps, kPps, kIdr})},
+        {"leading junk, trailing zeros", Concat({{0x12, 0x34}, AnnexB({kSlice, kSlice}), {0, 0, 0}}),
+         kiv::kH264SourceAnnexB, 2, 1, false, AnnexB({kSlice, kSlice})},
+        {"length prefixed", LengthPrefixed({idr}), kiv::kH264SourceAvcc, 1, 5, true, AnnexB({idr})},
+        {"length prefixed, 300-byte unit", LengthPrefixed({kSps, kPps, longSlice}), kiv::kH264SourceAvcc, 3, 7, false,
+         AnnexB({kSps, kPps, longSlice})},
+        {"3-byte start code that reads as a length", lookalike, kiv::kH264SourceAnnexB, 1, 1, false,
+         AnnexB({Bytes(lookalike.begin() + 3, lookalike.end())})},
+        {"length past the end: one bare unit", tooLong, kiv::kH264SourceSingleNal, 1, 0, false, AnnexB({tooLong})},
+        {"bare unit", kIdr, kiv::kH264SourceSingleNal, 1, 5, true, AnnexB({kIdr})},
+        {"nothing", {}, kiv::kH264SourceUnknown, 0, -1, false, {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        kiv::H264StreamAnalyzer analyzer;
+        const kiv::H264FrameInfo info = analyzer.Analyze(c.input.empty() ? nullptr : c.input.data(), c.input.size() + 10 * c.input.empty());
+        EXPECT_EQ(std::vector<int>({info.source, info.nalCount, info.firstNalType, info.key}),
+                  std::vector<int>({c.source, c.nalCount, c.firstNalType, c.key}));
+        EXPECT_EQ(analyzer.Sample(), c.sample);
+        EXPECT_EQ(analyzer.HasParameterSets(), c.firstNalType == 7);
+        EXPECT_EQ(Concat({analyzer.Sps(), analyzer.Pps()}), c.firstNalType == 7 ? Concat({kSps, kPps}) : Bytes());
+    }
+}
+
+TEST(H264Framing, ParameterSetsAreKeptReplacedAndReset) {
+    kiv::H264StreamAnalyzer analyzer;
+    const Bytes first = AnnexB({kSps, kPps, kIdr});
+    analyzer.Analyze(first.data(), first.size());
+    analyzer.Analyze(nullptr, 10);
+    EXPECT_TRUE(analyzer.HasParameterSets()) << "kept across frames";
+    const Bytes newSps = Sps([](SpsFields& f) { f.profile = 100; }), newPps = {0x68, 0xCE, 0x01};
+    const Bytes second = AnnexB({newSps, newPps, kSlice});
+    EXPECT_FALSE(analyzer.Analyze(second.data(), second.size()).key) << "parameter sets alone make no key frame";
+    EXPECT_EQ(Concat({analyzer.Sps(), analyzer.Pps()}), Concat({newSps, newPps}));
+    analyzer.Reset();
+    EXPECT_FALSE(analyzer.HasParameterSets());
+
+    const Bytes mixed = Concat({AnnexB({kSps, kPps}), {0, 0, 1}, kIdr});
+    std::vector<uint8_t> out = {9, 9, 9};
+    EXPECT_EQ(kiv::AnnexBToLengthPrefixed(mixed.data(), mixed.size(), &out), 3u);
+    EXPECT_EQ(out, LengthPrefixed({kSps, kPps, kIdr}));
+    EXPECT_EQ(kiv::AnnexBToLengthPrefixed(kIdr.data(), kIdr.size(), &out), 0u) << "no start code";
+    EXPECT_TRUE(out.empty());
+}
+
+// Encoder output is also compared with ffprobe's reading in the round trips;
+// these cover what x264 does not write.
+TEST(H264Sps, FieldsOfHandBuiltParameterSets) {
+    const struct {
+        const char* what;
+        Bytes nal;
+        // parsed, profile, constraints, level, chroma, luma and chroma depth, size parsed, width, height
+        std::vector<int> expected;
+    } cases[] = {
+        {"main profile stops after the level fields", kSps, {1, 77, 0x40, 31, 1, 8, 8, 1, 320, 240}},
+        {"only profile, level and id present", {0x67, 77, 0x40, 31, 0x80}, {1, 77, 0x40, 31, 1, 8, 8, 0, 0, 0}},
+        {"high 1080p with scaling lists, 1088 cropped by 4 units of 2 lines", Sps([](SpsFields& f) {
+             f.profile = 100, f.level = 40, f.scalingLists = true, f.widthMbsMinus1 = 119, f.heightUnitsMinus1 = 67;
+             f.crop[3] = 4;
+         }),
+         {1, 100, 0x40, 40, 1, 8, 8, 1, 1920, 1080}},
+        {"4:4:4 with depths, scaling lists, POC type 1, cropped in single pixels", Sps([](SpsFields& f) {
+             f.profile = 244, f.chroma = 3, f.lumaMinus8 = 2, f.chromaMinus8 = 4, f.scalingLists = true, f.pocType = 1;
+             f.crop[0] = 3;
+         }),
+         {1, 244, 0x40, 31, 3, 10, 12, 1, 317, 240}},
+        {"separate colour planes crop in single pixels both ways",
+         Sps([](SpsFields& f) { f.profile = 244, f.chroma = 3, f.separatePlanes = true, f.crop[0] = 3, f.crop[3] = 2; }),
+         {1, 244, 0x40, 31, 3, 8, 8, 1, 317, 238}},
+        {"interlaced: 18 map units of 32 lines, cropped by 2 units of 4 lines",
+         Sps([](SpsFields& f) { f.frameMbsOnly = false, f.heightUnitsMinus1 = 17, f.crop[3] = 2; }),
+         {1, 77, 0x40, 31, 1, 8, 8, 1, 320, 568}},
+        {"profile 144 is deliberately not one with chroma fields", Sps([](SpsFields& f) { f.profile = 144; }),
+         {1, 144, 0x40, 31, 1, 8, 8, 1, 320, 240}},
+        // profile 100, constraints 0, level 0: the two zero bytes are escaped;
+        // then 1 (id 0), 010 (chroma 1), 011 (luma +2), 1.
+        {"emulation prevention bytes are removed", {0x67, 100, 0x00, 0x00, 0x03, 0xA7, 0x80},
+         {1, 100, 0, 0, 1, 10, 8, 0, 0, 0}},
+        {"a size beyond any level keeps the header fields only", Sps([](SpsFields& f) { f.widthMbsMinus1 = 100000; }),
+         {1, 77, 0x40, 31, 1, 8, 8, 0, 0, 0}},
+        {"cropped away entirely", Sps([](SpsFields& f) { f.crop[0] = 100, f.crop[1] = 100; }),
+         {1, 77, 0x40, 31, 1, 8, 8, 0, 0, 0}},
+    };
+    for (const auto& c : cases) {
+        kiv::H264SpsInfo i;
+        kiv::ParseH264Sps(c.nal.data(), c.nal.size(), &i);
+        EXPECT_EQ(std::vector<int>({i.parsed, i.profile, i.constraintFlags, i.level, i.chromaFormat, i.lumaBitDepth,
+                                    i.chromaBitDepth, i.sizeParsed, i.width, i.height}),
+                  c.expected)
+            << c.what;
+    }
+}
+
+TEST(H264Sps, MalformedInputIsRejected) {
+    kiv::H264SpsInfo info;
+    const Bytes cases[] = {
+        {0x67, 100, 0},                                           // too short
+        {0x67, 0, 0, 3},                                          // escapes leave too few bytes
+        {0x67, 100, 0, 31, 0, 0, 3, 0, 0, 3, 0, 0, 3, 0, 0x01},  // 40 leading zero bits: no Exp-Golomb code
+        Sps([](SpsFields& f) { f.profile = 100, f.lumaMinus8 = 40; }),
+    };
+    for (const Bytes& c : cases) EXPECT_FALSE(kiv::ParseH264Sps(c.data(), c.size(), &info)) << c.size();
+    EXPECT_FALSE(kiv::ParseH264Sps(nullptr, 100, &info));
+    EXPECT_EQ(std::make_pair(info.chromaFormat, info.lumaBitDepth), std::make_pair(1, 8)) << "a refused depth leaves the defaults";
+    // Every prefix of a valid SPS is read without going past its end.
+    const Bytes sps = Sps([](SpsFields& f) { f.profile = 100, f.scalingLists = true; });
+    for (size_t n = 0; n <= sps.size(); ++n) {
+        Bytes prefix(sps.begin(), sps.begin() + long(n));
+        prefix.shrink_to_fit();
+        kiv::ParseH264Sps(prefix.data(), prefix.size(), &info);
+    }
+}
+
+std::string TempFile(const std::string& name) { return kivtest::TempDir("record_stream_mp4") + "/" + name; }
+
+kiv::H264SpsInfo MainInfo() {
+    kiv::H264SpsInfo info;
+    kiv::ParseH264Sps(kSps.data(), kSps.size(), &info);
+    return info;
+}
+
+struct Writer : kiv::Mp4Writer {
+    explicit Writer(const std::string& path) { EXPECT_EQ(Open(WidePath(path).c_str(), 320, 240, kSps, kPps, MainInfo()), kiv::Mp4OpenResult::kOk); }
+    bool Video(const Bytes& sample, int64_t time, int64_t duration, bool key) {
+        return WriteVideoSample(sample.data(), sample.size(), time, uint32_t(duration), key);
+    }
+};
+
+// The sample tables as ffprobe reads them: "pts,duration,size,pos,flags" for
+// each packet of `stream` (v or a).
+std::vector<std::string> Packets(const std::string& file, const std::string& stream) {
+    std::string out;
+    Run("ffprobe -v error -select_streams " + stream + " -show_entries packet=pts,duration,size,pos,flags -of csv=p=0 '" +
+            file + "'",
+        &out);
+    std::vector<std::string> lines;
+    std::istringstream in(out);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+// Sizes, offsets, sync samples, time scales and the recorded durations (a
+// gap included) as ffprobe reads them; a 64-bit mdat, and the moov last.
+TEST(Mp4Layout, SampleTablesOfBothTracksAsFfprobeReadsThem) {
+    if (!HaveFfmpegTools()) GTEST_SKIP() << "ffprobe not found (native build only)";
+    const std::string path = TempFile("layout.mp4");
+    const std::vector<Bytes> frames = {AnnexB({kSps, kPps, kIdr}), AnnexB({kSlice}), AnnexB({kSlice, kSlice})};
+    const Bytes au = {0x21, 0x10, 0x04, 0x60, 0x8C, 0x1C};
+    uint8_t asc[2];
+    kiv::AacAudioSpecificConfig(44100, 2, asc);
+    Writer writer(path);
+    EXPECT_FALSE(writer.WriteAudioSample(au.data(), au.size(), 0)) << "no audio track yet";
+    ASSERT_TRUE(writer.EnableAudio(44100, 2, asc, 128000));
+    EXPECT_TRUE(writer.EnableAudio(44100, 2, asc, 128000));
+    EXPECT_FALSE(writer.EnableAudio(48000, 2, asc, 128000)) << "one audio format per file";
+    const int64_t times[] = {0, 333333, 666667, 1000000, 1333334, 1666667, 3000001, 3333334};  // frames lost before the 7th
+    std::vector<std::string> video, audio;
+    uint64_t pos = 52;  // the first sample follows the 64-bit mdat header
+    for (size_t i = 0; i < 8; ++i) {
+        const Bytes& frame = frames[i < 6 ? i % 3 : 1];
+        ASSERT_TRUE(writer.Video(frame, times[i], 333333, i % 3 == 0 && i < 6));
+        const uint64_t size = LengthPrefixed(NalUnits(frame)).size();
+        video.push_back(std::to_string(times[i]) + "," + std::to_string(i < 7 ? times[i + 1] - times[i] : 333333) + "," +
+                        std::to_string(size) + "," + std::to_string(pos) + (i % 3 == 0 && i < 6 ? ",K_" : ",__"));
+        pos += size;
+    }
+    for (int i = 0; i < 5; ++i, pos += au.size()) {
+        ASSERT_TRUE(writer.WriteAudioSample(au.data(), au.size(), i * 232199, i == 4 ? 232199 : 0));
+        audio.push_back(std::to_string(i * 1024) + ",1024,6," + std::to_string(pos) + ",K_");
+    }
+    EXPECT_TRUE(writer.Finalize());
+    EXPECT_FALSE(writer.Finalize()) << "a second close has nothing to do";
+    const Bytes file = ReadAll(path);
+    EXPECT_EQ(writer.FinalFileBytes(), file.size());
+    const std::vector<Box> top = Boxes(file, 0, file.size());
+    ASSERT_EQ(top.size(), 3u);
+    EXPECT_EQ(top[0].type + top[1].type + top[2].type, "ftypmdatmoov");
+    EXPECT_EQ(top[2].offset + top[2].size, file.size());
+    EXPECT_EQ(std::make_pair(U32(file, 36), U64(file, 44)), std::make_pair(1u, top[2].offset - 36));
+    EXPECT_EQ(Packets(path, "v"), video);
+    EXPECT_EQ(Packets(path, "a"), audio);
+}
+
+TEST(Mp4Layout, AvcCExtensionOnlyForHighProfiles) {
+    const Bytes highSps = {0x67, 0x64, 0x00, 0x28, 0xAC, 0xD9}, shortSps = {0x67, 0x64, 0x00};
+    kiv::H264SpsInfo info;
+    info.parsed = true;
+    info.lumaBitDepth = 10;
+    std::vector<uint8_t> record;
+    ASSERT_TRUE(kiv::BuildAvcC(highSps.data(), highSps.size(), kPps.data(), kPps.size(), info, &record));
+    ASSERT_EQ(record.size(), 6 + 2 + highSps.size() + 3 + kPps.size() + 4);
+    EXPECT_EQ(Bytes(record.end() - 4, record.end()), (Bytes{0xFD, 0xFA, 0xF8, 0x00}));
+    info.parsed = false;  // an unreadable SPS is described as 4:2:0, 8 bits
+    ASSERT_TRUE(kiv::BuildAvcC(highSps.data(), highSps.size(), kPps.data(), kPps.size(), info, &record));
+    EXPECT_EQ(Bytes(record.end() - 4, record.end()), (Bytes{0xFD, 0xF8, 0xF8, 0x00}));
+    ASSERT_TRUE(kiv::BuildAvcC(kSps.data(), kSps.size(), kPps.data(), kPps.size(), info, &record));
+    EXPECT_EQ(record.size(), 6 + 2 + kSps.size() + 3 + kPps.size());
+    EXPECT_FALSE(kiv::BuildAvcC(shortSps.data(), shortSps.size(), kPps.data(), kPps.size(), info, &record));
+    EXPECT_FALSE(kiv::BuildAvcC(kSps.data(), kSps.size(), kPps.data(), 0, info, &record));
+}
+
+TEST(Mp4Layout, OpenRefusesBadParametersAndEmptyFilesStayValid) {
+    const std::string path = TempFile("refused.mp4");
+    const auto wide = WidePath(path), missing = WidePath(TempFile("no/such/dir/x.mp4"));
+    kiv::Mp4Writer writer;
+    const Bytes none, shortSps = {0x67, 0x4D, 0x40};
+    const KivWChar empty[1] = {0};
+    const struct {
+        const KivWChar* path;
+        int32_t width, height;
+        const Bytes &sps, &pps;
+        kiv::Mp4OpenResult result;
+    } cases[] = {
+        {wide.c_str(), 0, 240, kSps, kPps, kiv::Mp4OpenResult::kBadSize},
+        {wide.c_str(), 320, 0, kSps, kPps, kiv::Mp4OpenResult::kBadSize},
+        {wide.c_str(), 320, 240, none, kPps, kiv::Mp4OpenResult::kMissingParameters},
+        {wide.c_str(), 320, 240, kSps, none, kiv::Mp4OpenResult::kMissingParameters},
+        {wide.c_str(), 320, 240, shortSps, kPps, kiv::Mp4OpenResult::kBadAvcC},
+        {empty, 320, 240, kSps, kPps, kiv::Mp4OpenResult::kBadPath},
+        {nullptr, 320, 240, kSps, kPps, kiv::Mp4OpenResult::kBadPath},
+        {missing.c_str(), 320, 240, kSps, kPps, kiv::Mp4OpenResult::kFileFailed},
+    };
+    for (const auto& c : cases) EXPECT_EQ(writer.Open(c.path, c.width, c.height, c.sps, c.pps, MainInfo()), c.result);
+    EXPECT_TRUE(ReadAll(path).empty());
+    EXPECT_FALSE(writer.IsOpen());
+    EXPECT_FALSE(writer.WriteVideoSample(kIdr.data(), kIdr.size(), 0, 1, true));
+    EXPECT_FALSE(writer.Finalize());
+
+    // A sample without any NAL unit is refused; closing then leaves an empty 64-bit mdat.
+    ASSERT_EQ(writer.Open(wide.c_str(), 320, 240, kSps, kPps, MainInfo()), kiv::Mp4OpenResult::kOk);
+    EXPECT_FALSE(writer.WriteVideoSample(kIdr.data(), kIdr.size(), 0, 1, true));
+    EXPECT_TRUE(writer.Finalize());
+    const Bytes file = ReadAll(path);
+    ASSERT_EQ(file.size(), 52u);
+    EXPECT_EQ(std::make_pair(U32(file, 36), U64(file, 44)), std::make_pair(1u, uint64_t(0)));
+}
+
+TEST(Mp4Layout, ReopeningAndDestroyingFinaliseTheOpenFile) {
+    const std::string first = TempFile("segment1.mp4"), second = TempFile("segment2.mp4");
+    {
+        Writer writer(first);
+        ASSERT_TRUE(writer.Video(AnnexB({kIdr}), 0, 333333, true));
+        ASSERT_EQ(writer.Open(WidePath(second).c_str(), 320, 240, kSps, kPps, MainInfo()), kiv::Mp4OpenResult::kOk);
+        EXPECT_EQ(writer.VideoSampleCount(), 0u);
+        ASSERT_TRUE(writer.Video(AnnexB({kIdr}), 5000000, 333333, true));
+        ASSERT_TRUE(writer.Video(AnnexB({kIdr}), 5333333, 333333, true));
+    }  // the destructor closes the second file
+    const bool probe = HaveFfmpegTools();
+    for (const std::string& path : {first, second}) {
+        const Bytes file = ReadAll(path);
+        const std::vector<Box> top = Boxes(file, 0, file.size());
+        ASSERT_EQ(top.size(), 3u) << path;
+        EXPECT_EQ(top[2].type, "moov");
+        EXPECT_EQ(probe ? Packets(path, "v").size() : 0u, probe ? (path == first ? 1u : 2u) : 0u);
+    }
+}
+
+TEST(FileWriterTest, SmallBufferPatchAndLargeBlocks) {
+    const std::string path = TempFile("buffered.bin");
+    Bytes expected;
+    {
+        kiv::FileWriter writer(16);
+        ASSERT_TRUE(writer.Open(WidePath(path).c_str()));
+        for (uint32_t i = 0, v = 0; i < 40; ++i, v += 0x01020304u) {
+            ASSERT_TRUE(writer.WriteU32BE(v));
+            expected.insert(expected.end(), {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)});
+        }
+        Bytes block(100);
+        for (size_t i = 0; i < block.size(); ++i) block[i] = uint8_t(i * 7);
+        ASSERT_TRUE(writer.Write(block.data(), block.size()));
+        ASSERT_TRUE(writer.WriteU16BE(0xBEEF));
+        expected = Concat({expected, block, {0xBE, 0xEF}});
+        const uint8_t patch[3] = {0xAA, 0xBB, 0xCC};
+        ASSERT_TRUE(writer.Patch(2, patch, 3));
+        std::copy(patch, patch + 3, expected.begin() + 2);
+        EXPECT_FALSE(writer.Patch(expected.size() - 1, patch, 3)) << "patches stay inside the file";
+        ASSERT_TRUE(writer.WriteU64BE(0x0102030405060708ull));
+        expected = Concat({expected, {1, 2, 3, 4, 5, 6, 7, 8}});
+        EXPECT_EQ(writer.Position(), expected.size());
+        EXPECT_TRUE(writer.Close());
+        EXPECT_FALSE(writer.Close());
+    }
+    EXPECT_EQ(ReadAll(path), expected);
+}
+
+TEST(FileWriterTest, Utf16PathsIncludingSurrogatePairs) {
+    const std::vector<KivWChar> name = {'a', 0x00E9, 0x4E2D, 0xD83D, 0xDE00, 0xD800, 'z', 0};
+    EXPECT_EQ(std::string(kiv::Utf16PathToUtf8(name.data()).data()), "a\xC3\xA9\xE4\xB8\xAD\xF0\x9F\x98\x80\xEF\xBF\xBDz");
+    const std::string dir = kivtest::TempDir("record_stream_utf");
+    std::basic_string<KivWChar> wide = WidePath(dir + "/");
+    wide += {0x00E9, 0x4E2D, '.', 'b', 'i', 'n'};
+    kiv::FileWriter writer;
+    ASSERT_TRUE(writer.Open(wide.c_str()));
+    ASSERT_TRUE(writer.WriteU8(42));
+    ASSERT_TRUE(writer.Close());
+#ifdef _WIN32
+    FILE* f = _wfopen(reinterpret_cast<const wchar_t*>(wide.c_str()), L"rb");
+    ASSERT_NE(f, nullptr) << "the file has the wide-character name";
+    const int first = fgetc(f);
+    EXPECT_EQ(std::make_pair(first, fgetc(f)), std::make_pair(42, EOF));
+    fclose(f);
+#else
+    EXPECT_EQ(ReadAll(dir + "/\xC3\xA9\xE4\xB8\xAD.bin"), Bytes{42});
+#endif
+}
+
+// The writer asks the real system how much room is left: a reserve larger
+// than any disk stops a write, a tiny one does not.
+TEST(FileWriterTest, RealFreeSpaceDecidesWhetherAWriteGoesAhead) {
+    const std::vector<uint8_t> block(1000, 0x5A);
+    kiv::FileWriter writer;
+    ASSERT_TRUE(writer.Open(WidePath(TempFile("reserve.bin")).c_str()));
+    writer.SetReserve(1);
+    ASSERT_TRUE(writer.Write(block.data(), block.size()));
+    EXPECT_TRUE(writer.Flush());
+    writer.SetReserve(uint64_t(1) << 62);
+    ASSERT_TRUE(writer.Write(block.data(), block.size()));  // buffered
+    EXPECT_FALSE(writer.Flush());
+    EXPECT_TRUE(writer.Failed());
+    EXPECT_EQ(writer.BytesOnDisk(), block.size()) << "nothing of the refused block was written";
+    writer.Close();
+}
+
+TEST(PassThroughPath, WarmFramesAllocateNothing) {
+    Bytes big(60000, 0x5A);
+    big[0] = 0x41;
+    const Bytes keyFrame = AnnexB({kSps, kPps, kIdr, big}), frame = AnnexB({big, kSlice});
+    kiv::H264StreamAnalyzer analyzer;
+    analyzer.Analyze(keyFrame.data(), keyFrame.size());
+    Writer writer(TempFile("warm.mp4"));
+    int64_t t = 0;
+    auto step = [&](const Bytes& input) {
+        const bool key = analyzer.Analyze(input.data(), input.size()).key;
+        return writer.WriteVideoSample(analyzer.Sample().data(), analyzer.Sample().size(), t += 333333, 333333, key);
+    };
+    for (int i = 0; i < 5; ++i) ASSERT_TRUE(step(i == 0 ? keyFrame : frame));
+    g_allocs = 0;
+    g_countAllocs = true;
+    bool ok = true;
+    for (int i = 0; i < 200; ++i) ok = step(i % 50 == 0 ? keyFrame : frame) && ok;
+    g_countAllocs = false;
+    EXPECT_EQ(g_allocs.load(), 0);
+    EXPECT_TRUE(ok);
+    EXPECT_TRUE(writer.Finalize());
+}
+
+std::vector<uint8_t> Asc(int32_t rate, int32_t channels) {
+    uint8_t b[2];
+    kiv::AacAudioSpecificConfig(rate, channels, b);
+    return {b[0], b[1]};
+}
+
+// The fields read back the way a decoder does: object type, rate index, channels, padding.
+std::vector<int> DecodeAsc(const std::vector<uint8_t>& b) {
+    const int v = (b[0] << 8) | b[1];
+    return {v >> 11, (v >> 7) & 0xF, (v >> 3) & 0xF, v & 7};
+}
+
+TEST(AacConfig, RatesChannelsAndBufferSizes) {
+    EXPECT_EQ(Asc(48000, 2), (std::vector<uint8_t>{0x11, 0x90}));
+    const int rates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050, 16000, 12000, 11025, 8000, 7350};
+    for (int i = 0; i < 13; ++i)
+        for (int channels = 1; channels <= 8; ++channels)
+            EXPECT_EQ(DecodeAsc(Asc(rates[i], channels)), (std::vector<int>{2, i, channels, 0})) << rates[i];
+    // Unlisted rates use the 48000 entry; channels are not masked: the fifth
+    // channel bit of 17 lands in the frequency index.
+    EXPECT_EQ(std::make_pair(kiv::AacSampleRateIndex(50000), kiv::AacSampleRateIndex(0)), std::make_pair(3, 3));
+    EXPECT_EQ(DecodeAsc(Asc(44100, 17)), (std::vector<int>{2, 4 | 1, 1, 0}));
+    EXPECT_EQ(std::vector<size_t>({kiv::AacEncoder::OutputBufferSize(0), kiv::AacEncoder::OutputBufferSize(4096),
+                                   kiv::AacEncoder::OutputBufferSize(65536)}),
+              std::vector<size_t>({16384, 16384, 65536}))
+        << "never smaller than 16K";
+}
+
+struct CountingSink : kiv::AacSink {
+    int units = 0;
+    void OnAccessUnit(const uint8_t*, size_t, int64_t, int64_t) override { ++units; }
+};
+
+// Bad formats are refused before any search. Where the platform has an AAC
+// encoder it must produce access units; where it has none (native builds,
+// Wine) the search fails cleanly and leaves an encoder that refuses work.
+TEST(AacEncoderTest, EncodesOrReportsThatNoEncoderExists) {
+    kivtest::LibraryScope library;
+    kiv::AacEncoder encoder;
+    for (const auto& bad : {std::make_pair(0, 2), std::make_pair(48000, 0)}) {
+        EXPECT_FALSE(encoder.Initialize(bad.first, bad.second));
+        EXPECT_EQ(encoder.InitReport().stage, kiv::AacInitStage::kBadFormat);
+    }
+    const bool ready = encoder.Initialize(48000, 2);
+    EXPECT_EQ(std::vector<uint8_t>(encoder.AudioSpecificConfig(), encoder.AudioSpecificConfig() + 2), Asc(48000, 2));
+    EXPECT_EQ(encoder.InitReport().stage, ready ? kiv::AacInitStage::kReady : kiv::AacInitStage::kEnumFailed);
+    std::vector<uint8_t> pcm(4800 * 4, 0x11);  // 100 ms
+    CountingSink sink;
+    uint32_t failures = 0;
+    for (int i = 0; i < 10; ++i) failures += encoder.Encode(pcm.data(), pcm.size(), int64_t(i) * 1000000, &sink) != 0;
+    failures += encoder.Drain(&sink) != 0;
+    // One second is about 47 frames of 1024 samples.
+    EXPECT_EQ(std::make_tuple(failures, sink.units >= 40 && sink.units <= 50), std::make_tuple(ready ? 0u : 11u, ready))
+        << sink.units;
+    encoder.Release();
+    encoder.Release();
+    EXPECT_FALSE(encoder.Ready());
+}
+
+}  // namespace

@@ -1,0 +1,679 @@
+// The recorder: its rules (configuration, split, segment names, pacing grid,
+// NV12 conversion), the port's worker against a scripted encoder, the
+// pass-through path with hand-made access units and the exported functions.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <cmath>
+#include <condition_variable>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+
+#include "record/kiv_recorder.h"
+#include "record/nv12_convert.h"
+#include "record/recorder_pacing.h"
+#include "record/segment_names.h"
+#include "record/video_encoder.h"
+#include "recorder_test_util.h"
+
+using kivtest::Wide;
+using rectest::Stats;
+using rectest::WaitUntil;
+
+namespace {
+
+std::string Narrow(const kiv::RecorderPath& path) { return std::string(path.begin(), path.end()); }
+
+KivRecorderConfig Limits(int32_t split, uint64_t maxBytes, int32_t seconds) {
+    KivRecorderConfig c{};
+    c.split = split;
+    c.maxBytesLow = static_cast<uint32_t>(maxBytes);
+    c.maxBytesHigh = static_cast<uint32_t>(maxBytes >> 32);
+    c.seconds = seconds;
+    return c;
+}
+
+// Defaults show in the configuration log line of RecorderApi.StatsConfigWhileRunningAndLogLines.
+TEST(RecorderSettings, PathsAndLimits) {
+    kiv::RecorderSettings s;
+    s.path = Wide("C:\\old.mp4");
+    kiv::ApplyRecorderConfig(Limits(KIV_RECORD_SPLIT_SIZE, 0, 0), &s);
+    EXPECT_EQ(Narrow(s.path), "C:\\old.mp4") << "an empty path keeps the stored one";
+    KivRecorderConfig c = Limits(KIV_RECORD_SPLIT_TIME, 0x123456789ull, 0);
+    c.recordFps = 60;
+    c.inputFps = 25;
+    for (KivWChar& ch : c.filePath) ch = 'a';  // no terminator: the path stays inside the field
+    kiv::ApplyRecorderConfig(c, &s);
+    EXPECT_EQ(std::vector<int64_t>({int64_t(s.maxBytes), s.seconds, s.TargetFps()}),
+              std::vector<int64_t>({0x123456789, 1800, 60}))
+        << "low 32 bits first";
+    EXPECT_STREQ(s.ModeName(), "custom");
+    EXPECT_EQ(s.path, kiv::RecorderPath(260, 'a'));
+    kiv::ApplyRecorderConfig(Limits(KIV_RECORD_SPLIT_NONE, 0, 0), &s);  // split off leaves limits as given
+    EXPECT_EQ(std::vector<int64_t>({int64_t(s.maxBytes), s.seconds, s.TargetFps(), kiv::FrameDuration100ns(0)}),
+              std::vector<int64_t>({0, 0, 30, 333333}));
+}
+
+TEST(SegmentNames, StemExtensionAndNumbering) {
+    const kiv::SegmentClock t{2024, 3, 7, 9, 5, 4, 32};
+    const struct {
+        const char* path;
+        int32_t split, index;
+        const char* expected;
+    } cases[] = {
+        {"C:\\rec\\a.mp4", 0, 3, "C:\\rec\\a.mp4"},
+        {"C:\\rec\\a.mp4", 1, 0, "C:\\rec\\a_20240307_090504_032_0001.mp4"},
+        {"C:\\rec\\a.b.mov", 2, 11, "C:\\rec\\a.b_20240307_090504_032_0012.mov"},
+        {"C:\\cap.d\\clip", 2, 0, "C:\\cap.d\\clip_20240307_090504_032_0001.mp4"},  // the dot is a folder's
+        {"/tmp/cap.d/clip", 1, 1, "/tmp/cap.d/clip_20240307_090504_032_0002.mp4"},
+        {"clip", 1, 0, "clip_20240307_090504_032_0001.mp4"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(Narrow(kiv::SegmentFileName(Wide(c.path), c.split, t, c.index)), c.expected);
+}
+
+// Whether a segment of `elapsed` 100-ns units is full, at the exact edges of
+// each rule: 8 Mbit/s is 0.1 byte per 100 ns, audio adds 16000 bytes a second.
+TEST(SplitRule, SplitsAtTheExactFrameTheEstimateReachesTheLimit) {
+    const struct {
+        int32_t split;
+        uint64_t maxBytes;
+        int32_t seconds, audio;
+        uint64_t writerBytes;  // 0: the writer does not count its bytes
+        int64_t elapsed;
+        bool expected;
+    } cases[] = {
+        {KIV_RECORD_SPLIT_TIME, 0, 2, 0, 0, 19999999, false},
+        {KIV_RECORD_SPLIT_TIME, 0, 2, 0, 0, 20000000, true},
+        {KIV_RECORD_SPLIT_NONE, 1, 1, 1, 0, 50000000, false},
+        {KIV_RECORD_SPLIT_SIZE, 1000000, 0, 0, 0, 9999999, false},
+        {KIV_RECORD_SPLIT_SIZE, 1000000, 0, 0, 0, 10000000, true},
+        {KIV_RECORD_SPLIT_SIZE, 1016000, 0, 1, 0, 10000000, true},
+        {KIV_RECORD_SPLIT_SIZE, 1016000, 0, 1, 0, 9999999, false},
+        {KIV_RECORD_SPLIT_SIZE, 100000, 0, 0, 99999, 50000000, false},  // counted bytes beat the bit rate
+        {KIV_RECORD_SPLIT_SIZE, 100000, 0, 0, 100000, 1, true},
+        {KIV_RECORD_SPLIT_SIZE, 16001, 0, 1, 1, 10000000, true},
+        {KIV_RECORD_SPLIT_SIZE, 16001, 0, 1, 1, 9999999, false},
+    };
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        const auto& c = cases[i];
+        kiv::RecorderSettings s;
+        KivRecorderConfig config = Limits(c.split, c.maxBytes, c.seconds);
+        config.bitrate = 8000000;
+        config.audio = c.audio;
+        kiv::ApplyRecorderConfig(config, &s);
+        kiv::SegmentProgress p;
+        p.segmentStart = 10000000;
+        p.time = p.segmentStart + c.elapsed;
+        p.writerCountsBytes = c.writerBytes > 0;
+        p.writerBytes = c.writerBytes;
+        EXPECT_EQ(kiv::ShouldSplit(s, p), c.expected) << "case " << i;
+    }
+}
+
+// The grid through the worker is checked by RecorderPort.FramesAreFittedToTheGrid;
+// here what the worker cannot show: times before the base and a fresh Reset.
+TEST(PacingGrid, TimesBeforeTheBaseAndAFreshReset) {
+    kiv::PacingGrid grid;
+    grid.Reset(400000);
+    EXPECT_EQ(std::vector<int64_t>({grid.Relative(9000000), grid.Relative(9000000), grid.Relative(8999999),
+                                    grid.Relative(9000001)}),
+              std::vector<int64_t>({0, 0, 0, 1}));
+    grid.AdvanceFrom(800000);
+    grid.Reset(400000);
+    EXPECT_EQ(std::vector<int64_t>({grid.NextDue(), grid.Relative(5), grid.NextDue()}), std::vector<int64_t>({0, 0, 0}));
+}
+
+// Nearest-neighbour source pixel: its Y for every output pixel, its Cb/Cr for
+// the top-left pixel of each 2 x 2 block; odd widths have no Cr for the last
+// column. RGB to BT.601 limited range with rounding, in floating point.
+std::vector<uint8_t> ReferenceNv12(const KivVideoFrame& f, int w, int h) {
+    std::vector<uint8_t> out(size_t(w) * h + size_t(w) * (h / 2), 128);
+    auto fromRgb = [](const uint8_t* p, double cr, double cg, double cb, int offset) {
+        return int(std::floor((cr * p[2] + cg * p[1] + cb * p[0] + 128) / 256)) + offset;
+    };
+    for (int y = 0; y < h; ++y) {
+        for (int x = 0; x < w; ++x) {
+            const int sx = x * f.width / w, sy = y * f.height / h;
+            int Y, Cb, Cr;
+            const uint8_t* row = f.planes[0] + sy * f.strides[0];
+            if (f.format == KIV_PIXEL_FORMAT_YUY2) {
+                Y = row[sx * 2], Cb = row[(sx / 2) * 4 + 1];
+                Cr = (sx / 2) * 4 + 3 < f.strides[0] ? row[(sx / 2) * 4 + 3] : 128;
+            } else if (f.format == KIV_PIXEL_FORMAT_NV12) {
+                const uint8_t* c = f.planes[1] + (sy / 2) * f.strides[1] + (sx / 2) * 2;
+                Y = row[sx], Cb = c[0], Cr = (sx / 2) * 2 + 1 < f.strides[1] ? c[1] : 128;
+            } else {
+                const uint8_t* p = row + sx * (f.format == KIV_PIXEL_FORMAT_RGB24 ? 3 : 4);
+                Y = fromRgb(p, 66, 129, 25, 16), Cb = fromRgb(p, -38, -74, 112, 128), Cr = fromRgb(p, 112, -94, -18, 128);
+            }
+            out[size_t(y * w + x)] = uint8_t(std::min(Y, 255));
+            if (y % 2 == 0 && x % 2 == 0 && y / 2 < h / 2 && x + 1 < w) {
+                out[size_t(w * h + (y / 2) * w + x)] = uint8_t(Cb);
+                out[size_t(w * h + (y / 2) * w + x + 1)] = uint8_t(Cr);
+            }
+        }
+    }
+    return out;
+}
+
+TEST(Nv12Convert, MatchesAPlainReferenceForEveryFormatAndScale) {
+    // Same size, up, down, odd both ways; {source w, h, output w, h}.
+    const std::array<int, 4> sizes[] = {{16, 8, 16, 8}, {16, 8, 16, 13}, {16, 8, 7, 5}, {10, 6, 33, 17},
+                                        {9, 7, 9, 7},   {4, 2, 8, 4},    {3, 3, 5, 3}};
+    uint32_t seed = 12345;
+    for (int32_t format : {KIV_PIXEL_FORMAT_YUY2, KIV_PIXEL_FORMAT_NV12, KIV_PIXEL_FORMAT_RGB24, KIV_PIXEL_FORMAT_RGB32}) {
+        for (const auto& size : sizes) {
+            if (format == KIV_PIXEL_FORMAT_NV12 && size[0] == size[2] && size[1] == size[3]) continue;  // a copy
+            kivtest::OwnedFrame src(format, size[0], size[1]);
+            for (uint8_t& b : src.bytes) b = uint8_t((seed = seed * 1103515245u + 12345u) >> 16);
+            std::vector<uint8_t> out;
+            ASSERT_EQ(kiv::ConvertToNv12(src.frame, size[2], size[3], &out), KIV_OK) << "format " << format;
+            EXPECT_EQ(out, ReferenceNv12(src.frame, size[2], size[3]))
+                << "format " << format << " " << size[0] << "x" << size[1] << " -> " << size[2] << "x" << size[3];
+        }
+    }
+    // Same-size NV12 is copied row by row from padded strides; chroma follows the luma rows.
+    std::vector<uint8_t> padded = {10, 11, 12, 13, 0, 0, 0, 0, 20, 21, 22, 23, 0, 0, 0, 0, 30, 31, 32, 33, 0, 0, 0, 0};
+    std::vector<uint8_t> out;
+    ASSERT_EQ(kiv::ConvertToNv12(kivtest::FrameOver(KIV_PIXEL_FORMAT_NV12, 4, 2, padded.data(), 8), 4, 2, &out), KIV_OK);
+    EXPECT_EQ(out, (std::vector<uint8_t>{10, 11, 12, 13, 20, 21, 22, 23, 30, 31, 32, 33}));
+
+    kivtest::OwnedFrame rgb(KIV_PIXEL_FORMAT_RGB32, 4, 4);
+    const struct {
+        void (*edit)(KivVideoFrame&);
+        int32_t width, expected;
+    } bad[] = {{[](KivVideoFrame&) {}, 0, KIV_ERROR_INVALID_ARG},
+               {[](KivVideoFrame& f) { f.width = 0; }, 4, KIV_ERROR_INVALID_ARG},
+               {[](KivVideoFrame& f) { f.strides[0] = 8; }, 4, KIV_ERROR_INVALID_ARG},  // shorter than a row
+               {[](KivVideoFrame& f) { f.format = KIV_PIXEL_FORMAT_MJPG; }, 4, KIV_ERROR_UNSUPPORTED}};
+    for (const auto& c : bad) {
+        KivVideoFrame f = rgb.frame;
+        c.edit(f);
+        out.clear();
+        EXPECT_EQ(kiv::ConvertToNv12(f, c.width, 4, &out), c.expected);
+        EXPECT_TRUE(out.empty());
+    }
+}
+
+// What the scripted encoder was asked to do. WriteVideo waits while `hold` is set.
+struct EncoderScript {
+    struct Video {
+        int file;  // index into `files`
+        int64_t time, duration;
+        uint8_t firstLuma;
+    };
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<kiv::RecorderPath> files;
+    std::vector<kiv::VideoEncoderSettings> opens;
+    std::vector<Video> video;
+    std::vector<std::pair<int64_t, int64_t>> audio;  // time, duration
+    int finalizes = 0, failOpens = 0;                // the next `failOpens` opens fail
+    bool hold = false, holding = false;
+
+    void Release() {
+        std::lock_guard<std::mutex> lock(mutex);
+        hold = false;
+        changed.notify_all();
+    }
+    bool WaitHolding() {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, std::chrono::seconds(5), [this] { return holding; });
+    }
+    std::vector<Video> Written() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return video;
+    }
+};
+
+struct ScriptedEncoder : kiv::VideoEncoder {
+    std::shared_ptr<EncoderScript> s;
+    bool open = false;
+    explicit ScriptedEncoder(std::shared_ptr<EncoderScript> script) : s(std::move(script)) {}
+    kiv::EncoderOpenReport Open(const kiv::VideoEncoderSettings& settings) override {
+        std::lock_guard<std::mutex> lock(s->mutex);
+        if (s->failOpens > 0 && s->failOpens--) return {kiv::EncoderOpenStep::kBeginWriting, 0x80004005u, false, 0};
+        s->files.emplace_back(settings.file);
+        s->opens.push_back(settings);
+        s->opens.back().file = nullptr;
+        open = true;
+        return {kiv::EncoderOpenStep::kNone, 0, settings.audio, 0};
+    }
+    bool IsOpen() const override { return open; }
+    uint32_t WriteVideo(const uint8_t* nv12, size_t, int64_t time, int64_t duration) override {
+        std::unique_lock<std::mutex> lock(s->mutex);
+        s->holding = s->hold;
+        s->changed.notify_all();
+        s->changed.wait(lock, [this] { return !s->hold; });
+        s->holding = false;
+        s->video.push_back({static_cast<int>(s->files.size()) - 1, time, duration, nv12[0]});
+        return 0;
+    }
+    uint32_t WriteAudio(const uint8_t*, size_t, int64_t time, int64_t duration) override {
+        std::lock_guard<std::mutex> lock(s->mutex);
+        s->audio.emplace_back(time, duration);
+        return 0;
+    }
+    kiv::EncoderFinalizeReport Finalize() override {
+        std::lock_guard<std::mutex> lock(s->mutex);
+        ++s->finalizes;
+        open = false;
+        return {};
+    }
+};
+
+constexpr int64_t kFrame30 = 333333;
+constexpr int64_t kStart = 50000000;  // any positive time: frames carry their own timestamps
+const char* const kPath = "/tmp/kivtest_recorder_port/out.mp4";
+
+// An NV12 frame whose every luma byte is `luma`.
+struct Nv12Frame : kivtest::OwnedFrame {
+    Nv12Frame(uint8_t luma, int64_t timestamp) : OwnedFrame(KIV_PIXEL_FORMAT_NV12, 64, 32, luma) {
+        frame.timestamp = timestamp;
+    }
+};
+
+class RecorderPort : public ::testing::Test {
+protected:
+    std::shared_ptr<EncoderScript> script_;
+    KivRecorder* recorder_ = nullptr;
+    void* handle_ = nullptr;
+
+    void SetUp() override { Renew(); }
+    void TearDown() override { EXPECT_EQ(KIV_DestroyPort(handle_), KIV_OK); }
+    void Renew() {
+        if (handle_) TearDown();
+        script_ = std::make_shared<EncoderScript>();
+        recorder_ = new KivRecorder(kPath, std::make_unique<ScriptedEncoder>(script_));
+        handle_ = static_cast<KivPortBase*>(recorder_);
+    }
+    void Start(int32_t split = 0, int32_t seconds = 0, int32_t audio = 0) {
+        KivRecorderConfig c = rectest::Config(kPath);
+        c.width = audio ? 0 : 64;
+        c.height = audio ? 0 : 32;
+        c.recordFps = audio ? 0 : 30;
+        c.split = split;
+        c.seconds = seconds;
+        c.audio = audio;
+        ASSERT_EQ(KIV_SetRecorderConfig(handle_, &c), KIV_OK);
+        ASSERT_EQ(recorder_->Start(), KIV_OK);
+    }
+    // Pushes a frame and waits until the worker took it, so the queue never
+    // overflows and the outcome depends on timestamps only.
+    void PushAndWait(uint8_t luma, int64_t timestamp) {
+        Nv12Frame f(luma, timestamp);
+        const int64_t before = Stats(handle_).inputFrames;
+        ASSERT_EQ(recorder_->OnVideoFrame(&f.frame), KIV_OK);
+        ASSERT_TRUE(WaitUntil([&] { return Stats(handle_).inputFrames == before + 1; }));
+    }
+    std::vector<int> Lumas() {
+        std::vector<int> out;
+        for (const auto& w : script_->Written()) out.push_back(w.firstLuma);
+        return out;
+    }
+};
+
+std::vector<int> Seq(int n, int (*f)(int)) {
+    std::vector<int> v;
+    for (int i = 0; i < n; ++i) v.push_back(f(i));
+    return v;
+}
+
+// Frame i has luma i; the written slots are 0, d, 2d, ... whatever the input timing.
+TEST_F(RecorderPort, FramesAreFittedToTheGrid) {
+    std::vector<int64_t> jitter;  // within half a frame: every frame once
+    for (int i = 0; i < 40; ++i) jitter.push_back(kStart + i * kFrame30 + (i % 2) * (i % 3 == 0 ? 120000 : -120000));
+    std::vector<int64_t> fast, slow;
+    for (int i = 0; i < 60; ++i) fast.push_back(kStart + i * kFrame30 / 2);
+    for (int i = 0; i < 10; ++i) slow.push_back(kStart + i * 2 * kFrame30);
+    std::vector<int> gapLumas(33, 2);
+    gapLumas[0] = 0, gapLumas[1] = 1, gapLumas[32] = 3;
+    const struct {
+        const char* what;
+        std::vector<int64_t> times;
+        std::vector<int> lumas;
+        int64_t dropped, duplicated;
+    } cases[] = {
+        {"60 to 30", fast, Seq(30, [](int i) { return 2 * i; }), 30, 0},
+        {"15 to 30", slow, Seq(19, [](int i) { return i / 2; }), 0, 9},
+        {"jitter", jitter, Seq(40, [](int i) { return i; }), 0, 0},
+        {"gap filled", {kStart, kStart + kFrame30, kStart + 2 * kFrame30, kStart + 32 * kFrame30}, gapLumas, 0, 29},
+        {"same or older: dropped", {kStart, kStart, kStart - 1000000}, {0}, 2, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        Renew();
+        Start();
+        for (size_t i = 0; i < c.times.size(); ++i) PushAndWait(uint8_t(i), c.times[i]);
+        const KivRecorderStats s = Stats(handle_);
+        EXPECT_EQ(std::vector<int64_t>({s.inputFrames, s.encodedFrames, s.droppedFrames, s.duplicatedFrames}),
+                  std::vector<int64_t>({int64_t(c.times.size()), int64_t(c.times.size()) - c.dropped, c.dropped,
+                                        c.duplicated}));
+        EXPECT_EQ(Lumas(), c.lumas);
+        const auto written = script_->Written();
+        for (size_t k = 0; k < written.size(); ++k)
+            EXPECT_EQ(std::make_pair(written[k].time, written[k].duration), std::make_pair(int64_t(k) * kFrame30, kFrame30));
+        ASSERT_EQ(recorder_->Stop(), KIV_OK);
+        EXPECT_EQ(script_->finalizes, 1);
+    }
+    // Frames without a timestamp are timed by the steady clock: 100 ms at 30
+    // frames a second repeats the first picture at least twice.
+    Start();
+    PushAndWait(1, 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    PushAndWait(2, 0);
+    EXPECT_GE(Stats(handle_).duplicatedFrames, 2);
+}
+
+TEST_F(RecorderPort, FullQueueDropsTheOldestAndStopDiscardsTheQueue) {
+    Start();
+    script_->hold = true;
+    Nv12Frame first(0, kStart);
+    ASSERT_EQ(recorder_->OnVideoFrame(&first.frame), KIV_OK);
+    ASSERT_TRUE(script_->WaitHolding());
+    for (int i = 1; i <= 10; ++i) {
+        Nv12Frame f(uint8_t(i), kStart + i * kFrame30);
+        ASSERT_EQ(recorder_->OnVideoFrame(&f.frame), KIV_OK);
+    }
+    EXPECT_EQ(recorder_->AsyncDropped(), 2);
+    script_->Release();
+    ASSERT_TRUE(WaitUntil([&] { return Stats(handle_).inputFrames == 9; }));
+    // Frames 1 and 2 were pushed out; the grid repeats frame 0 in their slots.
+    EXPECT_EQ(Lumas(), (std::vector<int>{0, 0, 0, 3, 4, 5, 6, 7, 8, 9, 10}));
+    ASSERT_EQ(recorder_->Stop(), KIV_OK);
+
+    ASSERT_EQ(recorder_->Start(), KIV_OK);
+    EXPECT_EQ(Stats(handle_).inputFrames, 0) << "a new start counts from zero";
+    script_->hold = true;
+    ASSERT_EQ(recorder_->OnVideoFrame(&first.frame), KIV_OK);
+    ASSERT_TRUE(script_->WaitHolding());
+    for (int i = 1; i <= 5; ++i) ASSERT_EQ(recorder_->OnVideoFrame(&first.frame), KIV_OK);
+    std::thread release([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        script_->Release();
+    });
+    ASSERT_EQ(recorder_->Stop(), KIV_OK);
+    release.join();
+    EXPECT_EQ(Stats(handle_).inputFrames, 1) << "queued frames are not written after a stop";
+    EXPECT_EQ(script_->finalizes, 2);
+    ASSERT_EQ(recorder_->OnVideoFrame(&first.frame), KIV_OK);  // ignored while stopped
+    EXPECT_EQ(Stats(handle_).inputFrames, 1);
+}
+
+TEST_F(RecorderPort, TimeSplitOpensNumberedSegmentsOnTheGrid) {
+    Start(KIV_RECORD_SPLIT_TIME, 1);
+    for (int i = 0; i < 75; ++i) PushAndWait(uint8_t(i), kStart + i * kFrame30);
+    ASSERT_EQ(recorder_->Stop(), KIV_OK);
+    std::lock_guard<std::mutex> lock(script_->mutex);
+    ASSERT_EQ(std::make_pair(script_->files.size(), script_->finalizes), std::make_pair(size_t(3), 3));
+    for (size_t i = 0; i < 3; ++i) {
+        const std::string name = Narrow(script_->files[i]), prefix = "/tmp/kivtest_recorder_port/out_";
+        EXPECT_EQ(name.substr(0, prefix.size()) + name.substr(name.size() - 9), prefix + "_000" + std::to_string(i + 1) + ".mp4");
+        EXPECT_EQ(name.size(), (prefix + "20240101_000000_000_0001.mp4").size()) << name;
+    }
+    std::vector<int> perFile(3);
+    for (const auto& w : script_->video) ++perFile[size_t(w.file)];
+    // 30 slots of 333333 are 10 ns short of a second, so each file holds 31.
+    EXPECT_EQ(perFile, (std::vector<int>{31, 31, 13}));
+    EXPECT_EQ(script_->video[31].time, 31 * kFrame30) << "the grid runs on across segments";
+    EXPECT_EQ(script_->opens[1].width, 64);
+}
+
+std::atomic<int> g_stopResult{1};
+void KIV_CALL StopFromCallback(const KivVideoFrame*, void* recorder) { g_stopResult = KIV_Stop(recorder); }
+
+// The first written frame starts the grid; it reaches the frame callback, from
+// which the worker cannot be stopped.
+TEST_F(RecorderPort, FailedOpenIsRetriedByTheNextFrame) {
+    ASSERT_EQ(KIV_SetVideoFrameCallback(handle_, StopFromCallback, handle_), KIV_OK);
+    script_->failOpens = 2;
+    Start();
+    for (int i = 0; i < 4; ++i) PushAndWait(uint8_t(i), kStart + i * kFrame30);
+    EXPECT_EQ(Stats(handle_).encodedFrames, 2);
+    EXPECT_EQ(std::make_pair(int(script_->Written().front().firstLuma), script_->Written().front().time), std::make_pair(2, int64_t(0)));
+    ASSERT_TRUE(WaitUntil([&] { return g_stopResult.load() != 1; }));
+    EXPECT_EQ(g_stopResult.load(), KIV_ERROR_FAILED);
+}
+
+TEST_F(RecorderPort, AudioTakesTheFrameFormatAndCountsWrittenSamples) {
+    Start(0, 0, 1);
+    rectest::SilentPcm pcm(44100, 2, 4410);  // 100 ms
+    ASSERT_EQ(recorder_->OnAudioFrame(&pcm.frame), KIV_OK);  // before any file: only the format is kept
+    PushAndWait(1, kStart);
+    ASSERT_EQ(recorder_->OnAudioFrame(&pcm.frame), KIV_OK);
+    pcm.frame.bytes = 441 * 4;  // 10 ms
+    ASSERT_EQ(recorder_->OnAudioFrame(&pcm.frame), KIV_OK);
+    ASSERT_EQ(recorder_->OnAudioFrame(&pcm.frame), KIV_OK);
+    std::lock_guard<std::mutex> lock(script_->mutex);
+    ASSERT_EQ(script_->opens.size(), 1u);
+    EXPECT_EQ(std::make_pair(script_->opens[0].sampleRate, script_->opens[0].width), std::make_pair(44100, 64))
+        << "no configured size: the frame's";
+    EXPECT_EQ(script_->audio, (std::vector<std::pair<int64_t, int64_t>>{{0, 1000000}, {1000000, 100000}, {1100000, 100000}}));
+}
+
+TEST_F(RecorderPort, InputModesRefuseTheOtherKindOfFrame) {
+    const std::vector<uint8_t> idr = rectest::AccessUnit(true);
+    const KivVideoFrame h264 = kivtest::FrameOver(KIV_PIXEL_FORMAT_H264, 64, 32, idr.data(), int32_t(idr.size()));
+    Nv12Frame nv12(1, kStart);
+    for (int32_t mode : {KIV_RECORD_INPUT_DIRECT_H264, KIV_RECORD_INPUT_ENCODE}) {
+        KivRecorderConfig c = rectest::Config(kPath);
+        c.inputMode = mode;
+        ASSERT_EQ(KIV_SetRecorderConfig(handle_, &c), KIV_OK);
+        ASSERT_EQ(recorder_->Start(), KIV_OK);
+        ASSERT_EQ(recorder_->OnVideoFrame(mode == KIV_RECORD_INPUT_ENCODE ? &h264 : &nv12.frame), KIV_OK);
+        ASSERT_TRUE(WaitUntil([&] { return Stats(handle_).inputFrames == 1; }));
+        EXPECT_EQ(Stats(handle_).encodedFrames + Stats(handle_).droppedFrames, 0) << mode;
+        ASSERT_EQ(recorder_->Stop(), KIV_OK);
+    }
+    EXPECT_EQ(script_->Written().size() + script_->opens.size(), 0u);
+}
+
+void KIV_CALL IgnoreVideo(const KivEncodedVideoPacket*, void*) {}
+void KIV_CALL IgnoreAudio(const KivEncodedAudioPacket*, void*) {}
+
+TEST(RecorderApi, BadHandlesAndRecordsAreRefusedAndChangeNothing) {
+    kivtest::LibraryScope library;
+    void* rec = KIV_CreateRecorder("first.mp4");
+    void* mux = KIV_CreateVideoMux();
+    ASSERT_NE(rec, nullptr);
+    KivRecorderConfig c = rectest::Config("other.mp4");
+    c.width = 320;
+    KivRecorderStats s{};
+    auto* port = static_cast<KivPortBase*>(rec);
+    for (void* bad : {static_cast<void*>(nullptr), mux})
+        EXPECT_EQ(std::vector<int32_t>({KIV_SetRecorderConfig(bad, &c), KIV_GetRecorderStats(bad, &s),
+                                        KIV_SetRecorderVideoCallback(bad, IgnoreVideo, nullptr),
+                                        KIV_SetRecorderAudioCallback(bad, IgnoreAudio, nullptr),
+                                        KIV_SetRecorderConfig(rec, nullptr), KIV_GetRecorderStats(rec, nullptr),
+                                        port->OnVideoFrame(nullptr), port->OnAudioFrame(nullptr)}),
+                  std::vector<int32_t>(8, KIV_ERROR_INVALID_ARG));
+    EXPECT_EQ(std::make_pair(Stats(rec).width, Stats(rec).fps), std::make_pair(0, 30)) << "no refused call stored anything";
+    EXPECT_EQ(KIV_SetRecorderVideoCallback(rec, nullptr, nullptr), KIV_OK);
+    EXPECT_EQ(KIV_SetRecorderAudioCallback(rec, nullptr, nullptr), KIV_OK);
+    EXPECT_EQ(KIV_DestroyPort(rec), KIV_OK);
+    EXPECT_EQ(KIV_DestroyPort(mux), KIV_OK);
+
+    void* none = KIV_CreateRecorder(nullptr);
+    EXPECT_EQ(KIV_Start(none), KIV_ERROR_INVALID_ARG) << "start needs a path";
+    EXPECT_EQ(KIV_Stop(none), KIV_OK);
+    c = rectest::Config(kivtest::TempDir("recorder_api_start") + "/b.mp4");
+    ASSERT_EQ(KIV_SetRecorderConfig(none, &c), KIV_OK);
+    EXPECT_EQ(KIV_Start(none), KIV_OK);
+    EXPECT_EQ(KIV_DestroyPort(none), KIV_OK) << "destroying a running recorder stops it";
+#if !defined(_WIN32)
+    rec = KIV_CreateRecorder("caf\xC3\xA9-\xF0\x9F\x8E\xA5.mp4");  // UTF-8 is the system code page here
+    const kiv::RecorderPath expected = {'c', 'a', 'f', 0xE9, '-', 0xD83C, 0xDFA5, '.', 'm', 'p', '4'};
+    EXPECT_EQ(static_cast<KivRecorder*>(static_cast<KivPortBase*>(rec))->Settings().path, expected);
+    EXPECT_EQ(KIV_DestroyPort(rec), KIV_OK);
+#endif
+}
+
+TEST(RecorderApi, StatsConfigWhileRunningAndLogLines) {
+    kivtest::LibraryScope library;
+    const std::string file = kivtest::TempDir("recorder_api") + "/c.mp4";
+    ASSERT_EQ(KIV_EnableLog(1), KIV_OK);
+    void* rec = KIV_CreateRecorder(file.c_str());
+    KivRecorderConfig c = rectest::Config("");
+    c.width = 640;
+    c.height = 360;
+    c.inputFps = 25;
+    c.split = KIV_RECORD_SPLIT_SIZE;
+    ASSERT_EQ(KIV_SetRecorderConfig(rec, &c), KIV_OK);
+    KivRecorderStats s;
+    std::memset(&s, 0xAB, sizeof(s));
+    ASSERT_EQ(KIV_GetRecorderStats(rec, &s), KIV_OK);  // every field written, counters zero
+    EXPECT_EQ((std::vector<int64_t>{s.inputFrames, s.audioPackets, s.fps, s.width, s.height, s.reserved}),
+              (std::vector<int64_t>{0, 0, 25, 640, 360, 0}));
+    ASSERT_EQ(KIV_SetRecorderVideoCallback(rec, IgnoreVideo, nullptr), KIV_OK);
+    ASSERT_EQ(KIV_SetRecorderAudioCallback(rec, nullptr, nullptr), KIV_OK);
+    ASSERT_EQ(KIV_Start(rec), KIV_OK);
+    c.width = 1280;
+    c.recordFps = 50;
+    EXPECT_EQ(KIV_SetRecorderConfig(rec, &c), KIV_ERROR_FAILED);
+    EXPECT_EQ(Stats(rec).width, 640);
+    ASSERT_EQ(KIV_Stop(rec), KIV_OK);
+    const std::string log = kivtest::LibraryLog();
+    KIV_EnableLog(0);
+    EXPECT_EQ(KIV_SetRecorderConfig(rec, &c), KIV_OK);
+    EXPECT_EQ(Stats(rec).fps, 50);
+    for (const std::string& line :
+         {"[kiv_recorder.cpp:" + std::string(),
+          "] Recorder config file=" + file + " size=640x360 inputFps=25 recordFps=0 mode=follow-input targetFps=25 "
+          "bitrate=8000000 audio=0 inputMode=0 split=1 maxBytes=1073741824 seconds=0\r\n",
+          "] Recorder encoded video callback enabled\r\n" + std::string(), "] Recorder encoded audio callback disabled\r\n" + std::string(),
+          "] Recorder start file=" + file + " targetFps=25 asyncQueue=8\r\n", "] Recorder stop asyncDropped=0\r\n" + std::string()})
+        EXPECT_NE(log.find(line), std::string::npos) << line << log;
+    EXPECT_EQ(KIV_DestroyPort(rec), KIV_OK);
+}
+
+// Pass-through with hand-made access units (no decoder needed, so it runs in
+// the Windows build too), and the encode path, which natively has no platform
+// encoder and under Wine no sink writer.
+class RecorderFlow : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(KIV_EnableLog(1), KIV_OK);
+        ASSERT_EQ(KIV_Connect(source_, recorder_), KIV_OK);
+    }
+    void TearDown() override {
+        KIV_EnableLog(0);
+        EXPECT_EQ(KIV_Disconnect(source_, recorder_), KIV_OK);
+        EXPECT_EQ(KIV_DestroyPort(recorder_), KIV_OK);
+        EXPECT_EQ(KIV_DestroyPort(source_), KIV_OK);
+    }
+    void Start(const std::string& file, int32_t width = 320, int32_t height = 240, int32_t fps = 25) {
+        KivRecorderConfig c = rectest::Config(file);
+        c.width = width;
+        c.height = height;
+        c.recordFps = fps;
+        ASSERT_EQ(KIV_SetRecorderConfig(recorder_, &c), KIV_OK);
+        ASSERT_EQ(KIV_Start(recorder_), KIV_OK);
+        pushed_ = 0;
+    }
+    // 640x480: the configured size wins. Without a timestamp, 25 frames a second.
+    void Push(bool key, int times = 1, int64_t timestamp = 0) {
+        const std::vector<uint8_t> au = rectest::AccessUnit(key);
+        for (int i = 0; i < times; ++i) {
+            KivVideoFrame f = kivtest::FrameOver(KIV_PIXEL_FORMAT_H264, 640, 480, au.data(), int32_t(au.size()));
+            PushFrame(&f, timestamp ? timestamp : 20000000 + pushed_ * 400000);
+        }
+    }
+    void PushFrame(KivVideoFrame* f, int64_t timestamp) {
+        f->timestamp = timestamp;
+        ASSERT_EQ(KIV_PushVideoFrame(source_, f), KIV_OK);
+        ++pushed_;
+        ASSERT_TRUE(WaitUntil([&] { return Stats(recorder_).inputFrames == pushed_; }));
+    }
+    size_t Lines(const std::string& text) { return kivtest::CountOf(kivtest::LibraryLog(), text); }
+
+    kivtest::LibraryScope library_;
+    void* source_ = KIV_CreateVideoFrameSource();
+    void* recorder_ = KIV_CreateRecorder(nullptr);
+    int64_t pushed_ = 0;
+    const std::string dir_ = kivtest::TempDir("recorder_flow");
+};
+
+// Frames wait for the parameter sets; the written ones are timed by their own
+// timestamps unless those run backwards or come closer than a frame.
+TEST_F(RecorderFlow, PassThroughWaitsForParameterSetsAndDescribesEachWrittenFrame) {
+    rectest::PacketLog seen;
+    ASSERT_EQ(KIV_SetRecorderVideoCallback(recorder_, rectest::PacketLog::OnPacket, &seen), KIV_OK);
+    Start(dir_ + "/wait.mp4");
+    Push(false, 61);
+    EXPECT_FALSE(std::filesystem::exists(dir_ + "/wait.mp4")) << "no file before the parameter sets";
+    const int64_t t0 = 70000000;
+    Push(true, 1, t0);
+    for (int64_t t : {t0 + 500000, t0 + 600000, t0 - 1000000}) Push(false, 1, t);
+    ASSERT_EQ(KIV_Stop(recorder_), KIV_OK);
+    EXPECT_TRUE(std::filesystem::exists(dir_ + "/wait.mp4"));
+    const KivRecorderStats s = Stats(recorder_);
+    EXPECT_EQ(std::vector<int64_t>({s.droppedFrames, s.encodedFrames, s.videoPackets}), std::vector<int64_t>({61, 4, 4}));
+    ASSERT_EQ(seen.packets.size(), 4u);
+    const int64_t times[] = {0, 500000, 900000, 1300000};
+    for (size_t i = 0; i < 4; ++i) {
+        const KivEncodedVideoPacket& p = seen.packets[i];
+        // Times start at the first written frame; sizes with 4-byte start codes.
+        EXPECT_EQ(std::vector<int64_t>({p.kind, p.frameIndex, p.key, p.pts, p.dts, p.width, p.height, p.size}),
+                  std::vector<int64_t>({1, int64_t(i), i == 0, times[i], times[i], 320, 240,
+                                        i == 0 ? 4 + 10 + 4 + 4 + 4 + 5 : 4 + 5}));
+    }
+    const std::string waiting = "] Raw H264 recorder waiting for SPS/PPS before MP4 writer start dropped=";
+    EXPECT_EQ(Lines(waiting), 3u);
+    for (const std::string& line :
+         {waiting + "1 sampleBytes=9\r\n", waiting + "31 sampleBytes=9\r\n", waiting + "61 sampleBytes=9\r\n",
+          "] Raw H264 first sample source=AnnexB inputBytes=8 annexBBytes=9 nalCount=1 firstNal=1 key=0 sps=0 pps=0\r\n" +
+              std::string(),
+          "] Raw H264 custom MP4 sequence header sps=10 pps=4 profile=66 level=30 chroma=1 bitDepth=8/8 parsed=1\r\n" +
+              std::string(),
+          "] Raw H264 custom MP4 finalize segment=0 file=" + std::string()})
+        EXPECT_EQ(Lines(line), 1u) << line;
+}
+
+TEST_F(RecorderFlow, AWriterThatCannotOpenDisablesThePassThroughUntilTheNextStart) {
+    Start(dir_ + "/missing-folder/x.mp4");
+    // The first frame fails to open the file; the rest are dropped, with a
+    // line on the 1st, 241st, ... drop.
+    Push(true, 242);
+    EXPECT_EQ(std::make_pair(Stats(recorder_).droppedFrames, Stats(recorder_).encodedFrames), std::make_pair(int64_t(242), int64_t(0)));
+    ASSERT_EQ(KIV_Stop(recorder_), KIV_OK);
+    const std::string disabled = "] Raw H264 recorder disabled after fatal writer init failure. dropped=";
+    for (const std::string& line :
+         {"] Raw H264 custom MP4 open failed file=" + std::string(), disabled, disabled + "241 input=241\r\n",
+          "] Raw H264 recorder fatal: writer init failed. Stop direct record and inspect sequence-header/media-type "
+          "logs above.\r\n" + std::string()})
+        EXPECT_EQ(Lines(line), 1u) << line;
+    EXPECT_FALSE(std::filesystem::exists(dir_ + "/missing-folder"));
+
+    Start(dir_ + "/good.mp4");
+    Push(true);
+    ASSERT_EQ(KIV_Stop(recorder_), KIV_OK);
+    EXPECT_EQ(Stats(recorder_).encodedFrames, 1);
+    EXPECT_TRUE(std::filesystem::exists(dir_ + "/good.mp4"));
+}
+
+// Uncompressed frames are taken, counted, and refused by the writer without
+// leaving a file behind (a system with a sink writer records them).
+TEST_F(RecorderFlow, EncodePathWithoutAPlatformEncoderFailsCleanly) {
+    const std::string file = dir_ + "/clip.mp4";
+    Start(file, 0, 0, 0);
+    kivtest::OwnedFrame frame(KIV_PIXEL_FORMAT_RGB32, 32, 16, 200);
+    for (int i = 0; i < 3; ++i) PushFrame(&frame.frame, 1000000 + i * 333333);
+    EXPECT_EQ(Stats(recorder_).encodedFrames, 0);
+    EXPECT_EQ(KIV_Stop(recorder_), KIV_OK);
+#if defined(_WIN32)
+    const std::string failure = "] MFCreateSinkWriterFromURL failed hr=0x";  // refused at its creation
+#else
+    const std::string failure = "] MFCreateSinkWriterFromURL failed hr=0x80004001 file=" + file + "\r\n";
+#endif
+    if (Lines(failure) > 0) {
+        EXPECT_EQ(Lines(failure), 3u) << "every frame tries to open the file again";
+        EXPECT_FALSE(std::filesystem::exists(file));
+    } else {
+        EXPECT_EQ(Lines("] Recorder writer ready file="), 1u) << kivtest::LibraryLog();
+    }
+}
+
+}  // namespace
