@@ -2,8 +2,6 @@
 // and nothing outside it.
 #include <gtest/gtest.h>
 
-#include <fstream>
-
 #include "osd_test_util.h"
 #include "test_support.h"
 
@@ -16,23 +14,6 @@ struct Box {
     bool Contains(int px, int py) const { return px >= x && px < x + w && py >= y && py < y + h; }
 };
 
-// Writes a bottom-up 24-bit BMP whose pixel (x, y), counted from the top, is colour(x, y) as 0xRRGGBB.
-template <class Colour>
-void WriteBmp24(const std::string& path, int w, int h, Colour colour) {
-    const int rowBytes = (w * 3 + 3) & ~3;
-    std::vector<uint8_t> file(54 + size_t(rowBytes) * h, 0);
-    // Little-endian fields from offset 2: file size, reserved, pixel offset, header size, width, height, planes
-    // and bits per pixel, compression, pixel bytes.
-    const uint32_t fields[] = {uint32_t(file.size()), 0, 54, 40, uint32_t(w), uint32_t(h), 1 | 24 << 16, 0, uint32_t(rowBytes * h)};
-    for (size_t i = 0; i < 4 * std::size(fields); ++i) file[2 + i] = uint8_t(fields[i / 4] >> (8 * (i % 4)));
-    file[0] = 'B', file[1] = 'M';
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            uint8_t* p = &file[54 + size_t(h - 1 - y) * rowBytes + size_t(x) * 3];  // rows run bottom-up
-            p[0] = uint8_t(colour(x, y)), p[1] = uint8_t(colour(x, y) >> 8), p[2] = uint8_t(colour(x, y) >> 16);
-        }
-    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(file.data()), std::streamsize(file.size()));
-}
 
 // Pushes a black frame through source -> overlay with `items` and counts the changed pixels in each box and outside all.
 class OsdGdiplusTest : public ::testing::Test {
@@ -96,7 +77,7 @@ TEST_F(OsdGdiplusTest, TextChangesOnlyItsBox) {
 TEST_F(OsdGdiplusTest, PicturesAtTheirOwnSizeWithColourKeyScaledOrMissing) {
     const std::string dir = kivtest::TempDir("osd_gdiplus");
     // A red picture with a pure green block in its top-left 2x2.
-    WriteBmp24(dir + "/logo.bmp", 8, 4, [](int x, int y) { return x < 2 && y < 2 ? 0x00FF00u : 0xFF0000u; });
+    osdtest::WriteBmp24(dir + "/logo.bmp", 8, 4, [](int x, int y) { return x < 2 && y < 2 ? 0x00FF00u : 0xFF0000u; });
     const auto path = kivtest::Wide(dir + "/logo.bmp");
     KivVideoOsdItem item = osdtest::Item(10, 12, 0, 0);  // its own size, green keyed out
     std::copy(path.begin(), path.end(), item.imagePath);

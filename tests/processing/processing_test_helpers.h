@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "kiv_cube_lut.h"
 #include "kivcapture.h"
+#include "processing/kiv_cube_lut.h"
 #include "ports/kiv_port_base.h"
 #include "test_support.h"
 
