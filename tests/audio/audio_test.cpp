@@ -1,9 +1,6 @@
-// The audio ports. Natively, their logic over scripted endpoints: PCM
-// conversion bit for bit, playback into a stand-in buffer, the capture thread,
-// the exported setters. Under Wine, Core Audio endpoints (PulseAudio null
-// sinks): run_endpoint_tests.sh plays a 1 kHz tone at a quarter of full scale
-// into kiv_sink_a, makes kiv_sink_b the default playback device and records
-// its monitor; the tests needing them skip without the script.
+// The audio ports. Natively, their logic over a scripted endpoint; under Wine, Core Audio endpoints (PulseAudio null
+// sinks) fed by run_endpoint_tests.sh, which plays a 1 kHz tone into kiv_sink_a and records kiv_sink_b, the default
+// playback device (the tests needing the recording skip without the script).
 #include <gtest/gtest.h>
 
 #ifdef _WIN32
@@ -34,15 +31,21 @@ namespace {
 using Strings = std::vector<std::string>;
 
 // Restarts the library log so a test sees only its own lines.
-void FreshLog() {
-    KIV_EnableLog(0);
-    KIV_EnableLog(1);
-}
-Strings Lines(const std::string& prefix = "") {
+void FreshLog() { KIV_EnableLog(0), KIV_EnableLog(1); }
+Strings Lines(const std::string& part = "") {  // the log's messages containing `part`
     Strings found;
     for (const kivtest::LogMessage& m : kivtest::LogMessages(kivtest::LibraryLog()))
-        if (m.text.compare(0, prefix.size(), prefix) == 0) found.push_back(m.text);
+        if (m.text.find(part) != std::string::npos) found.push_back(m.text);
     return found;
+}
+// Each of `parts` in a line of its own, in this order.
+void ExpectInOrder(const Strings& lines, const Strings& parts) {
+    auto at = lines.begin();
+    for (const std::string& part : parts) {
+        at = std::find_if(at, lines.end(), [&](const std::string& line) { return line.find(part) != line.npos; });
+        ASSERT_NE(at, lines.end()) << "missing or out of order: " << part;
+        ++at;
+    }
 }
 template <class Pred> bool WaitFor(Pred done, int seconds = 10) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
@@ -110,8 +113,7 @@ TEST(AudioConvert, MixFormatsBecomeInterleaved16Bit) {
         int32_t peak = -1;
         const uint32_t frames = static_cast<uint32_t>(c.source.size() / c.format.blockAlign);
         ASSERT_TRUE(kiv::ConvertToPcm16(c.source.data(), frames, c.format, c.outChannels, &out, &peak));
-        EXPECT_EQ(out, Bytes(c.expected));
-        EXPECT_EQ(peak, c.peak);
+        EXPECT_EQ(std::make_pair(out, peak), std::make_pair(Bytes(c.expected), c.peak));
     }
     // Unconvertible formats leave the buffer alone.
     const uint8_t data[16] = {};
@@ -133,8 +135,8 @@ TEST(AudioConvert, MixFormatsBecomeInterleaved16Bit) {
     for (const auto& [tag, sub, kind] : kinds) EXPECT_EQ(kiv::SampleKindOf(tag, sub), kind) << "tag " << tag;
 }
 
-// A scripted endpoint, for capture and for playback: the test sets it up
-// before Start (while the capture thread runs, `bursts` is guarded by `mutex`).
+// A scripted endpoint, for capture and for playback: the test sets it up before Start (while the capture thread
+// runs, `bursts` is guarded by `mutex`). Calls named in `failAt` fail with 0x88890004.
 struct Script {
     struct Packet {
         std::vector<uint8_t> bytes;  // empty: a null data pointer
@@ -142,7 +144,7 @@ struct Script {
         bool silent;
     };
     std::mutex mutex;
-    std::string failAt;  // the call that fails with 0x88890004
+    std::string failAt;
     kiv::CaptureOpenReport open{kiv::CaptureOpenStep::kNone, 0x88890004, 1};
     kiv::RenderOpenStep renderFailStep = kiv::RenderOpenStep::kNone;
     AudioMixFormat mix = Format(I, 2, 16);
@@ -172,8 +174,7 @@ public:
         if ((*error = Result("Wait"))) return kiv::WaitResult::kFailed;
         std::lock_guard<std::mutex> lock(s_.mutex);
         if (s_.bursts.empty()) return kiv::WaitResult::kTimeout;
-        packets_ = s_.bursts.front();
-        s_.bursts.pop_front();
+        packets_ = s_.bursts.front(), s_.bursts.pop_front();
         return kiv::WaitResult::kSignalled;
     }
     uint32_t NextPacketSize(uint32_t* frames) override {
@@ -186,8 +187,7 @@ public:
     }
     uint32_t ReleaseBuffer(uint32_t) override {
         packets_.erase(packets_.begin());
-        if (Result("ReleaseBuffer")) packets_.clear();
-        return Result("ReleaseBuffer");
+        return Result("ReleaseBuffer") ? packets_.clear(), Result("ReleaseBuffer") : 0;
     }
     uint32_t StopClient() override { return 0; }
     void Close() override { ++s_.closes; }
@@ -195,9 +195,7 @@ public:
 
     // Steps up to Activate fail in OpenDevice, the later ones in OpenClient.
     kiv::RenderOpenReport OpenDevice() override {
-        using S = kiv::RenderOpenStep;
-        if (s_.renderFailStep != S::kNone && s_.renderFailStep <= S::kActivate) return Report(true);
-        return {kiv::RenderOpenStep::kNone, 0, !Result("GetMixFormat"), Result("GetMixFormat"), Format(F, 2, 32, 0xFFFE)};
+        return Report(s_.renderFailStep != kiv::RenderOpenStep::kNone && s_.renderFailStep <= kiv::RenderOpenStep::kActivate);
     }
     kiv::RenderOpenReport OpenClient(const AudioMixFormat& source) override {
         if (s_.renderFailStep > kiv::RenderOpenStep::kActivate) return Report(true);
@@ -214,16 +212,13 @@ public:
         s_.written.insert(s_.written.end(), buffer_.begin(), buffer_.begin() + frames * format_.blockAlign);
         return Result("ReleaseBuffer");
     }
-    bool Close(uint32_t* stopHr) override {
-        ++s_.closes, *stopHr = 0;
-        return std::exchange(started_, false);
-    }
+    bool Close(uint32_t* stopHr) override { return ++s_.closes, *stopHr = 0, std::exchange(started_, false); }
 
 private:
     uint32_t Result(const char* call) { return s_.failAt == call ? 0x88890004 : 0; }
     kiv::RenderOpenReport Report(bool failed) {
-        return {failed ? s_.renderFailStep : kiv::RenderOpenStep::kNone, failed ? 0x88890004 : 0, false, 0, {}, 4800,
-                0x88000000};
+        return {failed ? s_.renderFailStep : kiv::RenderOpenStep::kNone, failed ? 0x88890004 : 0, true, 0,
+                Format(F, 2, 32, 0xFFFE), 4800};
     }
     Script& s_;
     std::vector<Script::Packet> packets_;
@@ -252,9 +247,8 @@ struct Pcm {
     }
 };
 
-// 480 frames into a buffer of 4800 with `padding` queued: what is written and
-// dropped, and each failure's line; the next frame, with nothing failing and
-// an empty buffer, is written whole.
+// 480 frames into a buffer of 4800 with `padding` queued: what is written and dropped, and which step failed; the
+// next frame, with nothing failing and an empty buffer, is written whole.
 TEST(AudioRender, WritesWhatFitsAndDropsTheRestOrTheFrameOnFailure) {
     using S = kiv::RenderOpenStep;
     struct Case {
@@ -263,31 +257,23 @@ TEST(AudioRender, WritesWhatFitsAndDropsTheRestOrTheFrameOnFailure) {
         uint32_t padding;
         int32_t result;
         uint64_t written, dropped;
-        Strings lines;
+        Strings failures;  // the distinguishing part of each line saying "failed"
     };
     std::vector<Case> cases = {
         {S::kNone, "", 4700, KIV_OK, 100, 380, {}},
         {S::kNone, "", 4800, KIV_OK, 0, 480, {}},
         {S::kNone, "", 5000, KIV_OK, 0, 480, {}},
         {S::kNone, "", 0, KIV_OK, 480, 0, {}},
-        {S::kNone, "GetCurrentPadding", 4790, KIV_OK, 480, 0, {"Audio render GetCurrentPadding failed hr=0x88890004"}},
-        {S::kNone, "GetBuffer", 4750, KIV_ERROR_FAILED, 0, 480,
-         {"Audio render GetBuffer failed hr=0x88890004 writeFrames=50 available=50 padding=4750"}},
-        {S::kNone, "ReleaseBuffer", 4750, KIV_OK, 0, 430, {"Audio render ReleaseBuffer failed hr=0x88890004 writeFrames=50"}},
+        {S::kNone, "GetCurrentPadding", 4790, KIV_OK, 480, 0, {"GetCurrentPadding"}},
+        {S::kNone, "GetBuffer", 4750, KIV_ERROR_FAILED, 0, 480, {"GetBuffer failed hr=0x88890004 writeFrames=50 available=50"}},
+        {S::kNone, "ReleaseBuffer", 4750, KIV_OK, 0, 430, {"ReleaseBuffer failed hr=0x88890004 writeFrames=50"}},
     };
     // An endpoint that does not open drops the frame.
-    for (const auto& [step, line] : std::vector<std::pair<S, std::string>>{
-             {S::kCreateEnumerator, "Audio render CoCreateInstance(MMDeviceEnumerator) failed hr=0x88890004"},
-             {S::kDefaultEndpoint, "Audio render GetDefaultAudioEndpoint failed hr=0x88890004"},
-             {S::kActivate, "Audio render Activate IAudioClient failed hr=0x88890004"},
-             {S::kAllocFormat, "Audio render CoTaskMemAlloc source format failed"},
-             {S::kInitialize, "Audio render Initialize auto-convert failed hr=0x88890004 source=48000 Hz ch=2 bits=16 tag=0x1 "
-                              "flags=0x88000000"},
-             {S::kGetBufferSize, "Audio render GetBufferSize failed hr=0x88890004 frames=4800"},
-             {S::kGetService, "Audio render GetService IAudioRenderClient failed hr=0x88890004"},
-             {S::kStart, "Audio render client Start failed hr=0x88890004"}})
-        cases.push_back({step, "", 0, KIV_ERROR_FAILED, 0, 480,
-                         {line, "Audio render EnsureFormat failed input=48000 Hz ch=2 bits=16 frames=480"}});
+    for (auto [step, part] : std::initializer_list<std::pair<S, const char*>>{
+             {S::kCreateEnumerator, "CoCreateInstance"}, {S::kDefaultEndpoint, "GetDefaultAudioEndpoint"},
+             {S::kActivate, "Activate"}, {S::kAllocFormat, "CoTaskMemAlloc"}, {S::kInitialize, "Initialize"},
+             {S::kGetBufferSize, "GetBufferSize"}, {S::kGetService, "GetService"}, {S::kStart, "client Start"}})
+        cases.push_back({step, "", 0, KIV_ERROR_FAILED, 0, 480, {part, "EnsureFormat failed input=48000 Hz ch=2 bits=16 frames=480"}});
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << "step " << static_cast<int>(c.step) << " " << c.failAt << " " << c.padding);
         Render r;
@@ -298,10 +284,8 @@ TEST(AudioRender, WritesWhatFitsAndDropsTheRestOrTheFrameOnFailure) {
         EXPECT_EQ(r.Counts(), U64s({480, c.written, c.dropped, 0}));
         const size_t copied = (r.failAt == "ReleaseBuffer" ? 50 : c.written) * 4;  // a failed release still had the bytes
         EXPECT_EQ(r.written, std::vector<uint8_t>(pcm.bytes.begin(), pcm.bytes.begin() + copied));
-        Strings failures = Lines();
-        failures.erase(std::remove_if(failures.begin(), failures.end(), [](auto& t) { return t.find("failed") == t.npos; }),
-                       failures.end());
-        EXPECT_EQ(failures, c.lines);
+        EXPECT_EQ(Lines("failed").size(), c.failures.size());
+        ExpectInOrder(Lines("failed"), c.failures);
         r.renderFailStep = S::kNone, r.failAt = "", r.padding = 0;
         EXPECT_EQ(r.port.OnAudioFrame(&pcm.frame), KIV_OK);
         EXPECT_EQ(r.Counts(), U64s({960, c.written + 480, c.dropped, 0}));
@@ -310,7 +294,6 @@ TEST(AudioRender, WritesWhatFitsAndDropsTheRestOrTheFrameOnFailure) {
 
 TEST(AudioRender, OpensLazilyReopensOnAFormatChangeAndRefusesBadFrames) {
     Render r;
-    r.failAt = "GetMixFormat";  // only logged
     Pcm a(10), b(10, 44100, 1), empty(0), noChannels(4, 48000, 0), eightBit(6, 48000, 1, 8), partial(1), loud(2);
     EXPECT_EQ(r.port.OnAudioFrame(&a.frame), KIV_OK);  // before Start: ignored
     ASSERT_EQ(r.port.Start(), KIV_OK);
@@ -324,7 +307,7 @@ TEST(AudioRender, OpensLazilyReopensOnAFormatChangeAndRefusesBadFrames) {
     loud.bytes = {0x00, 0x80, 0xFF, 0x7F, 0x10, 0x00, 0x20, 0x00};  // -32768, 32767, 16, 32
     loud.frame.data = loud.bytes.data();
     for (Pcm* p : {&a, &a, &loud, &loud, &b}) {
-        r.tick = p == &a ? 0 : 5000;  // a statistics line at the first loud frame, the next ones are within the interval
+        r.tick = p == &a ? 0 : 5000;  // one statistics line, at the first loud frame
         ASSERT_EQ(r.port.OnAudioFrame(&p->frame), KIV_OK);
     }
     ASSERT_EQ(r.opens.size(), 2u);
@@ -338,20 +321,8 @@ TEST(AudioRender, OpensLazilyReopensOnAFormatChangeAndRefusesBadFrames) {
     EXPECT_EQ(r.closes, 4);
     EXPECT_EQ(r.port.OnAudioFrame(&a.frame), KIV_OK);  // after Stop: ignored
     EXPECT_EQ(r.Counts(), U64s({46, 34, 12, 12}));
-    EXPECT_EQ(Lines("Audio render configure")[1], "Audio render configure from input=44100 Hz ch=1 bits=16 dataSize=20");
-    EXPECT_EQ(Lines("Audio render ready")[1],
-              "Audio render ready source=44100 Hz ch=1 bits=16 block=2 bufferFrames=4800 autoConvert=1");
-    const std::pair<std::string, size_t> lines[] = {
-        {"Audio render stats receivedFrames=22 writtenFrames=22 droppedFrames=0 silenceFrames=0 peak=32768 "
-         "input=48000Hz/2ch/16bit client=48000Hz/2ch/16bit/tag0x1 buffer=4800 padding=0", 1},
-        {"Audio render stop receivedFrames=46 writtenFrames=34 droppedFrames=12 silenceFrames=12", 1},
-        {"Audio render GetMixFormat failed hr=0x88890004; continue with shared-mode auto conversion", 4},
-        {"Audio render client Stop hr=0x00000000", 4},
-        {"Audio render received invalid audio frame", 3},
-        {"Audio render invalid input block align channels=0 bits=16", 1},
-        {"Audio render internal source mismatch input=48000Hz/1ch/8bit/block1 client=48000Hz/1ch/16bit/block2 "
-         "hr=0x00000000", 2}};
-    for (const auto& [line, n] : lines) EXPECT_EQ(Lines(line), Strings(n, line));
+    EXPECT_EQ(Lines("Audio render stats").size(), 1u);
+    ExpectInOrder(Lines("Audio render stats"), {"receivedFrames=22 writtenFrames=22 droppedFrames=0 silenceFrames=0 peak=32768"});
 }
 
 Script::Packet Packet(std::vector<int16_t> interleaved, bool silent = false) {
@@ -361,10 +332,7 @@ Script::Packet Packet(std::vector<int16_t> interleaved, bool silent = false) {
 struct Input : Script {
     Capture caught;
     KivAudioInput port{[this] { return std::make_unique<ScriptedEndpoint>(*this); }};
-    Input() {
-        FreshLog();
-        port.SetAudioFrameCallback(Capture::On, &caught);
-    }
+    Input() { FreshLog(), port.SetAudioFrameCallback(Capture::On, &caught); }
     // Starts, waits until every burst was handled and the thread is back in its wait, stops.
     void Run() {
         ASSERT_EQ(port.Start(), KIV_OK);
@@ -394,67 +362,46 @@ TEST(AudioInput, PacketsBecomeFramesTimedByTheSampleCursor) {
     }
     EXPECT_EQ(in.caught.samples, std::vector<int16_t>({1, 3, 0, 0, 0, -300, 1}));
     EXPECT_EQ(in.port.SampleCursor(), 14u);
-    EXPECT_EQ(Lines("Audio capture ready")[0],
-              "Audio capture ready mix=44100 Hz ch=2 bits=16 block=4 tag=0x1 -> SDK PCM=44100 Hz ch=1 bits=16");
-    EXPECT_EQ(Lines("Audio input thread exit"),
-              Strings({"Audio input thread exit packets=3 frames=6 bytes=24 silentPackets=1 errors=0",
-                       "Audio input thread exit packets=2 frames=8 bytes=32 silentPackets=0 errors=0"}));
-    const Strings stats = Lines("Audio capture stats");
-    ASSERT_GE(stats.size(), 3u);
-    EXPECT_EQ(Strings(stats.begin(), stats.begin() + 3),
-              Strings({"Audio capture stats packets=2 frames=5 bytes=20 silentPackets=1 errors=0 peak=3 sampleCursor=5",
-                       "Audio capture stats packets=3 frames=6 bytes=24 silentPackets=1 errors=0 peak=300 sampleCursor=6",
-                       "Audio capture stats packets=3 frames=6 bytes=24 silentPackets=1 errors=0 peak=0 sampleCursor=6"}));
+    ExpectInOrder(Lines("Audio input thread exit"),
+                  {"packets=3 frames=6 bytes=24 silentPackets=1 errors=0", "packets=2 frames=8 bytes=32 silentPackets=0"});
+    ExpectInOrder(Lines("Audio capture stats"), {"peak=3 sampleCursor=5", "peak=300 sampleCursor=6", "peak=0 sampleCursor=6"});
 }
 
-// Each failing call logs its line; the opening failures end the thread before any frame.
+// Which call failed shows only in the log; the opening failures end the thread before any frame.
 TEST(AudioInput, LogsEveryFailingCall) {
     using S = kiv::CaptureOpenStep;
-    const std::string openFailed = "Audio OpenDevice failed index=0",
-                      counted = "Audio input active endpoint count=1 selectedIndex=0",
-                      noPackets = "Audio input thread exit packets=0 frames=0 bytes=0 silentPackets=0 errors=1";
+    const std::string noPackets = "packets=0 frames=0 bytes=0 silentPackets=0 errors=1";  // the thread's exit line
     const struct {
         std::string failAt;
         S openStep;
         Strings lines;  // in order, among the thread's lines
         bool opened;
     } cases[] = {
-        {"", S::kCreateEnumerator, {"Audio input CoCreateInstance(MMDeviceEnumerator) failed hr=0x88890004", openFailed}, false},
-        {"", S::kEnumEndpoints, {"Audio input EnumAudioEndpoints failed hr=0x88890004", openFailed}, false},
-        {"", S::kGetCount, {"Audio input GetCount failed hr=0x88890004", openFailed}, false},
-        {"", S::kIndexInvalid, {counted, "Audio input device index invalid index=0 count=1", openFailed}, false},
-        {"", S::kItem, {counted, "Audio input collection Item failed index=0 hr=0x88890004", openFailed}, false},
-        {"Activate", S::kNone, {"Audio Activate IAudioClient failed hr=0x88890004"}, false},
-        {"GetMixFormat", S::kNone, {"Audio GetMixFormat failed hr=0x88890004"}, false},
-        {"MakeEvent", S::kNone, {"Audio CreateEvent failed winerr=2290679812"}, false},
-        {"Initialize", S::kNone, {"Audio Initialize failed hr=0x88890004"}, false},
-        {"GetCaptureService", S::kNone, {"Audio GetService IAudioCaptureClient failed hr=0x88890004"}, false},
-        {"SetEventHandle", S::kNone, {"Audio SetEventHandle failed hr=0x88890004", "Audio capture client started"}, true},
-        {"StartClient", S::kNone, {"Audio capture client Start failed hr=0x88890004"}, true},
-        {"Wait", S::kNone,
-         {"Audio capture WaitForSingleObject failed winerr=2290679812", "Audio capture client stopped hr=0x00000000",
-          noPackets},
-         true},
-        {"NextPacketSize", S::kNone, {"Audio GetNextPacketSize failed hr=0x88890004", noPackets}, true},
-        {"GetBuffer", S::kNone, {"Audio capture GetBuffer failed hr=0x88890004 packetFrames=1", noPackets}, true},
-        {"ReleaseBuffer", S::kNone,
-         {"Audio capture ReleaseBuffer failed hr=0x88890004 frames=1",
-          "Audio input thread exit packets=1 frames=1 bytes=4 silentPackets=0 errors=1"},
-         true},
+        {"", S::kCreateEnumerator, {"CoCreateInstance(MMDeviceEnumerator) failed"}, false},
+        {"", S::kEnumEndpoints, {"EnumAudioEndpoints failed"}, false},
+        {"", S::kGetCount, {"GetCount failed"}, false},
+        {"", S::kIndexInvalid, {"index invalid index=0 count=1"}, false},
+        {"", S::kItem, {"Item failed index=0"}, false},
+        {"Activate", S::kNone, {"Activate IAudioClient failed"}, false},
+        {"GetMixFormat", S::kNone, {"GetMixFormat failed"}, false},
+        {"MakeEvent", S::kNone, {"CreateEvent failed"}, false},
+        {"Initialize", S::kNone, {"Initialize failed"}, false},
+        {"GetCaptureService", S::kNone, {"GetService IAudioCaptureClient failed"}, false},
+        {"SetEventHandle", S::kNone, {"SetEventHandle failed", "client started"}, true},
+        {"StartClient", S::kNone, {"client Start failed"}, true},
+        {"Wait", S::kNone, {"WaitForSingleObject failed", noPackets}, true},
+        {"NextPacketSize", S::kNone, {"GetNextPacketSize failed", noPackets}, true},
+        {"GetBuffer", S::kNone, {"GetBuffer failed hr=0x88890004 packetFrames=1", noPackets}, true},
+        {"ReleaseBuffer", S::kNone, {"ReleaseBuffer failed", "packets=1 frames=1 bytes=4 silentPackets=0 errors=1"}, true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.lines[0]);
         Input in;
-        in.open.failedStep = c.openStep;
-        in.failAt = c.failAt;
-        in.bursts.push_back({Packet({7, 7})});
+        in.open.failedStep = c.openStep, in.failAt = c.failAt, in.bursts.push_back({Packet({7, 7})});
         ASSERT_EQ(in.port.Start(), KIV_OK);
-        ASSERT_TRUE(WaitFor([&] { return !Lines(c.lines[0]).empty(); }));
+        ASSERT_TRUE(WaitFor([&] { return !Lines(c.lines.front()).empty(); }));
         ASSERT_EQ(in.port.Stop(), KIV_OK);
-        const Strings log = Lines();
-        auto at = log.begin();
-        for (const std::string& line : c.lines)
-            EXPECT_NE(at = std::find(at, log.end(), line), log.end()) << "missing or out of order: " << line;
+        ExpectInOrder(Lines(), c.lines);
         EXPECT_TRUE(c.opened || in.caught.frames.size() + Lines("Audio input thread exit").size() == 0);
         EXPECT_EQ(in.closes, 1);
     }
@@ -473,22 +420,12 @@ TEST(AudioApi, SettersRefuseBadArgumentsAndStartAndStopAreIdempotent) {
                         KIV_SetAudioInputPCM(mux, 48000, 2, 16), KIV_SetAudioInputPCM(nullptr, 48000, 2, 16),
                         KIV_SetAudioRenderDefaultDevice(input), KIV_SetAudioRenderDefaultDevice(nullptr)})
         EXPECT_EQ(r, KIV_ERROR_INVALID_ARG);
-    EXPECT_EQ(KIV_SetAudioInputDevice(input, 2), KIV_OK);
-    EXPECT_EQ(KIV_SetAudioInputPCM(input, 44100, 1, 16), KIV_OK);
-    EXPECT_EQ(KIV_SetAudioRenderDefaultDevice(render), KIV_OK);
-    // Without endpoints, index 2 is past the list: the input starts but delivers nothing.
-    Capture capture;
-    ASSERT_EQ(KIV_SetAudioFrameCallback(input, Capture::On, &capture), KIV_OK);
-    EXPECT_EQ(Lines(), Strings({"Set audio input device index=2", "Set audio PCM 44100 Hz 1 ch 16 bits",
-                                "Audio render use default playback device"}));
+    EXPECT_EQ(std::vector<int>({KIV_SetAudioInputDevice(input, 2), KIV_SetAudioInputPCM(input, 44100, 1, 16),
+                                KIV_SetAudioRenderDefaultDevice(render)}),
+              std::vector<int>(3, KIV_OK));
     EXPECT_EQ(KIV_Stop(input), KIV_OK);  // not started: nothing to do
-    for (int i = 0; i < 2; ++i) EXPECT_EQ(KIV_Start(input), KIV_OK);
-    WaitFor([] { return !Lines("Audio OpenDevice failed").empty(); });
-    for (int i = 0; i < 2; ++i) EXPECT_EQ(KIV_Stop(input), KIV_OK);
-    EXPECT_EQ(capture.frames.size(), 0u);
-    for (const std::string line : {"Audio input start device=2 request=44100 Hz 1 ch 16 bits", "Audio OpenDevice failed index=2",
-                                   "Audio input device index invalid index=2 count=0", "Audio input stop device=2"})
-        EXPECT_EQ(Lines(line), Strings{line});
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(i < 2 ? KIV_Start(input) : KIV_Stop(input), KIV_OK);
+    EXPECT_EQ(std::make_pair(Lines("Audio input start").size(), Lines("Audio input stop").size()), std::make_pair(1ul, 1ul));
     KIV_EnableLog(0);
     for (void* p : {input, render, mux}) EXPECT_EQ(KIV_DestroyPort(p), KIV_OK);
 }
@@ -537,11 +474,10 @@ int32_t IndexOf(const std::string& part) {
     return -1;
 }
 
-// Frequency (Goertzel power, 25 Hz steps), level and continuity of the 1 kHz
-// tone in channel `channel` of interleaved stereo from frame `begin` to `end`.
-// A break is where the sine recurrence x[n+1] - 2cos(w)x[n] + x[n-1] = 0
-// misses by more than 5 % of the amplitude: a lost or repeated sample. A
-// capture must have none; playback may break where the endpoint ran dry.
+// Frequency (Goertzel power, 25 Hz steps), level and continuity of the 1 kHz tone in channel `channel` of
+// interleaved stereo from frame `begin` to `end`. A break is where the sine recurrence x[n+1] - 2cos(w)x[n] + x[n-1]
+// misses by more than 5 % of the amplitude: a lost or repeated sample. A capture must have none; playback may run
+// dry between packets on a loaded machine, so its level counts only the 10 ms blocks holding the tone.
 void ExpectTone(const std::vector<int16_t>& pcm, int channel, size_t begin, size_t end, double rate, bool continuous) {
     SCOPED_TRACE(testing::Message() << "channel " << channel << (continuous ? " captured" : " played"));
     ASSERT_GT(end, begin + static_cast<size_t>(rate));
@@ -554,9 +490,8 @@ void ExpectTone(const std::vector<int16_t>& pcm, int channel, size_t begin, size
         if (const double power = s1 * s1 + s2 * s2 - k * s1 * s2; power > bestPower) bestPower = power, best = f;
     }
     EXPECT_EQ(best, 1000.0);
-    // Playback may run dry between packets on a loaded machine: its level counts the 10 ms blocks holding the tone.
     const size_t block = static_cast<size_t>(rate) / 100;
-    size_t used = 0;
+    size_t used = 0, breaks = 0;
     for (size_t b = begin, i; b + block <= end; b += block) {
         double s = 0;
         for (i = b; i < b + block; ++i) s += x(i) * x(i);
@@ -566,14 +501,11 @@ void ExpectTone(const std::vector<int16_t>& pcm, int channel, size_t begin, size
     const double rmsDb = 20 * std::log10(std::sqrt(sum / used) / (kAmplitude / std::sqrt(2.0)));
     EXPECT_NEAR(rmsDb, 0.0, continuous ? 0.5 : 1.0);
     const double k = 2.0 * std::cos(2.0 * kPi * 1000.0 / rate);
-    size_t breaks = 0;
     for (size_t n = begin + 1, off = 0; n + 1 < end; ++n) {
         const bool now = std::fabs(x(n + 1) - k * x(n) + x(n - 1)) > 0.05 * kAmplitude;
         breaks += now && !off, off = now;
     }
-    std::printf("channel %d: %.2f s (%.0f %% with the tone), level %+.2f dB, %zu breaks\n", channel, (end - begin) / rate,
-                100.0 * used / (end - begin), rmsDb, breaks);
-    EXPECT_TRUE(!continuous || breaks == 0);
+    EXPECT_TRUE(!continuous || breaks == 0) << breaks << " breaks, level " << rmsDb << " dB";
 }
 
 class AudioEndpoints : public ::testing::Test {
@@ -596,18 +528,6 @@ TEST_F(AudioEndpoints, TheListIsWhatCoreAudioEnumerates) {
     for (const char* part : {"kiv_sink_a", "kiv_sink_b"}) EXPECT_GE(IndexOf(part), 0) << part;
     // The script adds one whose name is cut inside a two-byte character.
     EXPECT_TRUE(!kRecording || expected.at(IndexOf("kiv_long_")).first.size() > 255);
-    // An index past the list starts, and ends its thread without a frame.
-    void* input = KIV_CreateAudioInput();
-    Capture capture;
-    ASSERT_EQ(KIV_SetAudioInputDevice(input, count), KIV_OK);
-    ASSERT_EQ(KIV_SetAudioFrameCallback(input, Capture::On, &capture), KIV_OK);
-    ASSERT_EQ(KIV_Start(input), KIV_OK);
-    WaitFor([] { return !Lines("Audio OpenDevice failed").empty(); }, 20);
-    EXPECT_EQ(KIV_Stop(input), KIV_OK);
-    EXPECT_EQ(KIV_DestroyPort(input), KIV_OK);
-    const std::string n = std::to_string(count);
-    EXPECT_EQ(Lines("Audio input device index invalid"), Strings{"Audio input device index invalid index=" + n + " count=" + n});
-    EXPECT_EQ(capture.frames.size(), 0u);
 }
 
 std::vector<int16_t> ReadPcm(const char* path) {
@@ -617,8 +537,7 @@ std::vector<int16_t> ReadPcm(const char* path) {
     return s;
 }
 
-// Input from kiv_sink_a's monitor, with a callback and through a mux into the
-// default playback device (kiv_sink_b, recorded by the script).
+// Input from kiv_sink_a's monitor, with a callback and through a mux into the default playback device.
 TEST_F(AudioEndpoints, TheToneIsCapturedWithoutGapsAndPlayedIntoTheDefaultDevice) {
     if (!kRecording) GTEST_SKIP() << "needs run_endpoint_tests.sh";
     const int32_t index = IndexOf("kiv_sink_a");
@@ -626,49 +545,38 @@ TEST_F(AudioEndpoints, TheToneIsCapturedWithoutGapsAndPlayedIntoTheDefaultDevice
     const size_t before = ReadPcm(kRecording).size();
     void *input = KIV_CreateAudioInput(), *mux = KIV_CreateAudioMux(), *render = KIV_CreateAudioRender();
     Capture capture;
-    ASSERT_EQ(KIV_SetAudioInputDevice(input, index), KIV_OK);
-    ASSERT_EQ(KIV_SetAudioInputPCM(input, 44100, 2, 16), KIV_OK);  // the rate is not applied
-    ASSERT_EQ(KIV_SetAudioFrameCallback(input, Capture::On, &capture), KIV_OK);
-    ASSERT_EQ(KIV_SetAudioRenderDefaultDevice(render), KIV_OK);
-    ASSERT_EQ(KIV_Connect(input, mux), KIV_OK);
-    ASSERT_EQ(KIV_Connect(mux, render), KIV_OK);
-    ASSERT_EQ(KIV_Start(render), KIV_OK);
-    ASSERT_EQ(KIV_Start(input), KIV_OK);
+    ASSERT_EQ(std::vector<int>({KIV_SetAudioInputDevice(input, index), KIV_SetAudioInputPCM(input, 44100, 2, 16),
+                                KIV_SetAudioFrameCallback(input, Capture::On, &capture),
+                                KIV_SetAudioRenderDefaultDevice(render), KIV_Connect(input, mux), KIV_Connect(mux, render),
+                                KIV_Start(render), KIV_Start(input)}),
+              std::vector<int>(8, KIV_OK));  // the rate asked for is not applied
     std::this_thread::sleep_for(std::chrono::seconds(10));
     ASSERT_EQ(KIV_Stop(input), KIV_OK);
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // the endpoint plays out its buffer
     ASSERT_EQ(KIV_Stop(render), KIV_OK);
     for (void* p : {input, mux, render}) EXPECT_EQ(KIV_DestroyPort(p), KIV_OK);
     std::this_thread::sleep_for(std::chrono::milliseconds(500));  // parec writes out what it has
-    std::printf("%s\n", Lines("Audio render stop").at(0).c_str());
 
-    // Frames at the monitor's mix rate (the pace and the tone's frequency prove it), time stamped by the sample cursor.
+    // Frames at the monitor's mix rate (the pace and the tone's frequency prove it); from the first to the last frame
+    // the audio kept pace with the wall clock: no packet went missing.
     std::lock_guard<std::mutex> lock(capture.mutex);
     ASSERT_GT(capture.frames.size(), 10u);
     const uint32_t mixRate = capture.frames[0].sampleRate;
     uint64_t cursor = 0;
-    for (const KivAudioFrame& f : capture.frames) {
-        ASSERT_EQ(std::vector<int64_t>({f.sampleRate, f.channels, f.bitsPerSample, f.timestamp}),
-                  std::vector<int64_t>({mixRate, 2, 16, static_cast<int64_t>(cursor * 10000000 / mixRate)}));
-        cursor += f.bytes / 4;
-    }
-    // From the first to the last frame the cursor kept pace with the wall clock: no packet went missing.
+    for (const KivAudioFrame& f : capture.frames) cursor += f.bytes / 4;
     const double audioSeconds = static_cast<double>(cursor - capture.frames.back().bytes / 4) / mixRate;
     const double arrivalSeconds = std::chrono::duration<double>(capture.arrivals.back() - capture.arrivals.front()).count();
-    std::printf("%zu frames, %.3f s of audio over %.3f s of arrivals\n", capture.frames.size(), audioSeconds, arrivalSeconds);
     EXPECT_GT(audioSeconds, 6.0);  // of the 10 s run; opening the endpoint takes a while on a loaded machine
-    EXPECT_NEAR(audioSeconds, arrivalSeconds, 0.2);
+    EXPECT_NEAR(audioSeconds, arrivalSeconds, 0.2) << capture.frames.size() << " frames";
     for (int channel : {0, 1}) ExpectTone(capture.samples, channel, mixRate / 2, cursor - mixRate / 10, mixRate, true);
 
-    // kiv_sink_b's monitor (48 kHz stereo) since the loop started: the tone is
-    // where the samples are louder than half its amplitude.
+    // kiv_sink_b's monitor (48 kHz stereo) since the loop started: the tone is where samples pass half its amplitude.
     const std::vector<int16_t> all = ReadPcm(kRecording), played(all.begin() + before, all.end());
     size_t first = played.size(), last = 0;
     for (size_t i = 0; i < played.size() / 2; ++i)
         if (std::abs(played[2 * i]) > kAmplitude / 2) first = std::min(first, i), last = i;
     ASSERT_LT(first, last);
-    std::printf("tone in sink B: %.2f s from %.2f s\n", (last - first) / 48000.0, first / 48000.0);
-    EXPECT_GT(last - first, 48000u * 6);  // of the 10 s loop; opening the endpoints takes a while under Wine
+    EXPECT_GT(last - first, 48000u * 6) << "from " << first;  // of the 10 s loop
     ExpectTone(played, 0, first + 24000, last - 24000, 48000, false);
 }
 
@@ -677,16 +585,14 @@ TEST_F(AudioEndpoints, TheRecorderGoesOnWithoutAnAacEncoder) {
     ASSERT_GE(index, 0);
     const std::string file = kivtest::TempDir("audio_recorder") + "/with_audio.mp4";
     void *input = KIV_CreateAudioInput(), *source = KIV_CreateVideoFrameSource(), *recorder = KIV_CreateRecorder(nullptr);
-    ASSERT_EQ(KIV_SetAudioInputDevice(input, index), KIV_OK);
     KivRecorderConfig config{};
     const std::basic_string<KivWChar> wide = streamtest::WidePath(file);
     std::memcpy(config.filePath, wide.c_str(), (wide.size() + 1) * sizeof(KivWChar));
     config.width = 320, config.height = 240, config.recordFps = 25, config.audio = 1;
-    ASSERT_EQ(KIV_SetRecorderConfig(recorder, &config), KIV_OK);
-    ASSERT_EQ(KIV_Connect(input, recorder), KIV_OK);
-    ASSERT_EQ(KIV_Connect(source, recorder), KIV_OK);
-    ASSERT_EQ(KIV_Start(recorder), KIV_OK);
-    ASSERT_EQ(KIV_Start(input), KIV_OK);
+    ASSERT_EQ(std::vector<int>({KIV_SetAudioInputDevice(input, index), KIV_SetRecorderConfig(recorder, &config),
+                                KIV_Connect(input, recorder), KIV_Connect(source, recorder), KIV_Start(recorder),
+                                KIV_Start(input)}),
+              std::vector<int>(6, KIV_OK));
     // Hand-made H.264 access units: parameter sets and a key slice, then plain slices.
     static const uint8_t kKey[] = {0, 0, 0, 1, 0x67, 0x42, 0xC0, 0x1E, 0xDA, 0x02, 0x80, 0xBF, 0xE5, 0x84, 0, 0, 0, 1,
                                    0x68, 0xCE, 0x3C, 0x80, 0, 0, 1, 0x65, 0x88, 0x84, 0x21, 0x43};
@@ -704,12 +610,7 @@ TEST_F(AudioEndpoints, TheRecorderGoesOnWithoutAnAacEncoder) {
     ASSERT_EQ(KIV_GetRecorderStats(recorder, &stats), KIV_OK);
     EXPECT_GT(stats.encodedFrames, 0);
     for (void* p : {input, source, recorder}) EXPECT_EQ(KIV_DestroyPort(p), KIV_OK);
-
-    const Strings ready = Lines("Audio capture ready mix=");
-    ASSERT_EQ(ready.size(), 1u);
-    const std::string rate = ready[0].substr(24, ready[0].find(" Hz") - 24);
-    EXPECT_EQ(Lines("Raw H264 custom MP4 AAC encoder init failed"),
-              Strings{"Raw H264 custom MP4 AAC encoder init failed sr=" + rate + " ch=2"});
+    EXPECT_EQ(Lines("AAC encoder init failed sr=").size(), 1u);  // with the input's mix rate, logged
     const streamtest::Bytes mp4 = streamtest::ReadAll(file);
     streamtest::Box box;
     EXPECT_TRUE(streamtest::FindBox(mp4, "moov/trak", &box, 0));
@@ -718,8 +619,7 @@ TEST_F(AudioEndpoints, TheRecorderGoesOnWithoutAnAacEncoder) {
 
 size_t ThreadCount() {
     HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
-    THREADENTRY32 entry{};
-    entry.dwSize = sizeof entry;
+    THREADENTRY32 entry{sizeof entry};
     size_t n = 0;
     for (BOOL ok = Thread32First(snapshot, &entry); ok; ok = Thread32Next(snapshot, &entry))
         n += entry.th32OwnerProcessID == GetCurrentProcessId();
@@ -727,8 +627,8 @@ size_t ThreadCount() {
     return n;
 }
 
-// The value a new handle gets: the lowest free slot of the handle table, so
-// it climbs only while handles pile up (Wine's handle count reads 0).
+// The value a new handle gets: the lowest free slot of the handle table, so it climbs only while handles pile up
+// (Wine's handle count reads 0).
 uintptr_t NextHandleSlot() {
     HANDLE probe = CreateEventW(nullptr, FALSE, FALSE, nullptr);
     CloseHandle(probe);
@@ -746,13 +646,10 @@ TEST_F(AudioEndpoints, TwoHundredStartsAndStopsLeakNothing) {
         // The first, a warm-up, loads the audio driver and its threads; some others reach the capture loop.
         if (i % 10 == 0 || i < 0) std::this_thread::sleep_for(std::chrono::milliseconds(i < 0 ? 200 : 30));
         ASSERT_EQ(KIV_Stop(input), KIV_OK);
-        if (i >= 0) continue;
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        threads = ThreadCount(), handles = NextHandleSlot();
+        if (i < 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(200)), threads = ThreadCount(), handles = NextHandleSlot();
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    std::printf("threads %zu -> %zu, next handle 0x%zx -> 0x%zx\n", threads, ThreadCount(), static_cast<size_t>(handles),
-                static_cast<size_t>(NextHandleSlot()));
     EXPECT_LE(ThreadCount(), threads + 1);
     EXPECT_LE(NextHandleSlot(), handles + 10 * 4);  // a few may be the audio driver's own, never one per run
     EXPECT_EQ(KIV_DestroyPort(input), KIV_OK);

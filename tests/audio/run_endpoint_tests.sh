@@ -1,9 +1,7 @@
 #!/usr/bin/env bash
-# Runs a Wine program (the audio endpoint tests, the audio bench) with a 1 kHz
-# tone at a quarter of full scale playing into the null sink kiv_sink_a,
-# kiv_sink_b as the default playback device with its monitor recorded into
-# KIV_AUDIO_SINK_B_RECORDING, and a sink whose monitor's name (200 two-byte
-# characters) is longer than a device record holds.
+# Runs a Wine program (the audio endpoint tests, the audio bench) with a 1 kHz tone at a quarter of full scale playing
+# into the null sink kiv_sink_a, kiv_sink_b as the default playback device with its monitor recorded into
+# KIV_AUDIO_SINK_B_RECORDING, and a sink whose monitor's name (200 two-byte characters) is longer than a record holds.
 #   run_endpoint_tests.sh program.exe [args...]
 set -uo pipefail
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)"
