@@ -79,9 +79,7 @@ const kiv::AudioSampleKind I = kiv::AudioSampleKind::kInteger, F = kiv::AudioSam
                            U = kiv::AudioSampleKind::kUnsupported;
 
 template <class T> std::vector<uint8_t> Bytes(const std::vector<T>& v) {
-    std::vector<uint8_t> b(v.size() * sizeof(T));
-    if (!b.empty()) std::memcpy(b.data(), v.data(), b.size());
-    return b;
+    return {reinterpret_cast<const uint8_t*>(v.data()), reinterpret_cast<const uint8_t*>(v.data() + v.size())};
 }
 AudioMixFormat Format(kiv::AudioSampleKind kind, uint32_t channels, uint32_t bits, uint32_t tag = 1) {
     return AudioMixFormat{48000, channels, bits, channels * (kind == F ? 4 : bits / 8), tag, kind};
@@ -177,9 +175,7 @@ public:
         packets_ = s_.bursts.front(), s_.bursts.pop_front();
         return kiv::WaitResult::kSignalled;
     }
-    uint32_t NextPacketSize(uint32_t* frames) override {
-        return *frames = packets_.empty() ? 0 : packets_[0].frames, Result("NextPacketSize");
-    }
+    uint32_t NextPacketSize(uint32_t* n) override { return *n = packets_.empty() ? 0 : packets_[0].frames, Result("NextPacketSize"); }
     uint32_t GetBuffer(kiv::CapturePacket* packet) override {
         if (Result("GetBuffer")) return packets_.clear(), Result("GetBuffer");
         *packet = {packets_[0].bytes.empty() ? nullptr : packets_[0].bytes.data(), packets_[0].frames, packets_[0].silent};
@@ -441,29 +437,25 @@ std::vector<std::pair<std::string, std::string>> CoreAudioCaptureEndpoints() {
     std::vector<std::pair<std::string, std::string>> out;
     IMMDeviceEnumerator* enumerator = nullptr;
     IMMDeviceCollection* all = nullptr;
+    IMMDevice* device = nullptr;
+    IPropertyStore* store = nullptr;
     UINT count = 0;
     if (FAILED(CoCreateInstance(kClsidDeviceEnumerator, nullptr, CLSCTX_ALL, kIidDeviceEnumerator,
-                                reinterpret_cast<void**>(&enumerator))))
-        return out;
-    if (SUCCEEDED(enumerator->EnumAudioEndpoints(eCapture, DEVICE_STATE_ACTIVE, &all)) && SUCCEEDED(all->GetCount(&count))) {
-        IMMDevice* device = nullptr;
-        for (UINT i = 0; i < count && SUCCEEDED(all->Item(i, &device)); ++i, device->Release()) {
-            auto& [name, path] = out.emplace_back();
-            LPWSTR id = nullptr;
-            if (SUCCEEDED(device->GetId(&id))) path = Utf8(id);
-            CoTaskMemFree(id);
-            IPropertyStore* store = nullptr;
-            PROPVARIANT v;
-            PropVariantInit(&v);
-            if (SUCCEEDED(device->OpenPropertyStore(STGM_READ, &store))) {
-                if (SUCCEEDED(store->GetValue(kKeyFriendlyName, &v)) && v.vt == VT_LPWSTR) name = Utf8(v.pwszVal);
-                PropVariantClear(&v);
-                store->Release();
-            }
-        }
-        all->Release();
+                                reinterpret_cast<void**>(&enumerator))) ||
+        FAILED(enumerator->EnumAudioEndpoints(eCapture, DEVICE_STATE_ACTIVE, &all)) || FAILED(all->GetCount(&count)))
+        return out;  // the count then differs from the library's
+    for (UINT i = 0; i < count && SUCCEEDED(all->Item(i, &device)); ++i, device->Release()) {
+        auto& [name, path] = out.emplace_back();
+        LPWSTR id = nullptr;
+        PROPVARIANT v;
+        PropVariantInit(&v);
+        if (SUCCEEDED(device->GetId(&id))) path = Utf8(id);
+        CoTaskMemFree(id);
+        if (FAILED(device->OpenPropertyStore(STGM_READ, &store))) continue;
+        if (SUCCEEDED(store->GetValue(kKeyFriendlyName, &v)) && v.vt == VT_LPWSTR) name = Utf8(v.pwszVal);
+        PropVariantClear(&v), store->Release();
     }
-    enumerator->Release();
+    all->Release(), enumerator->Release();
     return out;
 }
 
@@ -508,8 +500,7 @@ void ExpectTone(const std::vector<int16_t>& pcm, int channel, size_t begin, size
     EXPECT_TRUE(!continuous || breaks == 0) << breaks << " breaks, level " << rmsDb << " dB";
 }
 
-class AudioEndpoints : public ::testing::Test {
-protected:
+struct AudioEndpoints : ::testing::Test {
     void SetUp() override { FreshLog(); }
     kivtest::LibraryScope library_;
 };
@@ -532,9 +523,8 @@ TEST_F(AudioEndpoints, TheListIsWhatCoreAudioEnumerates) {
 
 std::vector<int16_t> ReadPcm(const char* path) {
     const std::vector<uint8_t> bytes = streamtest::ReadAll(path);
-    std::vector<int16_t> s(bytes.size() / 2);
-    if (!s.empty()) std::memcpy(s.data(), bytes.data(), s.size() * 2);
-    return s;
+    const int16_t* s = reinterpret_cast<const int16_t*>(bytes.data());
+    return {s, s + bytes.size() / 2};
 }
 
 // Input from kiv_sink_a's monitor, with a callback and through a mux into the default playback device.
@@ -586,8 +576,7 @@ TEST_F(AudioEndpoints, TheRecorderGoesOnWithoutAnAacEncoder) {
     const std::string file = kivtest::TempDir("audio_recorder") + "/with_audio.mp4";
     void *input = KIV_CreateAudioInput(), *source = KIV_CreateVideoFrameSource(), *recorder = KIV_CreateRecorder(nullptr);
     KivRecorderConfig config{};
-    const std::basic_string<KivWChar> wide = streamtest::WidePath(file);
-    std::memcpy(config.filePath, wide.c_str(), (wide.size() + 1) * sizeof(KivWChar));
+    streamtest::WidePath(file).copy(config.filePath, std::size(config.filePath) - 1);
     config.width = 320, config.height = 240, config.recordFps = 25, config.audio = 1;
     ASSERT_EQ(std::vector<int>({KIV_SetAudioInputDevice(input, index), KIV_SetRecorderConfig(recorder, &config),
                                 KIV_Connect(input, recorder), KIV_Connect(source, recorder), KIV_Start(recorder),
@@ -598,8 +587,7 @@ TEST_F(AudioEndpoints, TheRecorderGoesOnWithoutAnAacEncoder) {
                                    0x68, 0xCE, 0x3C, 0x80, 0, 0, 1, 0x65, 0x88, 0x84, 0x21, 0x43};
     static const uint8_t kSlice[] = {0, 0, 1, 0x41, 0x88, 0x84, 0x21, 0x43};
     for (int i = 0; i < 50; ++i) {
-        KivVideoFrame f =
-            kivtest::FrameOver(KIV_PIXEL_FORMAT_H264, 320, 240, i ? kSlice : kKey, i ? sizeof kSlice : sizeof kKey);
+        KivVideoFrame f = kivtest::FrameOver(KIV_PIXEL_FORMAT_H264, 320, 240, i ? kSlice : kKey, i ? sizeof kSlice : sizeof kKey);
         f.timestamp = 10000000 + i * 400000;
         ASSERT_EQ(KIV_PushVideoFrame(source, &f), KIV_OK);
         std::this_thread::sleep_for(std::chrono::milliseconds(40));

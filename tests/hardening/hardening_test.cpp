@@ -194,10 +194,10 @@ struct ExactFrame {
     }
 };
 
-// Short strides and sizes no real picture has: a port believing them would read past the buffer or allocate
-// gigabytes. Each processing port alone passes them on untouched; the recorder copies all but the absurd ones and
+// Short strides and sizes no real picture has (a port believing them would read past the buffer or allocate
+// gigabytes): each processing port alone passes them on untouched; the recorder copies all but the absurd ones and
 // encodes only the fitting ones.
-TEST(BadInput, ShortStridesAndAbsurdSizesPassProcessingAndOnlyFittingFramesAreRecorded) {
+TEST(BadInput, UnusableFilesShortStridesAndAbsurdSizes) {
     enum { kShort, kFits, kAbsurd };
     const struct {
         const char* what;
@@ -220,7 +220,34 @@ TEST(BadInput, ShortStridesAndAbsurdSizesPassProcessingAndOnlyFittingFramesAreRe
         {"H.264 payload of 2 GiB", KIV_PIXEL_FORMAT_H264, 1920, 1080, INT_MAX, 0, kAbsurd},
     };
     kivtest::LibraryScope library;
-    Chain chain("hardening_strides");
+    Chain chain("hardening_bad_input");
+    // Files the library cannot use: the colour engine refuses them and keeps its table, the overlay draws nothing.
+    const std::string& dir = chain.dir;
+    kivtest::WriteFile(dir + "/empty.cube", "");
+    std::ofstream(dir + "/huge.cube").put('\n');
+    std::error_code ec;
+    fs::resize_file(dir + "/huge.cube", uintmax_t{300} << 20, ec);  // sparse: 300 MiB claimed, nothing written
+    std::vector<std::pair<const char*, std::string>> paths = {{"a folder", dir}, {"an empty file", dir + "/empty.cube"},
+        {"a file over 256 MiB", dir + "/huge.cube"}, {"a path through a file", dir + "/empty.cube/inner.cube"}};
+#if !defined(_WIN32)
+    paths.emplace_back("a file that opens but cannot be read", "/proc/self/mem");
+#endif
+    kivtest::OwnedFrame in(KIV_PIXEL_FORMAT_RGB32, 32, 16, 90);
+    kivtest::FrameCatcher graded(chain.color), composited(chain.tap);
+    ASSERT_EQ(KIV_PushVideoFrame(chain.source, &in.frame), KIV_OK);
+    ASSERT_EQ(graded.frames.size(), 1u);
+    for (const auto& bad : paths) {
+        const auto wide = kivtest::Wide(bad.second);
+        EXPECT_EQ(KIV_LoadVideoColorEngineCubeFile(chain.color, wide.c_str()), KIV_ERROR_FAILED) << bad.first;
+        KivVideoOsdItem picture{};  // an overlay picture that cannot be loaded draws nothing; the frame goes on
+        picture.visible = 1, picture.opacity = 1.0f;
+        std::memcpy(picture.imagePath, wide.data(), std::min(wide.size(), size_t{259}) * sizeof(KivWChar));
+        EXPECT_GE(KIV_SetVideoOsdImage(chain.osd, &picture), 0) << bad.first;
+        EXPECT_EQ(KIV_PushVideoFrame(chain.source, &in.frame), KIV_OK) << bad.first;
+        EXPECT_EQ(graded.frames.back().plane0, graded.frames[0].plane0) << bad.first << ": the table was kept";
+        EXPECT_EQ(composited.Count(), graded.frames.size()) << bad.first;
+    }
+    KIV_SetVideoFrameCallback(chain.color, nullptr, nullptr), KIV_SetVideoFrameCallback(chain.tap, nullptr, nullptr);
     for (auto link : chain.Links()) KIV_Disconnect(link.first, link.second);
     // Each port alone behind the source, its output watched (the overlay's through the chain's mux).
     for (auto p : {std::make_pair(chain.crop, chain.crop), {chain.color, chain.color}, {chain.osd, chain.tap}}) {
@@ -258,40 +285,6 @@ TEST(BadInput, ShortStridesAndAbsurdSizesPassProcessingAndOnlyFittingFramesAreRe
     EXPECT_EQ(rec.Wait(1).inputFrames, 1);
     EXPECT_EQ(KIV_Stop(rec.recorder), KIV_OK);
     EXPECT_EQ(rec.writes.load(), 0);
-}
-
-TEST(BadInput, FilesTheLibraryCannotUseAreRefusedOrSkipped) {
-    kivtest::LibraryScope library;
-    Chain chain("hardening_files");
-    const std::string& dir = chain.dir;
-    kivtest::WriteFile(dir + "/empty.cube", "");
-    std::ofstream(dir + "/huge.cube").put('\n');
-    std::error_code ec;
-    fs::resize_file(dir + "/huge.cube", uintmax_t{300} << 20, ec);  // sparse: 300 MiB claimed, nothing written
-    std::vector<std::pair<const char*, std::string>> paths = {{"a folder", dir}, {"an empty file", dir + "/empty.cube"},
-        {"a file over 256 MiB", dir + "/huge.cube"}, {"a path through a file", dir + "/empty.cube/inner.cube"}};
-#if !defined(_WIN32)
-    paths.emplace_back("a file that opens but cannot be read", "/proc/self/mem");
-#endif
-    kivtest::OwnedFrame in(KIV_PIXEL_FORMAT_RGB32, 32, 16, 90);
-    kivtest::FrameCatcher graded(chain.color), composited(chain.tap);
-    ASSERT_EQ(KIV_PushVideoFrame(chain.source, &in.frame), KIV_OK);
-    ASSERT_EQ(graded.frames.size(), 1u);
-    for (const auto& bad : paths) {
-        const auto wide = kivtest::Wide(bad.second);
-        EXPECT_EQ(KIV_LoadVideoColorEngineCubeFile(chain.color, wide.c_str()), KIV_ERROR_FAILED) << bad.first;
-        KivVideoOsdItem picture{};  // an overlay picture that cannot be loaded draws nothing; the frame goes on
-        picture.visible = 1, picture.opacity = 1.0f;
-        std::memcpy(picture.imagePath, wide.data(), std::min(wide.size(), size_t{259}) * sizeof(KivWChar));
-        EXPECT_GE(KIV_SetVideoOsdImage(chain.osd, &picture), 0) << bad.first;
-        EXPECT_EQ(KIV_PushVideoFrame(chain.source, &in.frame), KIV_OK) << bad.first;
-        EXPECT_EQ(graded.frames.back().plane0, graded.frames[0].plane0) << bad.first << ": the table was kept";
-        EXPECT_EQ(composited.Count(), graded.frames.size()) << bad.first;
-    }
-    KIV_SetVideoFrameCallback(chain.color, nullptr, nullptr), KIV_SetVideoFrameCallback(chain.tap, nullptr, nullptr);
-    size_t files = 0;
-    for (const auto& entry : fs::recursive_directory_iterator(dir)) files += entry.is_regular_file();
-    EXPECT_EQ(files, 3u) << "only the test's own files";
 }
 
 TEST(Split, EverySegmentIsACompleteFile) {
