@@ -1,10 +1,8 @@
-// The video device functions: natively, capability entries read from format blocks given as bytes, device records
-// and the codes without devices; under Wine, test cameras installed where the system enumerator finds real ones.
+// The video device functions: natively over format blocks given as bytes, under Wine over installed test cameras.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "core/kiv_device_record.h"
@@ -25,19 +23,14 @@ std::string Euros(int n) { return n ? "\xE2\x82\xAC" + Euros(n - 1) : ""; }  // 
 
 #ifndef _WIN32
 
-// GUID bytes in memory order from the registry spelling.
+// GUID bytes in memory order from the registry spelling (the first three fields little-endian).
 std::vector<uint8_t> GuidBytes(const std::string& text) {
-    auto hex = [&](size_t pos, size_t digits) { return std::stoull(text.substr(pos, digits), nullptr, 16); };
     std::vector<uint8_t> out;
-    for (auto [pos, bytes] : {std::pair(0, 4), std::pair(9, 2), std::pair(14, 2)})
-        for (int i = 0; i < bytes; ++i) out.push_back(static_cast<uint8_t>(hex(pos, 2 * bytes) >> (8 * i)));
-    for (size_t pos : {19u, 21u, 24u, 26u, 28u, 30u, 32u, 34u}) out.push_back(static_cast<uint8_t>(hex(pos, 2)));
+    for (size_t at : {6, 4, 2, 0, 11, 9, 16, 14, 19, 21, 24, 26, 28, 30, 32, 34})
+        out.push_back(static_cast<uint8_t>(std::stoul(text.substr(at, 2), nullptr, 16)));
     return out;
 }
-
-template <class T> void Put(std::vector<uint8_t>& bytes, size_t offset, T value) {
-    std::memcpy(bytes.data() + offset, &value, sizeof(T));
-}
+template <class T> void Put(std::vector<uint8_t>& bytes, size_t at, T value) { std::memcpy(bytes.data() + at, &value, sizeof value); }
 
 TEST(VideoCapabilityEntry, ReadFromFormatBlockAndStreamCaps) {
     const std::string yuy2 = "32595559-0000-0010-8000-00aa00389b71", nv12 = "3231564e-0000-0010-8000-00aa00389b71",
@@ -92,14 +85,12 @@ TEST(VideoCapabilityEntry, ReadFromFormatBlockAndStreamCaps) {
 }
 
 TEST(VideoDeviceRecord, NamesCutToTheirFieldsAndUnknownDevice) {
-    const std::string euros = Euros(100), n255(255, 'n'), p511(511, 'p');
+    const std::string euros = Euros(100), n255(255, 'n');
     const std::string cases[][4] = {  // friendly name, display name, listed name, path
-        {"Cam", "@device:sw:x", "Cam", "@device:sw:x"},
         {"", "@device:sw:y", "Unknown Device", "@device:sw:y"},
-        {euros, std::string(600, 'p'), euros.substr(0, 255), p511},
+        {euros, std::string(600, 'p'), euros.substr(0, 255), std::string(511, 'p')},
         {"a" + euros, "p", ("a" + euros).substr(0, 255), "p"},  // the cut splits a character
         {n255 + "n", "p", n255, "p"},
-        {n255, p511, n255, p511},
     };
     for (const auto& [friendly, display, name, path] : cases) {
         SCOPED_TRACE(name);
@@ -126,8 +117,7 @@ TEST(VideoDeviceFunctions, AnswerWithTheirCodesWhenNoDeviceIsListed) {
             << "phase " << phase;
         EXPECT_EQ(Of(cap), Fields(5, 9));
     }
-    // Only while initialised are the counts looked up (and logged).
-    EXPECT_EQ(kivtest::CountOf(kivtest::LibraryLog(), "Video capability count device=0 count=0"), 2u);
+    EXPECT_EQ(kivtest::CountOf(kivtest::LibraryLog(), "Video capability count device=0 count=0"), 2u);  // looked up only while initialised
     KIV_EnableLog(0);
 }
 
@@ -146,16 +136,12 @@ const struct Camera {
      "Test Camera", {{640, 480, 30, 1, 1}, {1280, 720, 60, 1, 1}, {320, 240, 60, 1, 2}}},
     // "Kamera " and 130 euro signs: the list keeps 255 bytes, two of them from the 83rd sign.
     {L"cam1", L"Kamera " + std::wstring(130, L'\x20AC'),
-     L"cap=RGB24:320:240:vih:666666:0:0;cap=RGB32:640:480:vih:333333:0:0;cap=RGB32:320:-240:vih2:333333:0:0",
-     ("Kamera " + Euros(83)).substr(0, 255),
-     {{320, 240, 15, 1, 3}, {640, 480, 30, 1, 4}, {320, 240, 30, 1, 4}}},
-    {L"cam2", L"", L"cap=MJPG:1920:1080:vih:333333:0:0;cap=H264:1920:1080:vih2:400000:0:0", "Unknown Device",
-     {{1920, 1080, 30, 1, 5}, {1920, 1080, 25, 1, 6}}},
+     L"cap=RGB32:320:-240:vih2:333333:0:0", ("Kamera " + Euros(83)).substr(0, 255), {{320, 240, 30, 1, 4}}},
+    {L"cam2", L"", L"cap=H264:1920:1080:vih2:400000:0:0", "Unknown Device", {{1920, 1080, 25, 1, 6}}},
     {L"cam3", L"Broken Camera", L"nocfg=1;cap=YUY2:640:480:vih:333333:0:0", "Broken Camera", {}},
 };
 
-class VideoDevices : public ::testing::Test {
-protected:
+struct VideoDevices : ::testing::Test {
     void SetUp() override {
         ASSERT_TRUE(installer.Loaded());
         ASSERT_EQ(installer.RemoveAll(), S_OK);
@@ -196,16 +182,14 @@ TEST_F(VideoDevices, ListsTheInstalledCamerasTheirTablesUntilShutdownAndRefreshe
                                  KIV_GetVideoFormatInfo(device, index, null ? nullptr : &cap)),
                   std::make_pair(KIV_ERROR_INVALID_ARG, KIV_ERROR_INVALID_ARG))
             << device << "/" << index << "/" << null;
-    EXPECT_EQ(Of(cap), Fields(5, 7));
-    EXPECT_EQ(KIV_GetVideoCapabilityCount(-1), 0);
+    EXPECT_EQ(std::make_pair(Of(cap), KIV_GetVideoCapabilityCount(-1)), std::make_pair(Fields(5, 7), 0));
 
     // A failed probe is not retried, and a camera plugged in later is not seen, until the next refresh.
     ASSERT_EQ(installer.Install(L"cam3", L"Broken Camera", L"cap=YUY2:640:480:vih:333333:0:0"), S_OK);
     ASSERT_EQ(installer.Install(L"cam4", L"Late Camera", L"cap=YUY2:640:480:vih:333333:0:0"), S_OK);
     EXPECT_EQ(std::make_pair(KIV_GetVideoCapabilityCount(3), KIV_GetVideoDeviceCount()), std::make_pair(0, 4));
     ASSERT_EQ(KIV_RefreshDeviceList(), KIV_OK);
-    ASSERT_EQ(KIV_GetVideoDeviceCount(), 5);
-    ASSERT_EQ(KIV_GetVideoDeviceInfo(4, &info), KIV_OK);
+    ASSERT_EQ(std::make_pair(KIV_GetVideoDeviceCount(), KIV_GetVideoDeviceInfo(4, &info)), std::make_pair(5, KIV_OK));
     EXPECT_STREQ(info.name, "Late Camera");
     EXPECT_EQ(std::make_pair(KIV_GetVideoCapabilityCount(4), KIV_GetVideoCapabilityCount(3)), std::make_pair(1, 1));
     ASSERT_EQ(KIV_GetVideoCapability(3, 0, &cap), KIV_OK);
@@ -217,12 +201,10 @@ TEST_F(VideoDevices, ListsTheInstalledCamerasTheirTablesUntilShutdownAndRefreshe
     EXPECT_EQ(KIV_GetVideoDeviceCount(), 5);
 }
 
-BOOL CALLBACK OwnVisibleWindow(HWND w, LPARAM found) {
+BOOL CALLBACK OwnVisibleWindow(HWND w, LPARAM found) {  // stops at the first visible window of this process
     DWORD pid = 0;
     GetWindowThreadProcessId(w, &pid);
-    if (pid != GetCurrentProcessId() || !IsWindowVisible(w)) return TRUE;
-    *reinterpret_cast<HWND*>(found) = w;
-    return FALSE;
+    return pid != GetCurrentProcessId() || !IsWindowVisible(w) || (*reinterpret_cast<HWND*>(found) = w, false);
 }
 
 TEST_F(VideoDevices, PropertyPages) {
@@ -238,8 +220,7 @@ TEST_F(VideoDevices, PropertyPages) {
             HWND found = nullptr;
             EnumWindows(&OwnVisibleWindow, reinterpret_cast<LPARAM>(&found));
             if (!found) continue;
-            char text[256] = {};
-            if (title.empty()) GetWindowTextA(found, text, sizeof(text)), title = text;
+            if (char text[256] = {}; title.empty()) GetWindowTextA(found, text, sizeof(text)), title = text;
             PostMessageW(found, WM_COMMAND, IDCANCEL, 0), PostMessageW(found, WM_CLOSE, 0, 0);
         }
     });
