@@ -240,22 +240,21 @@ TEST(BadInput, UnusableFilesShortStridesAndAbsurdSizes) {
         PlaneWatch last;
         ASSERT_EQ(KIV_Connect(chain.source, p.first) | KIV_SetVideoFrameCallback(p.second, PlaneWatch::OnFrame, &last), KIV_OK);
         for (const auto& c : frames) {
-            ExactFrame in(c.format, c.width, c.height, c.stride0, c.stride1);
-            ASSERT_EQ(KIV_PushVideoFrame(chain.source, &in.frame), KIV_OK) << c.what;
+            ExactFrame exact(c.format, c.width, c.height, c.stride0, c.stride1);
+            ASSERT_EQ(KIV_PushVideoFrame(chain.source, &exact.frame), KIV_OK) << c.what;
             // The overlay sends no compressed frame on; it copies a YUY2 or NV12 row as far as its stride goes and pads the rest.
             const bool h264 = c.format == KIV_PIXEL_FORMAT_H264, osd = p.first == chain.osd;
             ASSERT_EQ(last.count.exchange(0), osd && h264 ? 0 : 1) << c.what;
             const bool osdPads = osd && c.kind == kShort && c.stride0 > 0 && (c.format == KIV_PIXEL_FORMAT_YUY2 || c.format == KIV_PIXEL_FORMAT_NV12);
-            EXPECT_TRUE((osd && h264) || (last.plane0 != in.frame.planes[0]) == (c.kind == kFits || osdPads)) << c.what;
+            EXPECT_TRUE((osd && h264) || (last.plane0 != exact.frame.planes[0]) == (c.kind == kFits || osdPads)) << c.what;
         }
         KIV_SetVideoFrameCallback(p.second, nullptr, nullptr), KIV_Disconnect(chain.source, p.first);
     }
     for (const auto& c : frames) {
         Recording rec(chain.dir + "/out.mp4", true);
-        {
-            ExactFrame in(c.format, c.width, c.height, c.stride0, c.stride1);
-            ASSERT_EQ(KIV_PushVideoFrame(rec.source, &in.frame), KIV_OK) << c.what;
-        }  // the caller's buffer is gone at once: the recorder works on its copy
+        auto exact = std::make_unique<ExactFrame>(c.format, c.width, c.height, c.stride0, c.stride1);
+        ASSERT_EQ(KIV_PushVideoFrame(rec.source, &exact->frame), KIV_OK) << c.what;
+        exact.reset();  // the caller's buffer is gone at once: the recorder works on its copy
         EXPECT_EQ(c.kind == kAbsurd ? rec.Stats().inputFrames : rec.Wait(1).inputFrames, c.kind == kAbsurd ? 0 : 1) << c.what;
         EXPECT_EQ(KIV_Stop(rec.recorder), KIV_OK);
         EXPECT_EQ(rec.writes.load(), c.kind == kFits ? 1 : 0) << c.what;
@@ -264,8 +263,7 @@ TEST(BadInput, UnusableFilesShortStridesAndAbsurdSizes) {
     KivRecorderConfig config{};
     config.width = config.height = 100000;
     Recording rec(chain.dir + "/out.mp4", true, &config);
-    kivtest::OwnedFrame ordinary(KIV_PIXEL_FORMAT_RGB32, 32, 16, 90);
-    ASSERT_EQ(KIV_PushVideoFrame(rec.source, &ordinary.frame), KIV_OK);
+    ASSERT_EQ(KIV_PushVideoFrame(rec.source, &in.frame), KIV_OK);
     EXPECT_EQ(rec.Wait(1).inputFrames, 1);
     EXPECT_EQ(KIV_Stop(rec.recorder), KIV_OK);
     EXPECT_EQ(rec.writes.load(), 0);
