@@ -233,18 +233,14 @@ bool WaitFor(Cond cond, int ms = 5000) {
 }
 
 // Stops a port when a test leaves its scope, before the callbacks it feeds go.
-struct StopOnExit {
-    void* port;
-    ~StopOnExit() { KIV_Stop(port); }
-};
+struct StopOnExit { void* port; ~StopOnExit() { KIV_Stop(port); } };
 
 class VideoInputTest : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_EQ(KIV_EnableLog(1), KIV_OK); }
     void TearDown() override {
         for (void* p : ports) KIV_DestroyPort(p);
-        camera.reset();
-        KIV_EnableLog(0);
+        camera.reset(), KIV_EnableLog(0);
     }
     void* Port(int32_t w, int32_t h, int32_t fmt) {
         void* p = Add(KIV_CreateVideoInput());

@@ -1,5 +1,4 @@
-// Helpers of the stream tests: building bitstreams by hand, walking MP4 boxes
-// and running the ffmpeg tools.
+// Helpers of the stream tests: bitstreams built by hand, MP4 boxes, the ffmpeg tools.
 #pragma once
 #include <cstdint>
 #include <cstdio>
@@ -173,8 +172,7 @@ inline std::basic_string<KivWChar> WidePath(const std::string& path) {
                                        reinterpret_cast<const unsigned char*>(path.data()) + path.size());
 }
 
-// Runs a shell command: exit status and standard output. Native build only
-// (elsewhere it fails, and so there are no ffmpeg tools).
+// Runs a shell command: exit status and standard output (fails outside the native build: no ffmpeg tools).
 inline int Run(const std::string& command, std::string* output = nullptr) {
 #ifdef _WIN32
     return (void)command, (void)output, -1;
@@ -204,8 +202,7 @@ inline std::map<std::string, std::string> Probe(const std::string& args) {
     return values;
 }
 
-// framemd5 checksums of one stream's ("0:v", "0:a") decoded frames in output
-// order; a single "ffmpeg failed" entry when decoding fails.
+// framemd5 checksums of one stream's ("0:v", "0:a") decoded frames in output order; "ffmpeg failed..." alone on failure.
 inline std::vector<std::string> DecodedFrameHashes(const std::string& path, const std::string& map = "0:v") {
     std::string out;
     if (Run("ffmpeg -v error -i '" + path + "' -map " + map + " -fps_mode passthrough -f framemd5 - 2>&1", &out) != 0)

@@ -34,8 +34,7 @@ KivVideoFrame FrameOver(int32_t format, int32_t width, int32_t height, const uin
                         const uint8_t* plane1, int32_t stride1) {
     KivVideoFrame f{};
     f.format = format, f.width = width, f.height = height;
-    f.planes[0] = const_cast<uint8_t*>(plane0);  // the record's planes are not const; ports only read them
-    f.planes[1] = const_cast<uint8_t*>(plane1);
+    f.planes[0] = const_cast<uint8_t*>(plane0), f.planes[1] = const_cast<uint8_t*>(plane1);  // ports only read them
     f.strides[0] = stride0, f.strides[1] = stride1;
     return f;
 }
@@ -112,8 +111,7 @@ size_t CountOf(const std::string& text, const std::string& what) {
 
 namespace {
 
-// Removes TempDir's folders once their test passed (folders made outside a
-// test: at the end of the program); a failure keeps them and says where.
+// Removes TempDir's folders once their test (outside a test: the program) passed; a failure keeps them.
 class TempDirCleaner : public ::testing::EmptyTestEventListener {
 public:
     static TempDirCleaner& Instance() {

@@ -23,9 +23,8 @@ struct OwnedFrame {
 KivVideoFrame FrameOver(int32_t format, int32_t width, int32_t height, const uint8_t* plane0, int32_t stride0,
                         const uint8_t* plane1 = nullptr, int32_t stride1 = 0);
 
-// A frame handed to a callback: the record, where it was, and copies of the
-// planes (height rows of strides[0] bytes, NV12 chroma rows; compressed:
-// strides[0] payload bytes).
+// A frame handed to a callback: the record, where it was, and copies of the planes (height rows of
+// strides[0] bytes, NV12 chroma rows; compressed: strides[0] payload bytes).
 struct CaughtFrame { KivVideoFrame meta{}; const KivVideoFrame* record = nullptr; std::vector<uint8_t> plane0, plane1; };
 
 // Keeps every frame a port hands to its video callback.
@@ -53,8 +52,7 @@ std::string LibraryLog();
 
 // A message line of the library log: "[hh:mm:ss.mmm][tid=N][file:line] text\r\n".
 struct LogMessage { unsigned long tid = 0; std::string file; int line = 0; std::string text; };
-// Parses one line with its "\r\n"; it matches only if writing it again in the
-// log's format gives the same bytes (padding, separators, line end).
+// Parses one line with its "\r\n"; matches only if writing it again in the log's format gives the same bytes.
 bool ParseLogMessage(const std::string& raw, LogMessage* out);
 // The message lines of a log text in order; header and service lines skipped.
 std::vector<LogMessage> LogMessages(const std::string& log);
@@ -62,9 +60,8 @@ std::vector<LogMessage> LogMessages(const std::string& log);
 // How many times `what` occurs in `text` (overlapping matches count).
 size_t CountOf(const std::string& text, const std::string& what);
 
-// A fresh folder under the system temp folder (the process id keeps
-// concurrent runs apart), removed when the test that made it passes (outside
-// a test: when the program passes); a failing test keeps it and prints where.
+// A fresh folder under the system temp folder (the process id keeps concurrent runs apart), removed when the test
+// that made it passes (outside a test: when the program passes); a failing test keeps it and prints where.
 std::string TempDir(const std::string& name);
 
 }  // namespace kivtest

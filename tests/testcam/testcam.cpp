@@ -1,6 +1,5 @@
-// The test camera: a DirectShow video capture source (one filter, one capture
-// pin, a trivial property page, plain COM) found where a USB camera would be.
-// Each instance reads its configuration from its registry entry (see ParseConfig).
+// The test camera: a DirectShow video capture source (one filter, one capture pin, a trivial property page, plain
+// COM) found where a USB camera would be; each instance reads its configuration from its registry entry.
 #include <windows.h>
 #include <dshow.h>
 #include <dvdmedia.h>
@@ -122,8 +121,7 @@ bool IsCap(const std::vector<CamCap>& caps, const AM_MEDIA_TYPE* mt) {
     });
 }
 
-// Access units of an Annex-B H.264 file of single-slice pictures (none when it
-// cannot be read): the NAL units after each 00 00 01 up to and including a slice.
+// Access units of an Annex-B file of single-slice pictures: the NAL units after each 00 00 01 up to a slice.
 std::vector<std::vector<BYTE>> ReadAccessUnits(const std::wstring& path) {
     std::vector<BYTE> data;
     if (FILE* f = _wfopen(path.c_str(), L"rb")) {
@@ -221,8 +219,7 @@ bool MatchesPartial(const AM_MEDIA_TYPE* p, const AM_MEDIA_TYPE* f) {
 
 struct CamState { CamConfig config; CRITICAL_SECTION lock; };  // what the filter and its pin share
 
-// The capture output pin: stream configuration, connection with allocator negotiation,
-// and the streaming thread that draws numbered frames. It lives as long as its filter.
+// The capture pin: stream configuration, connection, and the thread drawing numbered frames; its filter owns it.
 class TestCamPin : public IPin, public IAMStreamConfig, public IKsPropertySet {
 public:
     TestCamPin(IBaseFilter* owner, CamState* state) : owner_(owner), state_(state) {}
@@ -237,7 +234,6 @@ public:
     STDMETHODIMP_(ULONG) AddRef() override { return owner_->AddRef(); }
     STDMETHODIMP_(ULONG) Release() override { return owner_->Release(); }
 
-    // IPin
     STDMETHODIMP Connect(IPin* receivePin, const AM_MEDIA_TYPE* mt) override {
         EnterCriticalSection(&state_->lock);
         HRESULT hr = peer_ ? VFW_E_ALREADY_CONNECTED : VFW_E_NO_ACCEPTABLE_TYPES;
@@ -492,7 +488,6 @@ public:
         return graph_ = graph, name_ = name ? name : L"", S_OK;
     }
     STDMETHODIMP QueryVendorInfo(LPWSTR*) override { return E_NOTIMPL; }
-    // IPersistPropertyBag
     STDMETHODIMP InitNew() override { return S_OK; }
     STDMETHODIMP Load(IPropertyBag* bag, IErrorLog* log) override {
         VARIANT value;
@@ -503,7 +498,6 @@ public:
         return S_OK;
     }
     STDMETHODIMP Save(IPropertyBag*, BOOL, BOOL) override { return E_NOTIMPL; }
-    // ISpecifyPropertyPages
     STDMETHODIMP GetPages(CAUUID* pages) override {
         *pages = {1, static_cast<GUID*>(CoTaskMemAlloc(sizeof(GUID)))};
         return pages->pElems[0] = CLSID_TestCamPage, S_OK;
