@@ -102,7 +102,7 @@ TEST_F(CameraTest, DeliversNumberedTopDownFramesInEachFormat) {
 
 // Asked for MJPEG the start fails (Wine has no MJPEG decoder for intelligent
 // connect) and leaves nothing running; on YUY2 the port then gets the 64x48
-// capability, which the camera offers second: the graph set it as the format.
+// capability the camera lists second, not the 128x96 one it offers first.
 TEST_F(CameraTest, NegotiationPicksTheBestCapabilityAndMjpegFailsCleanly) {
     Install(L"cap=YUY2:128:96:vih:333333:333333:333333;cap=YUY2:64:48:vih:333333:333333:333333;"
             L"cap=MJPG:64:48:vih:166666:166666:166666;cap=P010:64:48:vih:333333:0:0");
