@@ -5,17 +5,13 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <future>
 #include <random>
 #include <thread>
-#include <vector>
 
-#include "kivcapture.h"
 #include "test_support.h"
 #include "testcam_install.h"
 #include "testcam_pattern.h"
@@ -27,6 +23,8 @@ using kivtest::LibraryLog;
 
 namespace {
 
+using I64s = std::vector<int64_t>;
+
 template <class Cond>
 bool WaitFor(Cond cond, int ms = 10000) {
     for (auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms); !cond(); Sleep(5))
@@ -34,8 +32,7 @@ bool WaitFor(Cond cond, int ms = 10000) {
     return true;
 }
 
-// The number the camera drew into the top row of a caught frame (0 for the
-// formats without the pattern).
+// The number the camera drew into the top row of a caught frame (0 without the pattern).
 int64_t Number(const CaughtFrame& f) {
     const int32_t i = f.meta.format - KIV_PIXEL_FORMAT_YUY2;  // YUY2, NV12, RGB24, RGB32 in pattern order
     if (i < 0 || i > 3 || f.meta.width < 32) return 0;
@@ -51,8 +48,7 @@ protected:
     }
     void TearDown() override {
         for (void* p : ports) KIV_DestroyPort(p);
-        installer.RemoveAll();
-        KIV_EnableLog(0);
+        installer.RemoveAll(), KIV_EnableLog(0);
     }
     // The camera joins the list as a newly plugged-in one does: by a refresh.
     void Install(const std::wstring& config) {
@@ -63,9 +59,7 @@ protected:
     void* Port(int32_t w, int32_t h, int32_t fps, int32_t fmt, FrameCatcher* catcher = nullptr) {
         void* p = Add(KIV_CreateVideoInput());
         EXPECT_EQ(KIV_SetVideoInputFormat(p, w, h, fps, fmt), KIV_OK);
-        if (catcher) {
-            EXPECT_EQ(KIV_SetVideoFrameCallback(p, &FrameCatcher::OnFrame, catcher), KIV_OK);
-        }
+        EXPECT_TRUE(!catcher || KIV_SetVideoFrameCallback(p, &FrameCatcher::OnFrame, catcher) == KIV_OK);
         return p;
     }
     void* Add(void* port) { return ports.insert(ports.begin(), port), port; }  // later ports go first
@@ -76,11 +70,6 @@ protected:
         EXPECT_EQ(KIV_Stop(in), KIV_OK);
         return catcher.frames.size() >= n;
     }
-    // Each line once in the log from byte `from` on.
-    void ExpectLines(std::initializer_list<const char*> lines, size_t from = 0) {
-        const std::string log = LibraryLog().substr(from);
-        for (const char* line : lines) EXPECT_EQ(CountOf(log, line), 1u) << line;
-    }
 
     kivtest::LibraryScope library;
     testcam::CameraInstaller installer;
@@ -90,10 +79,7 @@ protected:
 // Frames come in the negotiated format and size, top-down (bottom-up RGB
 // turned, top-down RGB left alone), numbered without gaps.
 TEST_F(CameraTest, DeliversNumberedTopDownFramesInEachFormat) {
-    const struct {
-        const wchar_t* caps;
-        int32_t format, stride;
-    } cases[] = {
+    const struct { const wchar_t* caps; int32_t format, stride; } cases[] = {
         {L"cap=YUY2:64:48:vih:200000:200000:200000", KIV_PIXEL_FORMAT_YUY2, 128},
         {L"cap=NV12:64:48:vih:200000:200000:200000", KIV_PIXEL_FORMAT_NV12, 64},
         {L"cap=RGB24:64:48:vih:200000:200000:200000", KIV_PIXEL_FORMAT_RGB24, 192},
@@ -107,79 +93,31 @@ TEST_F(CameraTest, DeliversNumberedTopDownFramesInEachFormat) {
         ASSERT_TRUE(Run(Port(64, 48, 50, c.format, &catcher), catcher, 6));
         for (int64_t i = 0; i < static_cast<int64_t>(catcher.frames.size()); ++i) {
             const KivVideoFrame& m = catcher.frames[i].meta;
-            EXPECT_EQ((std::vector<int64_t>{m.width, m.height, m.format, m.strides[0],
-                                            static_cast<int64_t>(m.frameIndex), Number(catcher.frames[i])}),
-                      (std::vector<int64_t>{64, 48, c.format, c.stride, i, Number(catcher.frames[0]) + i}))
-                << "frame " << i;
+            EXPECT_EQ((I64s{m.width, m.height, m.format, m.strides[0], int64_t(m.frameIndex), Number(catcher.frames[i])}),
+                      (I64s{64, 48, c.format, c.stride, i, Number(catcher.frames[0]) + i})) << "frame " << i;
         }
         ASSERT_EQ(installer.RemoveAll(), S_OK);
     }
 }
 
-// The nearest size at or above the request in the preferred format wins, as
-// the log and the camera's own record of SetFormat both show. Asked for MJPEG
-// first, the start fails (Wine has no MJPEG decoder for intelligent connect),
-// leaves nothing running, and the port then starts on YUY2.
+// Asked for MJPEG the start fails (Wine has no MJPEG decoder for intelligent
+// connect) and leaves nothing running; on YUY2 the port then gets the 64x48
+// capability the camera lists second, not the 128x96 one it offers first.
 TEST_F(CameraTest, NegotiationPicksTheBestCapabilityAndMjpegFailsCleanly) {
-    const std::string record = kivtest::TempDir("kiv_capture_negotiation") + "/setformat.txt";
     Install(L"cap=YUY2:128:96:vih:333333:333333:333333;cap=YUY2:64:48:vih:333333:333333:333333;"
-            L"cap=MJPG:64:48:vih:166666:166666:166666;cap=P010:64:48:vih:333333:0:0;record=" +
-            std::wstring(record.begin(), record.end()));
+            L"cap=MJPG:64:48:vih:166666:166666:166666;cap=P010:64:48:vih:333333:0:0");
     FrameCatcher catcher;
     void* in = Port(64, 48, 30, KIV_PIXEL_FORMAT_MJPG, &catcher);
     EXPECT_EQ(KIV_Start(in), KIV_ERROR_FAILED);
-    ExpectLines({"SampleGrabber requested subtype fmt=4 wildcardH264=0 hr=0x00000000",
-                 "DirectShow connect: MJPG capture -> sample grabber using intelligent connect",
-                 "DirectShow connect fallback: capture -> sample grabber using intelligent connect",
-                 "Manual video graph connect failed hr=0x",
-                 "Independent open failed for device index=0, try shared mux path",
-                 "No active shared source for device index=0"});
     const std::string log = LibraryLog();
-    EXPECT_EQ(CountOf(log, "DirectShow capture graph started"), 0u);
+    for (const char* step : {"Manual video graph connect failed", "No active shared source"})
+        EXPECT_EQ(CountOf(log, step), 1u) << step;
     EXPECT_EQ(CountOf(log, "StopDirectShow begin"), CountOf(log, "StopDirectShow complete"));
-    EXPECT_EQ(catcher.Count(), 0u);
-    const size_t yuy2From = log.size();
+    EXPECT_EQ(std::make_pair(CountOf(log, "capture graph started"), catcher.Count()), std::make_pair(size_t{0}, size_t{0}));
     ASSERT_EQ(KIV_SetVideoInputFormat(in, 64, 48, 30, KIV_PIXEL_FORMAT_YUY2), KIV_OK);
     ASSERT_TRUE(Run(in, catcher, 2));
-    EXPECT_EQ(catcher.frames[0].meta.format, KIV_PIXEL_FORMAT_YUY2);
-    ExpectLines({"Capture format negotiation device=0 requested=64x48 fps=30 preferredFmt=1",
-                 "Caps[1] 64x48 fps=30 subtypeFmt=1 usable=1 score=",
-                 "Caps[3] 0x0 fps=0 subtypeFmt=0 usable=0 score=-1 better=0",
-                 "Preferred capture format set hr=0x00000000 requested=64x48 fps=30 selected=64x48 "
-                 "fps=30 fmt=1 policy=request-max,H264,MJPG,YUY2,NV12,RGB",
-                 "Connected media type 64x48 bottomUp=0 fmt=1"},
-                yuy2From);
-    const std::string recorded = kivtest::ReadFile(record);
-    EXPECT_NE(recorded.find("setformat=YUY2:64:48:vih:333333"), std::string::npos) << recorded;
-}
-
-// Two ports on one camera: the second asking more restarts the source and
-// both then receive the new size; a third asking less restarts nothing.
-TEST_F(CameraTest, SharedCameraGrowsForTheLargestRequest) {
-    Install(L"cap=YUY2:64:48:vih:200000:200000:200000;cap=YUY2:128:96:vih:200000:200000:200000");
-    FrameCatcher firstFrames, secondFrames;
-    void* first = Port(64, 48, 50, KIV_PIXEL_FORMAT_YUY2, &firstFrames);
-    void* second = Port(128, 96, 50, KIV_PIXEL_FORMAT_YUY2);
-    void* third = Port(32, 24, 25, KIV_PIXEL_FORMAT_YUY2);
-    void* secondOut = Add(KIV_CreateVideoMux());
-    ASSERT_EQ(KIV_SetVideoFrameCallback(secondOut, &FrameCatcher::OnFrame, &secondFrames), KIV_OK);
-    ASSERT_EQ(KIV_Connect(second, secondOut), KIV_OK);
-    ASSERT_EQ(KIV_Start(first), KIV_OK);
-    EXPECT_TRUE(WaitFor([&] { return firstFrames.Count() >= 1; }));
-    ASSERT_EQ(KIV_Start(second), KIV_OK);
-    ASSERT_EQ(KIV_Start(third), KIV_OK);
-    // A client attaches before the source restarts, so a few frames of the old
-    // size (at most a queue's worth) may reach it first; after the first large
-    // frame every frame is large.
-    EXPECT_TRUE(WaitFor([&] { return secondFrames.Count() >= 10; }));
-    for (void* p : {third, second, first}) EXPECT_EQ(KIV_Stop(p), KIV_OK);
-    EXPECT_EQ(firstFrames.frames.front().meta.width, 64);
-    EXPECT_EQ(firstFrames.frames.back().meta.width, 128);
-    const auto& seen = secondFrames.frames;
-    const auto large = std::find_if(seen.begin(), seen.end(), [](const CaughtFrame& d) { return d.meta.width == 128; });
-    EXPECT_LE(large - seen.begin(), 5);
-    for (auto d = large; d != seen.end(); ++d) EXPECT_EQ(std::make_pair(d->meta.width, d->meta.height), std::make_pair(128, 96));
-    ExpectLines({"Restart shared source OK device=0 actual=128x96 fps=50 fmt=1"});
+    const KivVideoFrame& m = catcher.frames[0].meta;
+    EXPECT_EQ((I64s{m.width, m.height, m.format}), (I64s{64, 48, KIV_PIXEL_FORMAT_YUY2}));
 }
 
 // The camera feeding ports that already exist: crop keeps the top half, the
@@ -191,9 +129,9 @@ TEST_F(CameraTest, CameraFeedsCropColourEngineAndOverlay) {
     void *crop = Add(KIV_CreateVideoCrop()), *color = Add(KIV_CreateVideoColorEngine());
     void *osd = Add(KIV_CreateVideoOsd()), *out = Add(KIV_CreateVideoMux());
     const KivVideoCropRect rect{0, 0, 64, 24};
+    const KivVideoColorEngineConfig grade{0, 1, KIV_PIXEL_FORMAT_RGB32, 1, 2, 1.0f};
     ASSERT_EQ(KIV_SetVideoCropRect(crop, &rect), KIV_OK);
     ASSERT_EQ(KIV_EnableVideoCrop(crop, 1), KIV_OK);
-    const KivVideoColorEngineConfig grade{0, 1, KIV_PIXEL_FORMAT_RGB32, 1, 2, 1.0f};
     ASSERT_EQ(KIV_SetVideoColorEngineConfig(color, &grade), KIV_OK);
     KivVideoOsdItem box{};
     box.visible = 1, box.x = 8, box.y = 12, box.width = 16, box.height = 8, box.opacity = 1.0f;
@@ -209,11 +147,10 @@ TEST_F(CameraTest, CameraFeedsCropColourEngineAndOverlay) {
     const std::vector<CaughtFrame>& frames = catcher.frames;
     for (int64_t i = 0; i < static_cast<int64_t>(frames.size()); ++i) {
         const KivVideoFrame& m = frames[i].meta;
-        EXPECT_EQ((std::vector<int64_t>{m.width, m.height, m.format, Number(frames[i])}),
-                  (std::vector<int64_t>{64, 24, KIV_PIXEL_FORMAT_RGB32, Number(frames[0]) + i}));
+        EXPECT_EQ((I64s{m.width, m.height, m.format, Number(frames[i])}),
+                  (I64s{64, 24, KIV_PIXEL_FORMAT_RGB32, Number(frames[0]) + i}));
     }
-    // BGRA in memory: the box is red; the camera's grey (luma 100, limited
-    // range) is about 98 after the conversion.
+    // BGRA in memory: the box is red; the camera's grey (luma 100, limited range) is about 98.
     const uint8_t* inBox = frames[0].plane0.data() + 12 * frames[0].meta.strides[0] + 8 * 4;
     EXPECT_TRUE(inBox[0] <= 5 && inBox[1] <= 5 && inBox[2] >= 250) << +inBox[0] << " " << +inBox[1] << " " << +inBox[2];
     const uint8_t* grey = frames[0].plane0.data() + 20 * frames[0].meta.strides[0] + 40 * 4;
@@ -224,8 +161,7 @@ TEST_F(CameraTest, CameraFeedsCropColourEngineAndOverlay) {
 // host: kiv_capture_h264_clip makes the clip before this test and
 // kiv_capture_h264_check compares the file with it frame by frame after.
 TEST_F(CameraTest, H264CameraRecordedByPassThrough) {
-    const std::string clip = testcam::WinePath(KIV_CAPTURE_H264_DIR "/clip.h264");
-    const std::string mp4 = testcam::WinePath(KIV_CAPTURE_H264_DIR "/camera.mp4");
+    const std::string clip = testcam::WinePath(KIV_CAPTURE_H264_DIR "/clip.h264"), mp4 = testcam::WinePath(KIV_CAPTURE_H264_DIR "/camera.mp4");
     if (kivtest::ReadFile(clip).empty()) GTEST_SKIP() << "no clip from ffmpeg at " << clip;
     std::remove(mp4.c_str());
     Install(L"cap=H264:320:240:vih:200000:0:0;h264=" + std::wstring(clip.begin(), clip.end()));
@@ -240,24 +176,19 @@ TEST_F(CameraTest, H264CameraRecordedByPassThrough) {
     EXPECT_EQ(KIV_Stop(recorder), KIV_OK);
     KIV_Disconnect(in, recorder);
     EXPECT_EQ(catcher.frames[0].meta.format, KIV_PIXEL_FORMAT_H264);
-    ExpectLines({"SampleGrabber requested subtype fmt=1 wildcardH264=1 hr=0x00000000",
-                 "Connected media type 320x240 bottomUp=0 fmt=6"});
 }
 
-// Start, stop and destroy under load: two ports share one camera, one
-// consumer sleeps at random, the other SendMessages to the window of the
-// thread that stops both; that thread waits without pumping, so only the
-// library's waits deliver those messages. Both stops of a cycle, in random
-// order, get ten seconds or the run aborts; no frame may arrive after its
-// port's stop returned.
+// Start, stop and destroy under load: two ports share one camera, one consumer sleeps at random, the other
+// SendMessages to the window of the thread that stops both, which waits without pumping, so only the library's
+// waits deliver them. Both stops of a cycle, in random order, get ten seconds or the run aborts; no frame may
+// arrive after its port's stop returned.
 struct Consumer {
     std::atomic<bool> stopped{false};
     std::atomic<uint64_t> frames{0}, late{0};
     std::atomic<HWND> window{nullptr};  // set for the consumer that SendMessages
     static void KIV_CALL OnFrame(const KivVideoFrame*, void* user) {
         auto* self = static_cast<Consumer*>(user);
-        if (self->stopped.load()) self->late.fetch_add(1);
-        self->frames.fetch_add(1);
+        self->late += self->stopped.load(), ++self->frames;
         thread_local std::minstd_rand random(std::random_device{}());
         if (HWND window = self->window.load()) SendMessageW(window, WM_USER + 1, 0, 0);
         else Sleep(random() % 4);
@@ -296,14 +227,11 @@ TEST_F(CameraTest, StressStartStopDestroyCyclesNeverHang) {
                 longestStopMs = std::max(longestStopMs, GetTickCount64() - begin);
             }
             consumers[1].window.store(nullptr);
-            DestroyWindow(own);
-            CoUninitialize();
-            done.set_value();
+            DestroyWindow(own), CoUninitialize(), done.set_value();
         });
         if (done.get_future().wait_for(std::chrono::milliseconds(10000 + pause)) != std::future_status::ready) {
             std::fprintf(stderr, "capture stress: a stop has not returned after 10 s (cycle %d)\n", cycles);
-            std::fflush(stderr);
-            std::abort();
+            std::fflush(stderr), std::abort();
         }
         stopper.join();
         KIV_Disconnect(client, clientOut);
@@ -313,8 +241,7 @@ TEST_F(CameraTest, StressStartStopDestroyCyclesNeverHang) {
                 static_cast<unsigned long long>(longestStopMs), static_cast<unsigned long long>(startFailures));
     EXPECT_GT(cycles, 50);
     EXPECT_EQ(startFailures, 0u);
-    for (Consumer& c : consumers)
-        EXPECT_EQ(std::make_pair(c.late.load(), c.frames.load() > 0), std::make_pair(uint64_t{0}, true));
+    for (Consumer& c : consumers) EXPECT_EQ(std::make_pair(c.late.load(), c.frames.load() > 0), std::make_pair(uint64_t{0}, true));
 }
 
 }  // namespace

@@ -10,10 +10,7 @@
 namespace kivtest {
 
 // Initialises the library for the duration of a test.
-struct LibraryScope {
-    LibraryScope();
-    ~LibraryScope();
-};
+struct LibraryScope { LibraryScope(); ~LibraryScope() { KIV_Shutdown(); } };
 
 // A tightly packed frame over an owned buffer.
 struct OwnedFrame {
@@ -26,30 +23,24 @@ struct OwnedFrame {
 KivVideoFrame FrameOver(int32_t format, int32_t width, int32_t height, const uint8_t* plane0, int32_t stride0,
                         const uint8_t* plane1 = nullptr, int32_t stride1 = 0);
 
-// A frame handed to a callback: the record, where it and its first plane were,
-// and copies of the planes (height rows of strides[0] bytes, NV12 chroma rows;
-// compressed: strides[0] payload bytes).
-struct CaughtFrame {
-    KivVideoFrame meta{};
-    const KivVideoFrame* record = nullptr;
-    const uint8_t* originalPlane0 = nullptr;
-    std::vector<uint8_t> plane0, plane1;
-};
+// A frame handed to a callback: the record, where it was, and copies of the planes (height rows of
+// strides[0] bytes, NV12 chroma rows; compressed: strides[0] payload bytes).
+struct CaughtFrame { KivVideoFrame meta{}; const KivVideoFrame* record = nullptr; std::vector<uint8_t> plane0, plane1; };
 
 // Keeps every frame a port hands to its video callback.
 class FrameCatcher {
 public:
     FrameCatcher() = default;
-    explicit FrameCatcher(void* port);  // installs itself as the port's video callback
+    explicit FrameCatcher(void* port) { KIV_SetVideoFrameCallback(port, &FrameCatcher::OnFrame, this); }
     static void KIV_CALL OnFrame(const KivVideoFrame* frame, void* user);
-    size_t Count();
+    size_t Count() { return std::lock_guard<std::mutex>(mutex_), frames.size(); }  // under the lock
     std::vector<CaughtFrame> frames;
 
 private:
     std::mutex mutex_;
 };
 
-// UTF-16 copy of an ASCII/UTF-8 string for the wide-character interfaces.
+// UTF-16 copy of a UTF-8 string for the wide-character interfaces.
 std::basic_string<KivWChar> Wide(const std::string& text);
 
 // Whole files, UTF-8 paths: empty when unreadable; false when not written.
@@ -60,14 +51,8 @@ bool WriteFile(const std::string& path, const std::string& bytes);
 std::string LibraryLog();
 
 // A message line of the library log: "[hh:mm:ss.mmm][tid=N][file:line] text\r\n".
-struct LogMessage {
-    unsigned long tid = 0;
-    std::string file;
-    int line = 0;
-    std::string text;
-};
-// Parses one line with its "\r\n", then writes it again in the log's format:
-// it matches only if both agree byte for byte (padding, separators, line end).
+struct LogMessage { unsigned long tid = 0; std::string file; int line = 0; std::string text; };
+// Parses one line with its "\r\n"; matches only if writing it again in the log's format gives the same bytes.
 bool ParseLogMessage(const std::string& raw, LogMessage* out);
 // The message lines of a log text in order; header and service lines skipped.
 std::vector<LogMessage> LogMessages(const std::string& log);
@@ -75,9 +60,8 @@ std::vector<LogMessage> LogMessages(const std::string& log);
 // How many times `what` occurs in `text` (overlapping matches count).
 size_t CountOf(const std::string& text, const std::string& what);
 
-// A fresh folder under the system temp folder (the process id keeps
-// concurrent runs apart), removed when the test that made it passes (outside
-// a test: when the program passes); a failing test keeps it and prints where.
+// A fresh folder under the system temp folder (the process id keeps concurrent runs apart), removed when the test
+// that made it passes (outside a test: when the program passes); a failing test keeps it and prints where.
 std::string TempDir(const std::string& name);
 
 }  // namespace kivtest

@@ -14,33 +14,25 @@ inline std::string WinePath(const std::string& unixPath) {
     return path;
 }
 
-// Loads the camera DLL for the process; friendlyName null: the entry has no
-// FriendlyName value.
+// Loads the camera DLL for the process; friendlyName null: the entry has no FriendlyName value.
 class CameraInstaller {
 public:
     CameraInstaller() {
         const std::string path = WinePath(KIV_TESTCAM_DLL);
-        module_ = LoadLibraryW(std::wstring(path.begin(), path.end()).c_str());
+        const HMODULE module = LoadLibraryW(std::wstring(path.begin(), path.end()).c_str());
+        auto get = [module](const char* name) { return module ? reinterpret_cast<void*>(GetProcAddress(module, name)) : nullptr; };
+        install_ = reinterpret_cast<decltype(install_)>(get("KivTestCamInstall"));
+        removeAll_ = reinterpret_cast<decltype(removeAll_)>(get("KivTestCamRemoveAll"));
     }
-    ~CameraInstaller() {
-        if (module_) FreeLibrary(module_);
-    }
-    bool Loaded() const { return Function("KivTestCamInstall") && Function("KivTestCamRemoveAll"); }
+    bool Loaded() const { return install_ && removeAll_; }
     HRESULT Install(const wchar_t* keyName, const wchar_t* friendlyName, const wchar_t* config) const {
-        auto install = reinterpret_cast<HRESULT (*)(const wchar_t*, const wchar_t*, const wchar_t*)>(
-            Function("KivTestCamInstall"));
-        return install ? install(keyName, friendlyName, config) : E_FAIL;
+        return install_ ? install_(keyName, friendlyName, config) : E_FAIL;
     }
-    HRESULT RemoveAll() const {
-        auto removeAll = reinterpret_cast<HRESULT (*)()>(Function("KivTestCamRemoveAll"));
-        return removeAll ? removeAll() : E_FAIL;
-    }
+    HRESULT RemoveAll() const { return removeAll_ ? removeAll_() : E_FAIL; }
 
 private:
-    void* Function(const char* name) const {
-        return module_ ? reinterpret_cast<void*>(GetProcAddress(module_, name)) : nullptr;
-    }
-    HMODULE module_;
+    HRESULT (*install_)(const wchar_t*, const wchar_t*, const wchar_t*);
+    HRESULT (*removeAll_)();
 };
 
 }  // namespace testcam
