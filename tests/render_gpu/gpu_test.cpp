@@ -18,6 +18,12 @@
 #include "render/render_gpu_stages.h"
 #include "render/snapshot_image.h"
 #include "test_support.h"
+#ifdef _WIN32
+#include <objbase.h>
+
+#include "processing_test_helpers.h"
+#include "test_window_win.h"
+#endif
 
 namespace {
 
@@ -76,9 +82,9 @@ TEST_F(GpuTest, LutLoadsFailuresAndReuse) {
     File("a.cube", Cube(8, "LUT_3D_SIZE 2\n"));
     EXPECT_EQ(Load(path, true), KIV_OK);
     EXPECT_TRUE(lut.ApplyPending());  // the same file makes a new texture
-}
-
-TEST_F(GpuTest, LutConfigurationIsCheckedNormalisedAndAppliedLast) {
+    // Configurations: strength checked, processor normalised, applied after a clear and a cube of the same batch.
+    lut.QueueClear();
+    lut.ApplyPending();
     KivVideoRenderLutConfig config{0, 1, 0, 0, 0, 0};
     for (float strength : {1.5f, -0.1f, std::nanf("")}) {
         config.strength = strength;
@@ -99,23 +105,11 @@ TEST_F(GpuTest, LutConfigurationIsCheckedNormalisedAndAppliedLast) {
     ASSERT_EQ(lut.QueueConfig(config), KIV_OK);
     EXPECT_TRUE(lut.ApplyPending());
     EXPECT_TRUE(lut.Usable());
-    // A clear drops a pending cube and disables the stage; a reset to idle also queues the idle configuration.
+    // A clear drops a pending cube and disables the stage.
     ASSERT_EQ(Load(File("c.cube", Cube(27))), KIV_OK);
     lut.QueueClear();
     EXPECT_TRUE(lut.ApplyPending());
     EXPECT_TRUE(!lut.ActiveData() && lut.ActiveConfig().enable == 0);
-    config = {3, 1, 5, 2, 1, 0.25f};
-    ASSERT_EQ(Load(File("d.cube", Cube(8))), KIV_OK);
-    ASSERT_EQ(lut.QueueConfig(config), KIV_OK);
-    lut.ApplyPending();
-    ASSERT_TRUE(lut.Usable());
-    ASSERT_EQ(Load(File("e.cube", Cube(27))), KIV_OK);
-    lut.ResetToIdle();
-    EXPECT_TRUE(lut.ApplyPending());
-    EXPECT_FALSE(lut.ActiveData());
-    const KivVideoRenderLutConfig& c = lut.ActiveConfig();
-    EXPECT_EQ(std::vector<float>({float(c.processor), float(c.enable), float(c.reserved), float(c.cs), float(c.range), c.strength}),
-              std::vector<float>({1, 0, 0, 0, 0, 1.0f}));
 }
 
 // Requests from two application threads while a render thread applies them under its lock, as frames would.
@@ -178,19 +172,14 @@ Bytes Pixel(const GpuOsdBitmap& canvas, int x, int y) {
     return {p, p + 4};
 }
 
-TEST(GpuOsd, RecordDefaults) {
+TEST(GpuOsd, RecordDefaultsAndCommandsInOrderWithSharedIds) {
     for (const auto& c : std::vector<std::pair<float, uint32_t>>{{0.0f, 255}, {-1.0f, 255}, {std::nanf(""), 255}, {2.0f, 255}, {0.5f, 128}, {0.2f, 51}}) {
         const OsdItem item = kiv::GpuOsdItemFromRecord(Record(1, 0, 0, 0, 4, 4, 0, c.first), kiv::kOsdRect);
-        EXPECT_EQ(std::vector<uint32_t>({kiv::GpuOsdCoverage(item.opacity), item.color, item.backColor, uint32_t(item.size)}),
-                  std::vector<uint32_t>({c.second, 0xFFFFFFFFu, 0x80000000u, 3}))
-            << c.first;
+        const std::vector<uint32_t> got = {kiv::GpuOsdCoverage(item.opacity), item.color, item.backColor, uint32_t(item.size)};
+        EXPECT_EQ(got, std::vector<uint32_t>({c.second, 0xFFFFFFFFu, 0x80000000u, 3})) << c.first;
     }
     const OsdItem t = kiv::GpuOsdItemFromRecord(Record(1, 0, 0, 0, 4, 4, 0), kiv::kOsdText);
-    EXPECT_EQ(t.size, 36);
-    EXPECT_EQ(t.fontName, kivtest::Wide("Microsoft YaHei UI"));
-}
-
-TEST(GpuOsd, CommandsApplyInOrderWithSharedIds) {
+    EXPECT_TRUE(t.size == 36 && t.fontName == kivtest::Wide("Microsoft YaHei UI"));
     auto item = [](int32_t id, int32_t kind, int32_t layer, const char* text) {
         OsdItem i = kiv::GpuOsdItemFromRecord(Record(id, layer, 0, 0, 1, 1, 0), kind);
         i.text = kivtest::Wide(text);
@@ -213,16 +202,13 @@ TEST(GpuOsd, CommandsApplyInOrderWithSharedIds) {
     EXPECT_EQ(items[0].id, 9);
     EXPECT_TRUE(kiv::ApplyGpuOsdCommands({{kiv::kGpuOsdClear, 0, {}}}, &items));
     EXPECT_FALSE(kiv::ApplyGpuOsdCommands({{kiv::kGpuOsdClear, 0, {}}}, &items));
-    kiv::GpuOsdCommandQueue queue;  // hands each command over once
-    for (int i = 0; i < 2; ++i) queue.Push(batch[i]);
-    for (size_t expected : {2u, 0u}) {
+    kiv::GpuOsdCommandQueue queue;  // hands each command over once; a clear drops what waits
+    for (int round = 0; round < 3; ++round) {
+        if (round != 1) queue.Push(batch[0]), queue.Push(batch[1]);
+        if (round == 2) queue.Clear();
         queue.TakeAll(&batch);
-        EXPECT_EQ(batch.size(), expected);
+        EXPECT_EQ(batch.size(), round == 0 ? 2u : 0u) << round;
     }
-    queue.Push({kiv::kGpuOsdClear, 0, {}});
-    queue.Clear();
-    queue.TakeAll(&batch);
-    EXPECT_TRUE(batch.empty());
 }
 
 // Rectangles: four bars per item, clipped, corners covered twice, layers drawn in ascending order.
@@ -253,7 +239,7 @@ TEST(GpuOsd, RectanglesMatchABarByBarReference) {
     EXPECT_EQ(Pixel(canvas, 8, 2), (Bytes{0, 0, 192, 192}));
 }
 
-TEST(GpuOsd, TextBlendsItsBrightnessAndClipsAtTheEdges) {
+TEST(GpuOsd, TextBlendsItsBrightnessAndPicturesScaleWithTheirAlpha) {
     FakeRasterizer raster;
     std::vector<OsdItem> items = {kiv::GpuOsdItemFromRecord(Record(1, 0, -2, 1, 6, 2, 0, 0.5f), kiv::kOsdText)};
     GpuOsdBitmap canvas;
@@ -272,10 +258,7 @@ TEST(GpuOsd, TextBlendsItsBrightnessAndClipsAtTheEdges) {
     items[0].width = 0;
     kiv::ComposeGpuOsdCanvas(items, 5, 4, &raster, &canvas);
     EXPECT_EQ(raster.texts, 1);
-}
-
-TEST(GpuOsd, PicturesScaleByNearestNeighbourWithTheirAlpha) {
-    FakeRasterizer raster;
+    // Pictures scale by nearest neighbour with their alpha.
     GpuOsdBitmap& picture = raster.pictures[kivtest::Wide("p.png")] = {2, 2, {10, 20, 30, 255, 40, 50, 60, 128, 70, 80, 90, 0, 100, 110, 120, 255}};
     KivVideoOsdItem r = Record(1, 0, 1, -1, 4, 4, 0, 0.5f);
     r.backColor = 0xFF1E140A, r.transparent = 1;  // would be a colour key on the CPU: not here
@@ -285,9 +268,8 @@ TEST(GpuOsd, PicturesScaleByNearestNeighbourWithTheirAlpha) {
     natural.width = natural.height = 0, natural.x = 4, natural.y = 3, natural.opacity = 1.0f;  // own size, bottom right
     single.width = single.height = 1, single.x = 0, single.y = 3, single.opacity = 1.0f;      // the top-left pixel only
     missing.imagePath = kivtest::Wide("none.png");
-    GpuOsdBitmap canvas;
     kiv::ComposeGpuOsdCanvas({scaled, natural, single, missing}, 5, 4, &raster, &canvas);
-    Bytes want(5 * 4 * 4, 0);
+    want.assign(5 * 4 * 4, 0);
     auto put = [&](int x, int y, int sx, int sy, float alpha) {
         if (x < 0 || x >= 5 || y < 0 || y >= 4) return;
         const uint8_t* s = &picture.pixels[(sy * 2 + sx) * 4];
@@ -300,48 +282,47 @@ TEST(GpuOsd, PicturesScaleByNearestNeighbourWithTheirAlpha) {
     EXPECT_EQ(Pixel(canvas, 1, 0)[3], 128);  // the key colour pixel (source alpha 255) was drawn, half covered
 }
 
+std::string Span(int64_t time, int64_t duration) { return std::to_string(time) + "+" + std::to_string(duration); }
+
 // Writes what the recorder asks of it as events ("open <file> <w>x<h> ...|v <time>+<duration>|"); fails what
 // the script says.
 struct SinkScript {
     int32_t openResult = KIV_OK;
     bool audioReady = true;
-    int zeroCopyFailsFrom = -1;  // video sample index from which zero-copy fails
+    int zeroCopyFailsFrom = -1, videoSamples = 0;  // the video sample index from which zero-copy fails
     uint32_t audioResult = 0;
     void* device = this;  // the render device the recording expects
-    int videoSamples = 0;
     std::string events;
+    void Event(const std::string& text) { events += text + "|"; }
 };
 
-class FakeSink : public kiv::GpuRecordSink {
-public:
-    explicit FakeSink(SinkScript* script) : s_(script) {}
+struct FakeSink : kiv::GpuRecordSink {
+    explicit FakeSink(SinkScript* script) : s(script) {}
     int32_t Open(void* device, const kiv::GpuRecordSettings& st, int32_t width, int32_t height, bool* audioReady) override {
         char text[160];
-        std::snprintf(text, sizeof text, "open %s %dx%d fps=%d audio=%d %d/%d/%d%s|", std::string(st.file.begin(), st.file.end()).c_str(),
-                      width, height, st.fps, int(st.audio), st.sampleRate, st.channels, st.audioBitrate, device == s_->device ? "" : " new device");
-        s_->events += text;
-        s_->videoSamples = 0, *audioReady = s_->audioReady;
-        return s_->openResult;
+        std::snprintf(text, sizeof text, "open %s %dx%d fps=%d audio=%d %d/%d/%d%s", std::string(st.file.begin(), st.file.end()).c_str(),
+                      width, height, st.fps, int(st.audio), st.sampleRate, st.channels, st.audioBitrate, device == s->device ? "" : " new device");
+        s->Event(text);
+        s->videoSamples = 0, *audioReady = s->audioReady;
+        return s->openResult;
     }
     int32_t Convert(void* texture) override { return texture == &texture_ ? KIV_OK : KIV_ERROR_FAILED; }  // the final texture
     uint32_t WriteVideoZeroCopy(int64_t time, int64_t duration) override {
-        return s_->zeroCopyFailsFrom >= 0 && s_->videoSamples >= s_->zeroCopyFailsFrom ? 0x887A0001u : Video("v ", time, duration);
+        if (s->zeroCopyFailsFrom >= 0 && s->videoSamples >= s->zeroCopyFailsFrom) return 0x887A0001u;
+        return Video("v ", time, duration);
     }
     int32_t WriteVideoCopied(int64_t time, int64_t duration) override { return Video("copy ", time, duration); }
-    uint32_t WriteAudio(const uint8_t*, uint32_t bytes, int64_t time, int64_t duration) override {
-        if (s_->audioResult == 0) s_->events += "a " + std::to_string(time) + "+" + std::to_string(duration) + " " + std::to_string(bytes) + "|";
-        return s_->audioResult;
-    }
-    void Finalize() override { s_->events += "end|"; }
-    inline static int texture_ = 0;
-
-private:
     int32_t Video(const char* kind, int64_t time, int64_t duration) {
-        ++s_->videoSamples;
-        s_->events += kind + std::to_string(time) + "+" + std::to_string(duration) + "|";
-        return 0;
+        s->Event(kind + Span(time, duration));
+        return ++s->videoSamples, 0;
     }
-    SinkScript* s_;
+    uint32_t WriteAudio(const uint8_t*, uint32_t bytes, int64_t time, int64_t duration) override {
+        if (s->audioResult == 0) s->Event("a " + Span(time, duration) + " " + std::to_string(bytes));
+        return s->audioResult;
+    }
+    void Finalize() override { s->Event("end"); }
+    inline static int texture_ = 0;
+    SinkScript* s;
 };
 
 KivGpuRecordConfig Request(const char* file, int32_t fps, int32_t audio, int32_t rate = 0, int32_t channels = 0) {
@@ -369,30 +350,7 @@ protected:
     Bytes pcm = Bytes(4096);  // no frame is longer
 };
 
-TEST_F(GpuRecorderTest, DefaultsCountedVideoTimesAndTheZeroCopyFallback) {
-    const int64_t cases[][3] = {{0, 30, 333333}, {-5, 30, 333333}, {25, 25, 400000}, {60, 60, 166666}};  // fps asked, used; duration
-    for (const auto& c : cases) {
-        ASSERT_EQ(recorder.Arm(Request("a.mp4", int32_t(c[0]), 1)), KIV_OK);
-        ASSERT_EQ(Submit(3, 641, 359), KIV_OK);  // odd sizes go to the writer as they are
-        recorder.Stop();
-        std::string want = "open a.mp4 641x359 fps=" + std::to_string(c[1]) + " audio=1 48000/2/128000|";
-        for (int i = 0; i < 3; ++i) want += "v " + std::to_string(i * c[2]) + "+" + std::to_string(c[2]) + "|";
-        EXPECT_EQ(Events(), want + "end|") << c[0];
-    }
-    // A zero-copy failure switches to copies for the rest of the recording; a new recording starts over: new
-    // writer, times from 0, zero-copy tried.
-    script.zeroCopyFailsFrom = 1;
-    ASSERT_EQ(recorder.Arm(Request("b.mp4", 50, 0)), KIV_OK);
-    ASSERT_EQ(Submit(4), KIV_OK);
-    recorder.Stop();
-    script.zeroCopyFailsFrom = -1;
-    ASSERT_EQ(recorder.Arm(Request("c.mp4", 50, 0)), KIV_OK);
-    ASSERT_EQ(Submit(), KIV_OK);
-    EXPECT_EQ(Events(), "open b.mp4 8x8 fps=50 audio=0 48000/2/128000|v 0+200000|copy 200000+200000|copy 400000+200000|"
-                        "copy 600000+200000|end|open c.mp4 8x8 fps=50 audio=0 48000/2/128000|v 0+200000|");
-}
-
-TEST_F(GpuRecorderTest, ArmingStoppingAndRetries) {
+TEST_F(GpuRecorderTest, ArmingRetriesCountedTimesFallbackAndAudio) {
     EXPECT_EQ(Submit(), KIV_OK);  // idle: nothing made
     recorder.Stop();              // stop without start
     EXPECT_EQ(recorder.Arm(Request("", 30, 0)), KIV_ERROR_INVALID_ARG);
@@ -420,9 +378,29 @@ TEST_F(GpuRecorderTest, ArmingStoppingAndRetries) {
     EXPECT_FALSE(recorder.Armed());
     const std::string open = "open first.mp4 8x8 fps=24 audio=0 48000/2/128000";
     EXPECT_EQ(Events(), open + "|" + open + "|v 0+416666|end|" + open + " new device|v 416666+416666|end|");
-}
-
-TEST_F(GpuRecorderTest, AudioIsTimedByItsLengthAndMismatchesAreLoggedOncePerRecording) {
+    const int64_t cases[][3] = {{0, 30, 333333}, {-5, 30, 333333}, {25, 25, 400000}, {60, 60, 166666}};  // fps asked, used; duration
+    for (const auto& c : cases) {
+        ASSERT_EQ(recorder.Arm(Request("a.mp4", int32_t(c[0]), 1)), KIV_OK);
+        ASSERT_EQ(Submit(3, 641, 359), KIV_OK);  // odd sizes go to the writer as they are
+        recorder.Stop();
+        std::string want = "open a.mp4 641x359 fps=" + std::to_string(c[1]) + " audio=1 48000/2/128000|";
+        for (int i = 0; i < 3; ++i) want += "v " + Span(i * c[2], c[2]) + "|";
+        EXPECT_EQ(Events(), want + "end|") << c[0];
+    }
+    // A zero-copy failure switches to copies for the rest of the recording; a new recording starts over: new
+    // writer, times from 0, zero-copy tried.
+    script.zeroCopyFailsFrom = 1;
+    ASSERT_EQ(recorder.Arm(Request("b.mp4", 50, 0)), KIV_OK);
+    ASSERT_EQ(Submit(4), KIV_OK);
+    recorder.Stop();
+    script.zeroCopyFailsFrom = -1;
+    ASSERT_EQ(recorder.Arm(Request("c.mp4", 50, 0)), KIV_OK);
+    ASSERT_EQ(Submit(), KIV_OK);
+    EXPECT_EQ(Events(), "open b.mp4 8x8 fps=50 audio=0 48000/2/128000|v 0+200000|copy 200000+200000|copy 400000+200000|"
+                        "copy 600000+200000|end|open c.mp4 8x8 fps=50 audio=0 48000/2/128000|v 0+200000|");
+    recorder.Stop();
+    Events();
+    // Audio is timed by its length; mismatches are logged once per recording.
     EXPECT_EQ(Audio(48000, 2, 1920), KIV_OK);  // not armed
     ASSERT_EQ(recorder.Arm(Request("d.mp4", 30, 1, 48000, 2)), KIV_OK);
     EXPECT_EQ(Audio(48000, 2, 1920), KIV_OK);  // no writer yet
@@ -449,73 +427,20 @@ TEST_F(GpuRecorderTest, AudioIsTimedByItsLengthAndMismatchesAreLoggedOncePerReco
     EXPECT_EQ(Mismatches(), 2u);
 }
 
-class GpuApiTest : public GpuTest {
-protected:
-    void SetUp() override {
-        GpuTest::SetUp();
-        ASSERT_NE(render = KIV_CreateVideoRender(nullptr), nullptr);
-        stages = dynamic_cast<KivRenderGpuStages*>(&static_cast<KivVideoRender*>(static_cast<KivPortBase*>(render))->Stages());
-        ASSERT_NE(stages, nullptr);
-    }
-    void TearDown() override {
-        KIV_DestroyPort(render);
-        GpuTest::TearDown();
-    }
+TEST_F(GpuTest, ExportedCallsWithoutAWindow) {
     kivtest::LibraryScope library;
-    void* render = nullptr;
-    KivRenderGpuStages* stages = nullptr;
-};
-
-TEST_F(GpuApiTest, GpuRequestsMoveThePortToTheGpuPipelineAndLeavingItTearsThemDown) {
-    KivVideoRenderLutConfig config{1, 1, 0, 0, 0, 1.5f};
-    EXPECT_EQ(KIV_SetVideoRenderLutConfig(render, &config), KIV_ERROR_INVALID_ARG);
-    EXPECT_EQ(KIV_ClearVideoRenderGpuOsd(render), KIV_OK);
-    EXPECT_EQ(KIV_GetVideoRenderPipelineMode(render), 0);  // neither a refused request nor a clear changes the mode
-    config.strength = 0.5f;
-    KivVideoOsdItem item{};
-    item.id = 7, item.visible = 1;
-    const KivGpuRecordConfig record = Request((dir + "/r.mp4").c_str(), 0, 0);
-    const std::function<int32_t()> requests[] = {
-        [&] { return KIV_SetVideoRenderLutConfig(render, &config); },       [&] { return KIV_AddVideoRenderGpuOsdText(render, &item); },
-        [&] { return KIV_AddVideoRenderGpuOsdImage(render, &item); },       [&] { return KIV_AddVideoRenderGpuOsdRect(render, &item); },
-        [&] { return KIV_UpdateVideoRenderGpuOsdText(render, 7, nullptr); }, [&] { return KIV_RemoveVideoRenderGpuOsdItem(render, 7); },
-        [&] { return KIV_StartVideoRenderGpuRecord(render, &record); },
-    };
-    for (const auto& request : requests) {
-        ASSERT_EQ(KIV_SetVideoRenderPipelineMode(render, 0), KIV_OK);
-        EXPECT_EQ(request(), KIV_OK);
-        EXPECT_EQ(KIV_GetVideoRenderPipelineMode(render), 1) << &request - requests;
-    }
-    EXPECT_EQ(KIV_IsVideoRenderGpuRecording(render), 1);
-    EXPECT_EQ(KIV_StartVideoRenderGpuRecord(render, &record), KIV_OK);  // already armed
-    // Leaving the GPU pipeline stops the recorder and resets the LUT.
-    ASSERT_EQ(KIV_SetVideoRenderPipelineMode(render, 0), KIV_OK);
-    EXPECT_EQ(KIV_IsVideoRenderGpuRecording(render), 0);
-    EXPECT_FALSE(stages->LutActive());
-    EXPECT_EQ(stages->ColorSettings().strength, 1.0f);
-    EXPECT_EQ(KIV_StopVideoRenderGpuRecord(render), KIV_OK);  // stop without start
-}
-
-TEST_F(GpuApiTest, LutConfigurationAppliesAtOnceWhenTheRenderSideIsFree) {
-    ASSERT_EQ(KIV_LoadVideoRenderCubeFile(render, File("g.cube", Cube(8, "LUT_3D_SIZE 2\n", "0 1 0\n")).c_str()), KIV_OK);
-    EXPECT_FALSE(stages->LutActive());  // a cube waits for the render side
-    KivVideoRenderLutConfig config{3, 1, 9, 2, 1, 0.25f};
-    ASSERT_EQ(KIV_SetVideoRenderLutConfig(render, &config), KIV_OK);
-    EXPECT_TRUE(stages->LutActive());  // applied together with the configuration
-    const KivRenderColorSettings c = stages->ColorSettings();
-    EXPECT_EQ(std::vector<float>({float(c.colorSpace), float(c.colorRange), c.strength}), std::vector<float>({2, 1, 0.25f}));
-    EXPECT_EQ(KIV_ClearVideoRenderLut(render), KIV_OK);
-    EXPECT_FALSE(stages->LutActive());
-}
-
-TEST_F(GpuApiTest, SnapshotAndHandleChecks) {
+    void* render = KIV_CreateVideoRender(nullptr);
+    auto* stages = dynamic_cast<KivRenderGpuStages*>(&static_cast<KivVideoRender*>(static_cast<KivPortBase*>(render))->Stages());
+    ASSERT_NE(stages, nullptr);
     const auto path = kivtest::Wide(dir + "/s.bmp");
     EXPECT_EQ(KIV_SaveVideoRenderSnapshot(render, path.c_str(), 1), KIV_ERROR_FAILED);
     EXPECT_TRUE(Logged("no rendered frame"));
     void* mux = KIV_CreateVideoMux();
     KivVideoOsdItem item{};
-    KivVideoRenderLutConfig config{};
-    KivGpuRecordConfig record = Request("x", 0, 0), unnamed = Request("", 0, 0);
+    KivVideoRenderLutConfig config{1, 1, 0, 0, 0, 1.5f};
+    KivGpuRecordConfig record = Request((dir + "/r.mp4").c_str(), 0, 0), unnamed = Request("", 0, 0);
+    const KivWChar empty[1] = {0};
+    const uint8_t pixel[4] = {1, 2, 3, 4};
     const std::vector<int32_t> results = {
         KIV_SaveVideoRenderSnapshot(render, kivtest::Wide(dir + "/s.png").c_str(), 3), KIV_SaveVideoRenderSnapshot(render, nullptr, 1),
         KIV_SetVideoRenderLutConfig(mux, &config), KIV_LoadVideoRenderCubeFile(mux, path.c_str()),
@@ -525,29 +450,208 @@ TEST_F(GpuApiTest, SnapshotAndHandleChecks) {
         KIV_RemoveVideoRenderGpuOsdItem(mux, 1), KIV_ClearVideoRenderGpuOsd(mux),
         KIV_StartVideoRenderGpuRecord(mux, &record), KIV_StopVideoRenderGpuRecord(mux),
         KIV_AddVideoRenderGpuOsdRect(render, nullptr), KIV_SetVideoRenderLutConfig(render, nullptr),
-        KIV_StartVideoRenderGpuRecord(render, nullptr), KIV_StartVideoRenderGpuRecord(render, &unnamed)};
+        KIV_SetVideoRenderLutConfig(render, &config), KIV_StartVideoRenderGpuRecord(render, nullptr),
+        KIV_StartVideoRenderGpuRecord(render, &unnamed), kiv::SaveSnapshotImage(nullptr, 1, pixel, 1, 1, 4),
+        kiv::SaveSnapshotImage(empty, 1, pixel, 1, 1, 4), kiv::SaveSnapshotImage(path.c_str(), 3, pixel, 1, 1, 4),
+        kiv::SaveSnapshotImage(path.c_str(), 0, pixel, 1, 1, 4), kiv::SaveSnapshotImage(path.c_str(), 1, nullptr, 1, 1, 4),
+        kiv::SaveSnapshotImage(path.c_str(), 2, pixel, 0, 1, 4), kiv::SaveSnapshotImage(path.c_str(), 2, pixel, 1, -1, 4),
+        kiv::SaveSnapshotImage(path.c_str(), 2, pixel, 1, 1, 0)};
     EXPECT_EQ(results, std::vector<int32_t>(results.size(), KIV_ERROR_INVALID_ARG));
-    EXPECT_EQ(KIV_IsVideoRenderGpuRecording(mux) + KIV_GetVideoRenderPipelineMode(render), 0);  // nothing changed
+    EXPECT_EQ(KIV_ClearVideoRenderGpuOsd(render), KIV_OK);
+    // Nothing changed: no recording, no file, and neither a refused request nor a clear left the CPU pipeline.
+    EXPECT_EQ(KIV_IsVideoRenderGpuRecording(mux) + KIV_GetVideoRenderPipelineMode(render), 0);
+    EXPECT_TRUE(kivtest::ReadFile(dir + "/s.bmp").empty());
     KIV_DestroyPort(mux);
-    // Rows packed to tight BGR (a stride of 16 bytes: 4 of padding; alpha dropped); bad arguments touch no file.
+    // Every GPU request moves the port to the GPU pipeline.
+    config = {1, 1, 0, 2, 1, 0.5f}, item.id = 7, item.visible = 1;
+    const std::function<int32_t()> requests[] = {
+        [&] { return KIV_SetVideoRenderLutConfig(render, &config); },       [&] { return KIV_AddVideoRenderGpuOsdText(render, &item); },
+        [&] { return KIV_AddVideoRenderGpuOsdImage(render, &item); },       [&] { return KIV_AddVideoRenderGpuOsdRect(render, &item); },
+        [&] { return KIV_UpdateVideoRenderGpuOsdText(render, 7, nullptr); }, [&] { return KIV_RemoveVideoRenderGpuOsdItem(render, 7); },
+        [&] { return KIV_StartVideoRenderGpuRecord(render, &record); }};
+    for (const auto& request : requests) {
+        ASSERT_EQ(KIV_SetVideoRenderPipelineMode(render, 0), KIV_OK);
+        EXPECT_EQ(request(), KIV_OK);
+        EXPECT_EQ(KIV_GetVideoRenderPipelineMode(render), 1) << &request - requests;
+    }
+    EXPECT_EQ(KIV_IsVideoRenderGpuRecording(render), 1);
+    EXPECT_EQ(KIV_StartVideoRenderGpuRecord(render, &record), KIV_OK);  // already armed
+    // A cube waits for the render side; leaving the GPU pipeline drops it, stops the recorder and resets the LUT.
+    const auto cube = File("g.cube", Cube(8, "LUT_3D_SIZE 2\n", "0 1 0\n"));
+    ASSERT_EQ(KIV_LoadVideoRenderCubeFile(render, cube.c_str()), KIV_OK);
+    EXPECT_FALSE(stages->LutActive());
+    ASSERT_EQ(KIV_SetVideoRenderPipelineMode(render, 0), KIV_OK);
+    EXPECT_EQ(KIV_IsVideoRenderGpuRecording(render), 0);
+    auto colour = [&] {
+        const KivRenderColorSettings c = stages->ColorSettings();
+        return std::vector<float>({float(c.colorSpace), float(c.colorRange), c.strength});
+    };
+    EXPECT_EQ(colour(), std::vector<float>({0, 0, 1.0f}));
+    EXPECT_EQ(KIV_StopVideoRenderGpuRecord(render), KIV_OK);  // stop without start
+    // With the render side free a configuration applies at once, with the cube waiting for it (none: dropped).
+    config = {3, 1, 9, 2, 1, 0.25f};
+    ASSERT_EQ(KIV_SetVideoRenderLutConfig(render, &config), KIV_OK);
+    EXPECT_FALSE(stages->LutActive());
+    ASSERT_EQ(KIV_LoadVideoRenderCubeFile(render, cube.c_str()), KIV_OK);
+    ASSERT_EQ(KIV_SetVideoRenderLutConfig(render, &config), KIV_OK);
+    EXPECT_TRUE(stages->LutActive());
+    EXPECT_EQ(colour(), std::vector<float>({2, 1, 0.25f}));
+    EXPECT_EQ(KIV_ClearVideoRenderLut(render), KIV_OK);
+    EXPECT_FALSE(stages->LutActive());
+    KIV_DestroyPort(render);
+    // Rows packed to tight BGR (a stride of 16 bytes: 4 of padding; alpha dropped).
     Bytes bgra(32, 0xEE), rows;
     for (int i = 0; i < 12; ++i) bgra[i] = static_cast<uint8_t>(i + 1), bgra[16 + i] = static_cast<uint8_t>(101 + i);
     kiv::PackBgr24Rows(bgra.data(), 3, 2, 16, &rows);
     EXPECT_EQ(rows, (Bytes{1, 2, 3, 5, 6, 7, 9, 10, 11, 101, 102, 103, 105, 106, 107, 109, 110, 111}));
-    const KivWChar empty[1] = {0};
-    const uint8_t pixel[4] = {1, 2, 3, 4};
-    const struct {
-        const KivWChar* path;
-        int32_t format;
-        const uint8_t* pixels;
-        int32_t w, h, stride;
-    } cases[] = {
-        {nullptr, 1, pixel, 1, 1, 4},       {empty, 1, pixel, 1, 1, 4},          {path.c_str(), 3, pixel, 1, 1, 4},
-        {path.c_str(), 0, pixel, 1, 1, 4},  {path.c_str(), 1, nullptr, 1, 1, 4}, {path.c_str(), 2, pixel, 0, 1, 4},
-        {path.c_str(), 2, pixel, 1, -1, 4}, {path.c_str(), 2, pixel, 1, 1, 0},
-    };
-    for (const auto& c : cases) EXPECT_EQ(kiv::SaveSnapshotImage(c.path, c.format, c.pixels, c.w, c.h, c.stride), KIV_ERROR_INVALID_ARG);
-    EXPECT_TRUE(kivtest::ReadFile(dir + "/s.bmp").empty());
 }
+
+#ifdef _WIN32  // real windows drawn by Wine's Direct3D 11: GDI text, WIC pictures and snapshots, the recorder
+
+constexpr int kW = 64, kH = 48;
+
+class GpuWindowTest : public GpuTest {
+protected:
+    void SetUp() override {
+        GpuTest::SetUp();
+        ASSERT_EQ(KIV_Connect(source, render), KIV_OK);
+        for (int i = 0; i < kW * kH; ++i)  // a gradient
+            pattern[i * 4] = uint8_t(i % kW * 4), pattern[i * 4 + 1] = uint8_t(i / kW * 5), pattern[i * 4 + 2] = uint8_t((i % kW + i / kW) * 2);
+    }
+    void TearDown() override {
+        KIV_Disconnect(source, render);
+        KIV_DestroyPort(source);
+        KIV_DestroyPort(render);
+        GpuTest::TearDown();
+    }
+    // Pushes the BGRA frame until the window shows `want` (tight, bpp bytes a pixel) within the tolerance.
+    int Show(const Bytes& bgra, Bytes want, int bpp, int tolerance) {
+        return rendertest::PushUntilShown(source, Frame(bgra), window, {std::move(want)}, bpp, tolerance, &where);
+    }
+    KivVideoFrame Frame(const Bytes& bgra) { return kivtest::FrameOver(KIV_PIXEL_FORMAT_RGB32, kW, kH, bgra.data(), kW * 4); }
+    // Snapshots and the window's pixels go to KIV_SNAPSHOT_CHECK_DIR, where kiv_render_gpu_snapshot_check decodes
+    // and compares them with ffmpeg on the host.
+    std::string CheckFile(const std::string& name) {
+        std::string path = "Z:";
+        for (char c : std::string(KIV_SNAPSHOT_CHECK_DIR) + "/" + name) path += c == '/' ? '\\' : c;
+        return path;
+    }
+    void SaveShown(const std::string& name) {
+        const Bytes shown = window.Read();
+        ASSERT_TRUE(kivtest::WriteFile(CheckFile(name), std::string(shown.begin(), shown.end())));
+    }
+    kivtest::LibraryScope library;
+    rendertest::TestWindow window{kW, kH};
+    void* render = KIV_CreateVideoRender(window.Handle());
+    void* source = KIV_CreateVideoFrameSource();
+    Bytes pattern = Bytes(kW * kH * 4, 255);
+    std::string where;
+};
+
+TEST_F(GpuWindowTest, SnapshotsLutAgainstTheColourEngineAndTheRecorder) {
+    ASSERT_EQ(Show(pattern, pattern, 4, 0), 0) << where;
+    ASSERT_EQ(KIV_SaveVideoRenderSnapshot(render, kivtest::Wide(CheckFile("cpu.bmp")).c_str(), 1), KIV_OK);
+    SaveShown("cpu.bgra");
+    int32_t result = -99;
+    std::thread sta([&] {  // the JPEG from a single-threaded apartment
+        CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+        result = KIV_SaveVideoRenderSnapshot(render, kivtest::Wide(CheckFile("cpu.jpg")).c_str(), 2);
+        CoUninitialize();
+    });
+    sta.join();
+    EXPECT_EQ(result, KIV_OK);
+    EXPECT_EQ(KIV_SaveVideoRenderSnapshot(render, kivtest::Wide(dir + "/no/such/folder/x.bmp").c_str(), 1), KIV_ERROR_FAILED);
+    // The CPU colour engine's result for the same cube and strength is the reference of the GPU LUT.
+    const auto cube = File("grade.cube", proctest::CubeText(17, [](float r, float g, float b, float* o) { o[0] = g, o[1] = b * b, o[2] = 1 - 0.5f * r; }));
+    void *engine = KIV_CreateVideoColorEngine(), *engineSource = KIV_CreateVideoFrameSource();
+    ASSERT_EQ(KIV_Connect(engineSource, engine), KIV_OK);
+    kivtest::FrameCatcher caught(engine);
+    const KivVideoColorEngineConfig engineConfig{0, 1, 0, 1, 1, 0.75f};
+    const KivVideoFrame f = Frame(pattern);
+    ASSERT_EQ(KIV_SetVideoColorEngineConfig(engine, &engineConfig), KIV_OK);
+    ASSERT_EQ(KIV_LoadVideoColorEngineCubeFile(engine, cube.c_str()), KIV_OK);
+    ASSERT_EQ(KIV_PushVideoFrame(engineSource, &f), KIV_OK);
+    ASSERT_EQ(caught.Count(), 1u);
+    KIV_Disconnect(engineSource, engine);
+    KIV_DestroyPort(engineSource);
+    KIV_DestroyPort(engine);
+    const KivVideoRenderLutConfig config{1, 1, 0, 1, 1, 0.75f};
+    ASSERT_EQ(KIV_LoadVideoRenderCubeFile(render, cube.c_str()), KIV_OK);
+    ASSERT_EQ(KIV_SetVideoRenderLutConfig(render, &config), KIV_OK);
+    // The GPU samples the LUT in float, the colour engine looks up in 8-bit integers: three steps of 1/255 cover it.
+    const int worst = Show(pattern, caught.frames[0].plane0, 4, 3);
+    EXPECT_LE(worst, 3) << where;
+    std::printf("GPU LUT against the colour engine: largest difference %d (%s)\n", worst, where.c_str());
+    // With the LUT on, the snapshot comes from the final texture (the ungraded CPU copy would not match the window).
+    ASSERT_EQ(KIV_SaveVideoRenderSnapshot(render, kivtest::Wide(CheckFile("gpu.bmp")).c_str(), 1), KIV_OK);
+    SaveShown("gpu.bgra");
+    // Wine has no sink writer: the recorder stays armed, every final frame tries to set up and fails, and stopping
+    // is clean. Where a sink writer exists the file gets written.
+    KivGpuRecordConfig request = Request((dir + "/final.mp4").c_str(), 0, 0);
+    ASSERT_EQ(KIV_StartVideoRenderGpuRecord(render, &request), KIV_OK);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(KIV_PushVideoFrame(source, &f), KIV_OK);
+    EXPECT_EQ(KIV_IsVideoRenderGpuRecording(render), 1);
+    EXPECT_EQ(KIV_StopVideoRenderGpuRecord(render) + KIV_IsVideoRenderGpuRecording(render), 0);
+    const std::string log = kivtest::LibraryLog();
+    if (log.find("GPU recorder initialized") == std::string::npos) {
+        EXPECT_EQ(kivtest::CountOf(log, "create sink writer failed"), 3u) << log;
+    } else {
+        EXPECT_GT(kivtest::ReadFile(dir + "/final.mp4").size(), 0u);
+    }
+}
+
+TEST_F(GpuWindowTest, OverlayItemsAppearWhereAndHowTheySay) {
+    const Bytes grey(kW * kH * 4, 128);
+    KivVideoOsdItem red = Record(1, 2, 4, 4, 20, 16, 0xFFFF0000), green = Record(2, 1, 10, 8, 30, 20, 0x0000FF00, 0.5f);
+    KivVideoOsdItem text = Record(3, 3, 28, 26, 34, 20, 0xFFFFFFFF), boxed = Record(5, 3, 2, 30, 24, 16, 0xFFFFFFFF);
+    KivVideoOsdItem image = Record(4, 2, 52, 2, 8, 8, 0);  // a picture file of 4 x 4 pixels drawn at 8 x 8
+    green.size = 5;  // plain RGB counts as opaque colour
+    text.size = boxed.size = 18, text.transparent = 1, boxed.backColor = 0xFF0000FF;  // GDI text, once on its own blue box
+    kivtest::Wide("Hi").copy(text.text, 2), kivtest::Wide("Hi").copy(boxed.text, 2);
+    Bytes picture(4 * 4 * 4, 0);
+    for (int i = 0; i < 16; ++i) picture[i * 4 + (i % 3)] = 255;
+    const auto picturePath = File("p.bmp", "");
+    ASSERT_EQ(kiv::SaveSnapshotImage(picturePath.c_str(), 1, picture.data(), 4, 4, 16), KIV_OK);
+    picturePath.copy(image.imagePath, picturePath.size());
+    using Items = std::vector<std::pair<const KivVideoOsdItem*, int>>;
+    const Items all = {{&red, kiv::kOsdRect}, {&green, kiv::kOsdRect}, {&text, kiv::kOsdText}, {&image, kiv::kOsdPicture}, {&boxed, kiv::kOsdText}};
+    for (const auto& r : all) {
+        auto add = r.second == kiv::kOsdRect ? KIV_AddVideoRenderGpuOsdRect : r.second == kiv::kOsdText ? KIV_AddVideoRenderGpuOsdText : KIV_AddVideoRenderGpuOsdImage;
+        ASSERT_EQ(add(render, r.first), KIV_OK);
+    }
+    // Expected: the canvas (checked bit for bit natively) blended over the frame as the GPU does,
+    // colour * alpha + frame * (1 - alpha).
+    auto expected = [&](const Items& records) {
+        std::vector<kiv::OsdItem> items;
+        for (const auto& r : records) items.push_back(kiv::GpuOsdItemFromRecord(*r.first, r.second));
+        kiv::GpuOsdBitmap canvas;
+        kiv::ComposeGpuOsdCanvas(items, kW, kH, kiv::CreateGpuOsdRasterizer().get(), &canvas);
+        Bytes out(kW * kH * 3);
+        for (int i = 0; i < kW * kH * 3; ++i) {
+            const double a = canvas.pixels[i / 3 * 4 + 3] / 255.0;
+            out[i] = static_cast<uint8_t>(canvas.pixels[i / 3 * 4 + i % 3] * a + 128 * (1 - a) + 0.5);
+        }
+        return out;
+    };
+    EXPECT_LE(Show(grey, expected(all), 3, 2), 2) << where;
+    const Bytes shown = window.Read();
+    auto at = [&](int x, int y) { return std::vector<int>({shown[(y * kW + x) * 4 + 2], shown[(y * kW + x) * 4 + 1], shown[(y * kW + x) * 4]}); };
+    // Hand-worked: red on top of green, half green darkened, the grey frame, the first picture pixel, the text box.
+    const std::pair<int, std::vector<int>> spots[] = {{5 + 5 * kW, {255, 0, 0}}, {30 + 10 * kW, {64, 128, 64}}, {40 + 40 * kW, {128, 128, 128}},
+                                                      {53 + 3 * kW, {0, 0, 255}}, {2 + 30 * kW, {0, 0, 255}}};
+    for (const auto& s : spots) EXPECT_EQ(at(s.first % kW, s.first / kW), s.second) << s.first % kW << "," << s.first / kW;
+    int textPixels = 0;
+    for (int i = 0; i < 34 * 20; ++i) textPixels += at(28 + i % 34, 26 + i / 34)[0] > 200 && at(28 + i % 34, 26 + i / 34)[1] > 200;
+    EXPECT_GT(textPixels, 10);
+    // Removing the red rectangle and changing the text show at the next frames; a clear leaves the frame alone.
+    ASSERT_EQ(KIV_RemoveVideoRenderGpuOsdItem(render, 1), KIV_OK);
+    ASSERT_EQ(KIV_UpdateVideoRenderGpuOsdText(render, 3, kivtest::Wide("--").c_str()), KIV_OK);
+    kivtest::Wide("--").copy(text.text, 2);
+    EXPECT_LE(Show(grey, expected(Items(all.begin() + 1, all.end())), 3, 2), 2) << where;
+    ASSERT_EQ(KIV_ClearVideoRenderGpuOsd(render), KIV_OK);
+    EXPECT_EQ(Show(grey, grey, 4, 0), 0) << where;
+}
+
+#endif
 
 }  // namespace
