@@ -103,9 +103,8 @@ inline ReferencePlanes ReferenceConvert(const KivVideoFrame& f, int w, int h, in
 struct ColourCase {
     int32_t colorSpace, colorRange;  // 1 BT.601, 2 BT.709, 3 BT.2020; 1 full, 2 limited
 };
-// Tight BGR of a window showing the frame with nearest sampling at pixel centres nudged by `nudge` texture
-// units (where a centre falls on a texel edge the rasteriser may land on either side), converted from YUV in
-// floating point as the pixel shader does.
+// Tight BGR of a window showing the frame as the pixel shader does (floating-point YUV), nearest sampling at pixel
+// centres nudged by `nudge` texture units: a centre on a texel edge may land on either side.
 inline std::vector<uint8_t> ExpectedWindow(const KivVideoFrame& f, int ww, int wh, const ColourCase& colour, double nudge) {
     static const double full[3][4] = {{1.4020, 0.344136, 0.714136, 1.7720}, {1.5748, 0.187324, 0.468124, 1.8556},
                                       {1.4746, 0.16455, 0.57135, 1.8814}};

@@ -24,8 +24,7 @@ using V = std::vector<int64_t>;
 
 const int32_t kFormats[] = {KIV_PIXEL_FORMAT_YUY2, KIV_PIXEL_FORMAT_NV12, KIV_PIXEL_FORMAT_RGB24, KIV_PIXEL_FORMAT_RGB32};
 
-// Records the Direct3D steps and the stages' calls as "apply,device,...,draw,", fails the step a test names,
-// and can hold the draw to keep the port busy.
+// Records the steps as "apply,device,...,draw,", fails the step a test names, can hold the draw (a busy port).
 struct Shared {
     std::mutex mutex;
     std::condition_variable changed;
@@ -84,8 +83,7 @@ void ExpectExpanded(const KivVideoFrame& f) {
 }
 
 TEST(RenderConvertTest, EveryFormatPairMatchesTheReferenceBitForBit) {
-    // Shrinking, enlarging, odd sizes on either side, a size change of one axis; last, strides below 1 (tight
-    // rows) and NV12 chroma following the luma plane as the second pointer is null.
+    // Shrinking, enlarging, odd sizes, one axis changed; last: strides of 0, NV12 chroma after the luma plane.
     const int sizes[][5] = {{64, 48, 37, 21, 0}, {20, 10, 33, 17, 0}, {63, 47, 64, 48, 0}, {31, 9, 31, 5, 0}, {2, 2, 1, 1, 0}, {16, 6, 8, 3, 1}};
     KivRenderConverter converter;  // one converter throughout: buffers are reused
     for (const auto& s : sizes) {
@@ -106,12 +104,11 @@ TEST(RenderConvertTest, EveryFormatPairMatchesTheReferenceBitForBit) {
         }
     }
     std::vector<uint8_t> bgra;
-    PatternFrame row(KIV_PIXEL_FORMAT_RGB24, 3, 1);  // a single row is a frame
-    EXPECT_EQ(KivRenderExpandToBgra(row.frame, &bgra), KIV_OK);
-    row.frame.format = KIV_PIXEL_FORMAT_MJPG;
-    EXPECT_EQ(KivRenderExpandToBgra(row.frame, &bgra), KIV_ERROR_UNSUPPORTED);
-    row.frame.planes[0] = nullptr;
-    EXPECT_EQ(KivRenderExpandToBgra(row.frame, &bgra), KIV_ERROR_INVALID_ARG);
+    PatternFrame row(KIV_PIXEL_FORMAT_RGB24, 3, 1);  // a single row is a frame; MJPG is not expanded
+    KivVideoFrame mjpg = row.frame, empty = row.frame;
+    mjpg.format = KIV_PIXEL_FORMAT_MJPG, empty.planes[0] = nullptr;
+    EXPECT_EQ(V({KivRenderExpandToBgra(row.frame, &bgra), KivRenderExpandToBgra(mjpg, &bgra), KivRenderExpandToBgra(empty, &bgra)}),
+              V({KIV_OK, KIV_ERROR_UNSUPPORTED, KIV_ERROR_INVALID_ARG}));
     // A target matching the frame (MJPG: the frame's own format) passes the record through.
     PatternFrame src(KIV_PIXEL_FORMAT_NV12, 32, 16);
     const std::pair<KivVideoRenderConfig, int32_t> cases[] = {  // the result; 1: the same record passed on
@@ -163,8 +160,7 @@ TEST(RenderRulesTest, ColourSpaceRangeSamplingBaseParamsAndTheStoredCopy) {
 
 TEST(RenderPortTest, FrameStepsFailuresPipelineSwitchInterpolationAndAudio) {
     const std::string all = "apply,device,back,textures,upload,draw,";
-    // failStep ("window": a destroyed window, "none": no window), its code, the result, handed on to the callback,
-    // stored copy kept, length of the step list's head
+    // failing step ("window": destroyed, "none": no window), its code, result, handed on, stored, steps' length
     const struct { const char* failStep; int32_t failCode, result; bool handedOn, stored; size_t steps; } cases[] = {
         {"", 0, KIV_OK, true, true, all.size()},
         {"none", 0, KIV_OK, true, false, 6},
@@ -252,8 +248,7 @@ TEST(RenderApiTest, SettersAnswerWithTheirCodes) {
     }
 }
 
-// Two sources feeding one port: while one frame is drawn every frame of the other is dropped, counted and
-// logged at 1, 120 and 240.
+// Two sources on one port: while one frame is drawn the other's are dropped, counted, logged at 1, 120 and 240.
 TEST(RenderDropTest, FramesArrivingWhileDrawingAreDroppedAndLoggedSparingly) {
     kivtest::LibraryScope library;
     ASSERT_EQ(KIV_EnableLog(1), KIV_OK);
@@ -316,8 +311,7 @@ struct Harness {
         KIV_DestroyPort(source);
         KIV_DestroyPort(render);
     }
-    // The reference sampled just before and just after each pixel centre, within two steps of 1/255 (software
-    // rasterisation rounds in float).
+    // The reference sampled just before and after each pixel centre, within 2/255 (rasterisation rounds in float).
     void ExpectShown(const KivVideoFrame& f, int w, int h) {
         std::string where;
         auto want = [&](double nudge) { return rendertest::ExpectedWindow(f, w, h, colour->colour, nudge); };
@@ -346,8 +340,7 @@ TEST(RenderWindowTest, FormatsColoursSamplersResizeAndADestroyedWindow) {
         h.colour->colour = c.colour;
         h.ExpectShown(PatternFrame(c.format, c.width, c.height, c.nv12ChromaPointer).frame, c.width, c.height);
     }
-    // Black and white columns shrunk to two thirds: nearest sampling keeps every pixel black or white, bilinear
-    // filtering mixes them into greys.
+    // Black and white columns shrunk to two thirds: nearest sampling keeps them so, bilinear makes greys.
     std::vector<uint8_t> stripes(96u * 48u * 4u);
     for (size_t i = 0; i < stripes.size(); ++i) stripes[i] = ((i / 4) % 2) ? 255 : 0;
     const KivVideoFrame frame = kivtest::FrameOver(KIV_PIXEL_FORMAT_RGB32, 96, 48, stripes.data(), 96 * 4);

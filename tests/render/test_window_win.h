@@ -40,8 +40,7 @@ public:
         hwnd_ = nullptr;
         PumpMessages();
     }
-    // The client area as tight top-down BGRA rows, its size in width and height (BitBlt from the window's DC
-    // returns the presented pixels).
+    // The client area as tight top-down BGRA rows (BitBlt from the window's DC), its size in width and height.
     std::vector<uint8_t> Read() {
         RECT rc{};
         GetClientRect(hwnd_, &rc);
@@ -70,9 +69,9 @@ private:
     HWND hwnd_ = nullptr;
 };
 
-// Pushes the frame until the window shows one of the wanted tight pictures (bpp bytes a pixel) within the
-// tolerance, for at most two seconds (a present may be skipped while the GPU is busy). Returns the largest
-// channel difference from the nearest wanted picture (255 for another size); `where` names the worst pixel.
+// Pushes the frame for up to two seconds (a busy GPU may skip a present) until the window shows one of the wanted
+// tight pictures (bpp bytes a pixel) within the tolerance. Returns the largest channel difference from the nearest
+// wanted picture (255 for another size); `where` names the worst pixel.
 inline int PushUntilShown(void* source, const KivVideoFrame& frame, TestWindow& window, const std::vector<std::vector<uint8_t>>& wants,
                           int bpp, int tolerance, std::string* where) {
     int worst = 255;

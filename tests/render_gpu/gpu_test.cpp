@@ -123,9 +123,7 @@ TEST_F(GpuTest, LutRaceRequestsAndApplyingRunTogether) {
             if (lut.Usable()) { EXPECT_EQ(lut.ActiveData()->texels.size(), 32u); }
         }
     });
-    std::thread loader([&] {
-        for (int i = 0; i < 200; ++i) EXPECT_EQ(lut.LoadCubeFile((i % 2 ? x : y).c_str(), renderLock), KIV_OK);
-    });
+    std::thread loader([&] { for (int i = 0; i < 200; ++i) EXPECT_EQ(lut.LoadCubeFile((i % 2 ? x : y).c_str(), renderLock), KIV_OK); });
     KivVideoRenderLutConfig config{1, 1, 0, 0, 0, 1.0f};
     for (int i = 0; i < 200; ++i) {
         config.enable = i % 3 != 0;
@@ -150,8 +148,7 @@ void ReferenceOver(uint8_t* p, uint8_t b, uint8_t g, uint8_t r, uint32_t a) {
     p[3] = static_cast<uint8_t>(std::floor((p[3] * (255.0 - a) + 127) / 255) + a);
 }
 
-// Text as a fixed pattern (column c: c * 40 in blue and green, c * 10 in red; alpha as GDI leaves it, not
-// counted), pictures from a table.
+// Text as columns (c: c * 40 in blue and green, c * 10 in red; alpha left as GDI does), pictures from a table.
 class FakeRasterizer : public kiv::GpuOsdRasterizer {
 public:
     bool RenderText(const OsdItem& item, GpuOsdBitmap* out) override {
@@ -167,13 +164,11 @@ public:
     int texts = 0;
 };
 
-Bytes Pixel(const GpuOsdBitmap& canvas, int x, int y) {
-    const uint8_t* p = &canvas.pixels[(y * canvas.width + x) * 4];
-    return {p, p + 4};
-}
+Bytes Pixel(const GpuOsdBitmap& c, int x, int y) { return Bytes(&c.pixels[(y * c.width + x) * 4], &c.pixels[(y * c.width + x) * 4 + 4]); }
 
 TEST(GpuOsd, RecordDefaultsAndCommandsInOrderWithSharedIds) {
-    for (const auto& c : std::vector<std::pair<float, uint32_t>>{{0.0f, 255}, {-1.0f, 255}, {std::nanf(""), 255}, {2.0f, 255}, {0.5f, 128}, {0.2f, 51}}) {
+    const std::pair<float, uint32_t> coverage[] = {{0.0f, 255}, {-1.0f, 255}, {std::nanf(""), 255}, {2.0f, 255}, {0.5f, 128}, {0.2f, 51}};
+    for (const auto& c : coverage) {
         const OsdItem item = kiv::GpuOsdItemFromRecord(Record(1, 0, 0, 0, 4, 4, 0, c.first), kiv::kOsdRect);
         const std::vector<uint32_t> got = {kiv::GpuOsdCoverage(item.opacity), item.color, item.backColor, uint32_t(item.size)};
         EXPECT_EQ(got, std::vector<uint32_t>({c.second, 0xFFFFFFFFu, 0x80000000u, 3})) << c.first;
@@ -284,8 +279,7 @@ TEST(GpuOsd, TextBlendsItsBrightnessAndPicturesScaleWithTheirAlpha) {
 
 std::string Span(int64_t time, int64_t duration) { return std::to_string(time) + "+" + std::to_string(duration); }
 
-// Writes what the recorder asks of it as events ("open <file> <w>x<h> ...|v <time>+<duration>|"); fails what
-// the script says.
+// Writes the recorder's calls as events ("open <file> <w>x<h> ...|v <time>+<duration>|"), failing what it is told.
 struct SinkScript {
     int32_t openResult = KIV_OK;
     bool audioReady = true;
@@ -327,8 +321,7 @@ struct FakeSink : kiv::GpuRecordSink {
 
 KivGpuRecordConfig Request(const char* file, int32_t fps, int32_t audio, int32_t rate = 0, int32_t channels = 0) {
     KivGpuRecordConfig r{};
-    const auto wide = kivtest::Wide(file);
-    std::copy(wide.begin(), wide.end(), r.file);
+    kivtest::Wide(file).copy(r.file, std::size(r.file));
     r.fps = fps, r.bitrate = 4000000, r.audio = audio, r.sampleRate = rate, r.channels = channels;
     return r;
 }
@@ -365,8 +358,7 @@ TEST_F(GpuRecorderTest, ArmingRetriesCountedTimesFallbackAndAudio) {
     ASSERT_EQ(recorder.Arm(Request("second.mp4", 60, 1)), KIV_OK);  // keeps the first request
     EXPECT_TRUE(recorder.Armed());
     EXPECT_EQ(recorder.FrameDuration(), 416666);
-    // A failed setup is dropped and tried again with the next frame; a new render device after a loss closes
-    // the writer and opens another.
+    // A failed setup is retried with the next frame; a new render device (after a loss) means a new writer.
     script.openResult = KIV_ERROR_FAILED;
     EXPECT_EQ(Submit(), KIV_ERROR_FAILED);
     script.openResult = KIV_OK;
@@ -387,8 +379,7 @@ TEST_F(GpuRecorderTest, ArmingRetriesCountedTimesFallbackAndAudio) {
         for (int i = 0; i < 3; ++i) want += "v " + Span(i * c[2], c[2]) + "|";
         EXPECT_EQ(Events(), want + "end|") << c[0];
     }
-    // A zero-copy failure switches to copies for the rest of the recording; a new recording starts over: new
-    // writer, times from 0, zero-copy tried.
+    // A zero-copy failure switches to copies for the rest of the recording; the next one starts over.
     script.zeroCopyFailsFrom = 1;
     ASSERT_EQ(recorder.Arm(Request("b.mp4", 50, 0)), KIV_OK);
     ASSERT_EQ(Submit(4), KIV_OK);
@@ -413,8 +404,7 @@ TEST_F(GpuRecorderTest, ArmingRetriesCountedTimesFallbackAndAudio) {
     EXPECT_EQ(Mismatches(), 1u);
     script.audioResult = 0x80004005u;
     EXPECT_EQ(Audio(48000, 2, 1920), KIV_ERROR_FAILED);
-    // An audio stream the platform could not set up turns sound off for that recording; the next recording
-    // logs its first mismatch again.
+    // An audio stream the platform could not set up turns sound off; the next recording logs a mismatch again.
     script.audioResult = 0;
     for (bool ready : {false, true}) {
         recorder.Stop();
@@ -529,16 +519,12 @@ protected:
         return rendertest::PushUntilShown(source, Frame(bgra), window, {std::move(want)}, bpp, tolerance, &where);
     }
     KivVideoFrame Frame(const Bytes& bgra) { return kivtest::FrameOver(KIV_PIXEL_FORMAT_RGB32, kW, kH, bgra.data(), kW * 4); }
-    // Snapshots and the window's pixels go to KIV_SNAPSHOT_CHECK_DIR, where kiv_render_gpu_snapshot_check decodes
-    // and compares them with ffmpeg on the host.
-    std::string CheckFile(const std::string& name) {
-        std::string path = "Z:";
-        for (char c : std::string(KIV_SNAPSHOT_CHECK_DIR) + "/" + name) path += c == '/' ? '\\' : c;
-        return path;
-    }
-    void SaveShown(const std::string& name) {
+    // A snapshot and the window's pixels beside it, for kiv_render_gpu_snapshot_check (ffmpeg on the host).
+    int32_t Snapshot(const std::string& name, int32_t format) {
+        const std::string path = std::string(KIV_SNAPSHOT_CHECK_DIR) + "/" + name;
         const Bytes shown = window.Read();
-        ASSERT_TRUE(kivtest::WriteFile(CheckFile(name), std::string(shown.begin(), shown.end())));
+        EXPECT_TRUE(kivtest::WriteFile(path.substr(0, path.size() - 3) + "bgra", std::string(shown.begin(), shown.end())));
+        return KIV_SaveVideoRenderSnapshot(render, kivtest::Wide(path).c_str(), format);
     }
     kivtest::LibraryScope library;
     rendertest::TestWindow window{kW, kH};
@@ -550,12 +536,11 @@ protected:
 
 TEST_F(GpuWindowTest, SnapshotsLutAgainstTheColourEngineAndTheRecorder) {
     ASSERT_EQ(Show(pattern, pattern, 4, 0), 0) << where;
-    ASSERT_EQ(KIV_SaveVideoRenderSnapshot(render, kivtest::Wide(CheckFile("cpu.bmp")).c_str(), 1), KIV_OK);
-    SaveShown("cpu.bgra");
+    ASSERT_EQ(Snapshot("cpu.bmp", 1), KIV_OK);
     int32_t result = -99;
     std::thread sta([&] {  // the JPEG from a single-threaded apartment
         CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-        result = KIV_SaveVideoRenderSnapshot(render, kivtest::Wide(CheckFile("cpu.jpg")).c_str(), 2);
+        result = Snapshot("cpu.jpg", 2);
         CoUninitialize();
     });
     sta.join();
@@ -583,10 +568,8 @@ TEST_F(GpuWindowTest, SnapshotsLutAgainstTheColourEngineAndTheRecorder) {
     EXPECT_LE(worst, 3) << where;
     std::printf("GPU LUT against the colour engine: largest difference %d (%s)\n", worst, where.c_str());
     // With the LUT on, the snapshot comes from the final texture (the ungraded CPU copy would not match the window).
-    ASSERT_EQ(KIV_SaveVideoRenderSnapshot(render, kivtest::Wide(CheckFile("gpu.bmp")).c_str(), 1), KIV_OK);
-    SaveShown("gpu.bgra");
-    // Wine has no sink writer: the recorder stays armed, every final frame tries to set up and fails, and stopping
-    // is clean. Where a sink writer exists the file gets written.
+    ASSERT_EQ(Snapshot("gpu.bmp", 1), KIV_OK);
+    // Wine has no sink writer: every final frame tries to set up and fails; elsewhere the file gets written.
     KivGpuRecordConfig request = Request((dir + "/final.mp4").c_str(), 0, 0);
     ASSERT_EQ(KIV_StartVideoRenderGpuRecord(render, &request), KIV_OK);
     for (int i = 0; i < 3; ++i) EXPECT_EQ(KIV_PushVideoFrame(source, &f), KIV_OK);
@@ -619,8 +602,7 @@ TEST_F(GpuWindowTest, OverlayItemsAppearWhereAndHowTheySay) {
         auto add = r.second == kiv::kOsdRect ? KIV_AddVideoRenderGpuOsdRect : r.second == kiv::kOsdText ? KIV_AddVideoRenderGpuOsdText : KIV_AddVideoRenderGpuOsdImage;
         ASSERT_EQ(add(render, r.first), KIV_OK);
     }
-    // Expected: the canvas (checked bit for bit natively) blended over the frame as the GPU does,
-    // colour * alpha + frame * (1 - alpha).
+    // Expected: the canvas (checked bit for bit natively) blended over the grey frame as the GPU does.
     auto expected = [&](const Items& records) {
         std::vector<kiv::OsdItem> items;
         for (const auto& r : records) items.push_back(kiv::GpuOsdItemFromRecord(*r.first, r.second));
