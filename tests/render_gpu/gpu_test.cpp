@@ -199,7 +199,7 @@ TEST(GpuOsd, RecordDefaultsAndCommandsInOrderWithSharedIds) {
     EXPECT_FALSE(kiv::ApplyGpuOsdCommands({{kiv::kGpuOsdClear, 0, {}}}, &items));
     kiv::GpuOsdCommandQueue queue;  // hands each command over once; a clear drops what waits
     for (int round = 0; round < 3; ++round) {
-        if (round != 1) queue.Push(batch[0]), queue.Push(batch[1]);
+        if (round != 1) queue.Push({kiv::kGpuOsdClear, 0, {}}), queue.Push({kiv::kGpuOsdRemove, 3, {}});
         if (round == 2) queue.Clear();
         queue.TakeAll(&batch);
         EXPECT_EQ(batch.size(), round == 0 ? 2u : 0u) << round;
