@@ -1,12 +1,10 @@
-// A real top-level window on the test's own X display, its pixels read back
-// through GDI, and frames pushed until it shows what a test expects.
+// A real top-level window on the test's own X display, its pixels read back through GDI, and frames pushed
+// until it shows what a test expects.
 #pragma once
 #include <windows.h>
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -16,10 +14,7 @@ namespace rendertest {
 
 inline void PumpMessages() {
     MSG msg;
-    while (PeekMessageW(&msg, nullptr, 0, 0, PM_REMOVE)) {
-        TranslateMessage(&msg);
-        DispatchMessageW(&msg);
-    }
+    while (PeekMessageW(&msg, nullptr, 0, 0, PM_REMOVE)) DispatchMessageW(&msg);
 }
 
 // A borderless topmost window at (x, y), client area width x height.
@@ -40,36 +35,32 @@ public:
     }
     ~TestWindow() { Destroy(); }
     HWND Handle() const { return hwnd_; }
-    void Resize(int width, int height) {
-        SetWindowPos(hwnd_, nullptr, 0, 0, width, height, SWP_NOZORDER | SWP_NOMOVE);
-        PumpMessages();
-    }
     void Destroy() {
         if (hwnd_) DestroyWindow(hwnd_);
         hwnd_ = nullptr;
         PumpMessages();
     }
-    // The client area as tight top-down BGRA rows (BitBlt from the window's DC returns the presented pixels).
-    std::vector<uint8_t> Read(int* width, int* height) {
+    // The client area as tight top-down BGRA rows (BitBlt from the window's DC), its size in width and height.
+    std::vector<uint8_t> Read() {
         RECT rc{};
         GetClientRect(hwnd_, &rc);
-        *width = rc.right, *height = rc.bottom;
-        std::vector<uint8_t> pixels(static_cast<size_t>(*width) * *height * 4);
+        width = rc.right, height = rc.bottom;
+        std::vector<uint8_t> pixels(static_cast<size_t>(width) * height * 4);
         HDC windowDc = GetDC(hwnd_), memDc = CreateCompatibleDC(windowDc);
-        BITMAPINFO bi{};
-        bi.bmiHeader = {sizeof(bi.bmiHeader), *width, -*height, 1, 32, BI_RGB, 0, 0, 0, 0, 0};
+        BITMAPINFO bi{{sizeof(BITMAPINFOHEADER), width, -height, 1, 32, BI_RGB, 0, 0, 0, 0, 0}, {}};
         void* bits = nullptr;
         HBITMAP dib = CreateDIBSection(memDc, &bi, DIB_RGB_COLORS, &bits, nullptr, 0);
         HGDIOBJ old = SelectObject(memDc, dib);
-        BitBlt(memDc, 0, 0, *width, *height, windowDc, 0, 0, SRCCOPY);
+        BitBlt(memDc, 0, 0, width, height, windowDc, 0, 0, SRCCOPY);
         GdiFlush();
-        if (bits) std::memcpy(pixels.data(), bits, pixels.size());
+        if (bits) std::copy_n(static_cast<const uint8_t*>(bits), pixels.size(), pixels.begin());
         SelectObject(memDc, old);
         DeleteObject(dib);
         DeleteDC(memDc);
         ReleaseDC(hwnd_, windowDc);
         return pixels;
     }
+    int width = 0, height = 0;
 
 private:
     static LRESULT CALLBACK Proc(HWND hwnd, UINT msg, WPARAM wp, LPARAM lp) {
@@ -78,42 +69,30 @@ private:
     HWND hwnd_ = nullptr;
 };
 
-// Largest channel difference between BGRA pixels and the nearest of the wanted tight pictures (bpp bytes a
-// pixel); `where` names the worst pixel. 255 when the sizes differ.
-inline int Difference(const std::vector<uint8_t>& shown, int width, const std::vector<std::vector<uint8_t>>& wants, int bpp,
-                      std::string* where) {
-    int worst = 0;
-    for (size_t i = 0; i < shown.size() / 4; ++i) {
-        int best = 255;
-        for (const auto& want : wants) {
-            if (want.size() != shown.size() / 4 * bpp) return 255;
-            int d = 0;
-            for (int c = 0; c < 3; ++c) d = std::max(d, std::abs(shown[i * 4 + c] - want[i * bpp + c]));
-            best = std::min(best, d);
-        }
-        if (best <= worst) continue;
-        worst = best;
-        char text[128];
-        std::snprintf(text, sizeof text, "x=%d y=%d shown=%d,%d,%d wanted=%d,%d,%d", int(i % width), int(i / width),
-                      shown[i * 4 + 2], shown[i * 4 + 1], shown[i * 4], wants[0][i * bpp + 2], wants[0][i * bpp + 1],
-                      wants[0][i * bpp]);
-        *where = text;
-    }
-    return worst;
-}
-
-// Pushes the frame until the window shows one of the wanted pictures within the tolerance, for at most two
-// seconds (a present may be skipped while the GPU is busy); the worst difference.
-inline int PushUntilShown(void* source, const KivVideoFrame& frame, TestWindow& window,
-                          const std::vector<std::vector<uint8_t>>& wants, int bpp, int tolerance, std::string* where) {
+// Pushes the frame for up to two seconds (a busy GPU may skip a present) until the window shows one of the wanted
+// tight pictures (bpp bytes a pixel) within the tolerance. Returns the largest channel difference from the nearest
+// wanted picture (255 for another size); `where` names the worst pixel.
+inline int PushUntilShown(void* source, const KivVideoFrame& frame, TestWindow& window, const std::vector<std::vector<uint8_t>>& wants,
+                          int bpp, int tolerance, std::string* where) {
     int worst = 255;
     for (int attempt = 0; attempt < 40 && worst > tolerance; ++attempt) {
         if (KIV_PushVideoFrame(source, &frame) != KIV_OK) return 255;
         PumpMessages();
         Sleep(attempt == 0 ? 0 : 50);
-        int w = 0, h = 0;
-        const std::vector<uint8_t> shown = window.Read(&w, &h);
-        worst = Difference(shown, w, wants, bpp, where);
+        const std::vector<uint8_t> shown = window.Read();
+        worst = 0;
+        for (size_t i = 0; i < shown.size() / 4; ++i) {
+            int best = 255;
+            for (const auto& want : wants) {
+                int d = want.size() == shown.size() / 4 * bpp ? 0 : 255;
+                for (int c = 0; c < 3 && d < 255; ++c) d = std::max(d, std::abs(shown[i * 4 + c] - want[i * bpp + c]));
+                best = std::min(best, d);
+            }
+            if (best <= worst) continue;
+            worst = best;
+            *where = "x=" + std::to_string(i % window.width) + " y=" + std::to_string(i / window.width) + " shown BGR " +
+                     std::to_string(shown[i * 4]) + "," + std::to_string(shown[i * 4 + 1]) + "," + std::to_string(shown[i * 4 + 2]);
+        }
     }
     return worst;
 }
