@@ -1,6 +1,6 @@
-// The recorder: configuration, split rule, segment names, pacing grid, NV12
-// conversion, the worker against a scripted encoder, the pass-through path
-// with hand-made access units and the exported functions.
+// The recorder: its rules, the worker against a scripted encoder, the exported
+// functions, and recordings through a frame source of hand-made access units
+// and of ffmpeg-made streams, read back with ffprobe and ffmpeg.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -9,6 +9,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <mutex>
 
@@ -18,7 +19,9 @@
 #include "record/segment_names.h"
 #include "record/video_encoder.h"
 #include "recorder_test_util.h"
+#include "stream_test_util.h"
 
+using namespace streamtest;
 using kivtest::Wide;
 using rectest::Stats;
 using rectest::WaitUntil;
@@ -497,9 +500,7 @@ TEST(RecorderApi, RefusalsStatsAndConfigWhileRunning) {
 #endif
 }
 
-// Hand-made access units through a frame source (no decoder needed, so it runs
-// in the Windows build too), and the encode path, which natively has no
-// platform encoder and under Wine no sink writer.
+// A frame source connected to a recorder, as an application uses them.
 class RecorderFlow : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -510,22 +511,24 @@ protected:
         KIV_EnableLog(0);
         EXPECT_EQ(KIV_Disconnect(source_, recorder_) + KIV_DestroyPort(recorder_) + KIV_DestroyPort(source_), KIV_OK);
     }
-    void Start(const std::string& file, int32_t width = 320, int32_t height = 240, int32_t fps = 25) {
+    void Start(const std::string& file, int32_t split = 0, bool audio = false) {
         KivRecorderConfig c = rectest::Config(file);
-        c.width = width;
-        c.height = height;
-        c.recordFps = fps;
+        c.width = 320;
+        c.height = 240;
+        c.recordFps = 25;
+        c.split = split;
+        c.maxBytesLow = 300000;
+        c.seconds = 1;
+        c.audio = audio;
         ASSERT_EQ(KIV_SetRecorderConfig(recorder_, &c), KIV_OK);
         ASSERT_EQ(KIV_Start(recorder_), KIV_OK);
         pushed_ = 0;
     }
-    // 640x480: the configured size wins. Without a timestamp, 25 frames a second.
-    void Push(bool key, int times = 1, int64_t timestamp = 0) {
-        const std::vector<uint8_t> au = rectest::AccessUnit(key);
-        for (int i = 0; i < times; ++i) {
-            KivVideoFrame f = kivtest::FrameOver(KIV_PIXEL_FORMAT_H264, 640, 480, au.data(), int32_t(au.size()));
-            PushFrame(&f, timestamp ? timestamp : 20000000 + pushed_ * 400000);
-        }
+    // Waits for the worker, so the bounded queue never drops a frame. Frames
+    // say 640x480 (the configured size wins); 25 a second unless timed.
+    void Push(const std::vector<uint8_t>& au, int64_t timestamp = 0) {
+        KivVideoFrame f = kivtest::FrameOver(KIV_PIXEL_FORMAT_H264, 640, 480, au.data(), int32_t(au.size()));
+        PushFrame(&f, timestamp ? timestamp : 10000000 + pushed_ * 400000);
     }
     void PushFrame(KivVideoFrame* f, int64_t timestamp) {
         f->timestamp = timestamp;
@@ -548,11 +551,11 @@ TEST_F(RecorderFlow, PassThroughWaitsForParameterSetsAndDescribesEachWrittenFram
     rectest::PacketLog seen;
     ASSERT_EQ(KIV_SetRecorderVideoCallback(recorder_, rectest::PacketLog::OnPacket, &seen), KIV_OK);
     Start(dir_ + "/wait.mp4");
-    Push(false, 2);
+    for (int i = 0; i < 2; ++i) Push(rectest::AccessUnit(false));
     EXPECT_FALSE(std::filesystem::exists(dir_ + "/wait.mp4")) << "no file before the parameter sets";
     const int64_t t0 = 70000000;
-    Push(true, 1, t0);
-    for (int64_t t : {t0 + 500000, t0 + 600000, t0 - 1000000}) Push(false, 1, t);
+    Push(rectest::AccessUnit(true), t0);
+    for (int64_t t : {t0 + 500000, t0 + 600000, t0 - 1000000}) Push(rectest::AccessUnit(false), t);
     ASSERT_EQ(KIV_Stop(recorder_), KIV_OK);
     EXPECT_TRUE(std::filesystem::exists(dir_ + "/wait.mp4"));
     const KivRecorderStats s = Stats(recorder_);
@@ -571,13 +574,13 @@ TEST_F(RecorderFlow, PassThroughWaitsForParameterSetsAndDescribesEachWrittenFram
 // the 1st, 241st, ... drop.
 TEST_F(RecorderFlow, AWriterThatCannotOpenDisablesThePassThroughUntilTheNextStart) {
     Start(dir_ + "/missing-folder/x.mp4");
-    Push(true, 242);
+    for (int i = 0; i < 242; ++i) Push(rectest::AccessUnit(true));
     EXPECT_EQ(std::make_pair(Stats(recorder_).droppedFrames, Stats(recorder_).encodedFrames), std::make_pair(int64_t(242), int64_t(0)));
     ASSERT_EQ(KIV_Stop(recorder_), KIV_OK);
     EXPECT_EQ(Lines(" dropped=241 input=241\r\n"), 1u);
     EXPECT_FALSE(std::filesystem::exists(dir_ + "/missing-folder"));
     Start(dir_ + "/good.mp4");
-    Push(true);
+    Push(rectest::AccessUnit(true));
     ASSERT_EQ(KIV_Stop(recorder_), KIV_OK);
     EXPECT_EQ(Stats(recorder_).encodedFrames, 1);
     EXPECT_TRUE(std::filesystem::exists(dir_ + "/good.mp4"));
@@ -587,7 +590,7 @@ TEST_F(RecorderFlow, AWriterThatCannotOpenDisablesThePassThroughUntilTheNextStar
 // leaving a file behind (a system with a sink writer records them).
 TEST_F(RecorderFlow, EncodePathWithoutAPlatformEncoderFailsCleanly) {
     const std::string file = dir_ + "/clip.mp4";
-    Start(file, 0, 0, 0);
+    Start(file);
     kivtest::OwnedFrame frame(KIV_PIXEL_FORMAT_RGB32, 32, 16, 200);
     for (int i = 0; i < 3; ++i) PushFrame(&frame.frame, 1000000 + i * 333333);
     EXPECT_EQ(Stats(recorder_).encodedFrames, 0);
@@ -597,6 +600,131 @@ TEST_F(RecorderFlow, EncodePathWithoutAPlatformEncoderFailsCleanly) {
         EXPECT_FALSE(std::filesystem::exists(file));
     } else {
         EXPECT_EQ(Lines("] Recorder writer ready file="), 1u) << kivtest::LibraryLog();
+    }
+}
+
+struct Stream {
+    std::vector<Bytes> units;         // access units in Annex B form
+    std::vector<std::string> hashes;  // of the decoded pictures
+};
+
+// H.264 streams made by ffmpeg, recorded access unit by access unit; ffprobe
+// and ffmpeg check frame counts, rates, durations and decoded pictures.
+class RecorderFfmpeg : public RecorderFlow {
+protected:
+    static constexpr int kFrames = 75;
+    static void SetUpTestSuite() {
+        if (!HaveFfmpegTools()) return;
+        const std::string dir = kivtest::TempDir("recorder_ffmpeg_streams");
+        // Noise keeps every NAL unit long, so no 4-byte length looks like a
+        // start code (lengths 256..511 begin 00 00 01).
+        for (const std::string name : {"baseline", "high"}) {
+            const std::string path = dir + "/" + name + ".h264";
+            if (streamtest::Run("ffmpeg -v error -y -f lavfi -i 'testsrc=size=320x240:rate=25,noise=alls=40:allf=t' -frames:v " +
+                                std::to_string(kFrames) + " -pix_fmt yuv420p -c:v libx264 -preset veryfast -threads 1 " +
+                                (name == "high" ? "-profile:v high -bf 3" : "-profile:v baseline") +
+                                " -crf 20 -g 25 -x264-params scenecut=0 -bsf:v h264_metadata=aud=insert -f h264 '" + path + "'") == 0)
+                streams_[name] = Stream{SplitAccessUnits(ReadAll(path)), DecodedFrameHashes(path)};
+        }
+    }
+    void SetUp() override {
+#if defined(_WIN32)
+        GTEST_SKIP() << "the ffmpeg tools run in the native build";
+#endif
+        if (!HaveFfmpegTools()) GTEST_SKIP() << "ffmpeg/ffprobe not found";
+        RecorderFlow::SetUp();
+    }
+    const Stream& Get(const std::string& name) {
+        EXPECT_EQ(streams_[name].hashes.size(), size_t(kFrames)) << "ffmpeg could not make " << name;
+        return streams_[name];
+    }
+    // `audio`, when given, follows every video frame.
+    KivRecorderStats Record(const std::vector<Bytes>& units, const std::string& file, int32_t split = 0,
+                            bool lengthPrefixed = false, const KivAudioFrame* audio = nullptr) {
+        Start(file, split, audio != nullptr);
+        for (size_t i = 0; i < units.size() && !HasFatalFailure(); ++i) {
+            Push(lengthPrefixed ? LengthPrefixed(NalUnits(units[i])) : units[i]);
+            EXPECT_EQ(audio ? static_cast<KivPortBase*>(recorder_)->OnAudioFrame(audio) : KIV_OK, KIV_OK);
+        }
+        EXPECT_EQ(KIV_Stop(recorder_), KIV_OK);
+        return Stats(recorder_);
+    }
+    static std::map<std::string, std::string> ProbeVideo(const std::string& file) {
+        return Probe("-select_streams v:0 -count_frames -count_packets -show_entries stream=codec_name,avg_frame_rate,"
+                     "nb_read_frames,nb_read_packets:format=duration,nb_streams '" + file + "'");
+    }
+
+    static std::map<std::string, Stream> streams_;
+};
+
+std::map<std::string, Stream> RecorderFfmpeg::streams_;
+
+// Baseline in Annex B form with audio, which this build cannot encode (the
+// file keeps its video track only); High with B-frames, length-prefixed.
+TEST_F(RecorderFfmpeg, EveryProfileAndFramingRecordsTheSamePictures) {
+    rectest::SilentPcm pcm(48000, 2, 1920);  // 40 ms
+    for (const std::string name : {"baseline", "high"}) {
+        SCOPED_TRACE(name);
+        const Stream& s = Get(name);
+        const bool high = name == "high";
+        const std::string out = dir_ + "/" + name + ".mp4";
+        rectest::PacketLog packets;
+        packets.recorder = recorder_;
+        ASSERT_EQ(KIV_SetRecorderVideoCallback(recorder_, rectest::PacketLog::OnPacket, &packets), KIV_OK);
+        const KivRecorderStats stats = Record(s.units, out, 0, high, high ? nullptr : &pcm.frame);
+        EXPECT_EQ(std::vector<int64_t>({stats.inputFrames, stats.encodedFrames, stats.droppedFrames, stats.videoPackets, stats.audioPackets}),
+                  std::vector<int64_t>({kFrames, kFrames, 0, kFrames, 0}));
+        auto p = ProbeVideo(out);
+        EXPECT_EQ(std::vector<std::string>({p["codec_name"], p["nb_read_frames"], p["avg_frame_rate"], p["nb_streams"]}),
+                  std::vector<std::string>({"h264", std::to_string(kFrames), "25/1", "1"}));
+        EXPECT_NEAR(std::atof(p["duration"].c_str()), kFrames / 25.0, 0.001);
+        EXPECT_EQ(DecodedFrameHashes(out), s.hashes);
+        // The packet callback saw every frame, could read the statistics, and
+        // its bytes alone decode to the same pictures.
+        ASSERT_EQ(packets.packets.size(), size_t(kFrames));
+        EXPECT_EQ(packets.statsCalls, kFrames);
+        int keys = 0;
+        for (const KivEncodedVideoPacket& packet : packets.packets) keys += packet.key;
+        EXPECT_EQ(keys, 3);
+        ASSERT_TRUE(WriteAll(dir_ + "/callback.h264", packets.bytes));
+        EXPECT_EQ(DecodedFrameHashes(dir_ + "/callback.h264"), s.hashes);
+    }
+    EXPECT_EQ(Lines("AAC encoder init failed sr=48000 ch=2\r\n"), 1u);
+}
+
+// One-second segments begin on the key frames of this 25-frame group
+// structure, so each decodes on its own; 300 KB segments start anywhere, so
+// only the first decodes, and each is over the limit by at most a frame.
+TEST_F(RecorderFfmpeg, SplitSegmentsAreCompleteFilesHoldingEveryFrame) {
+    for (int32_t split : {KIV_RECORD_SPLIT_TIME, KIV_RECORD_SPLIT_SIZE}) {
+        SCOPED_TRACE(split);
+        const Stream& s = Get(split == KIV_RECORD_SPLIT_TIME ? "high" : "baseline");
+        const std::string dir = kivtest::TempDir("recorder_ffmpeg_split" + std::to_string(split));
+        EXPECT_EQ(Record(s.units, dir + "/part.mp4", split).encodedFrames, kFrames);
+        std::vector<std::string> files, joined;
+        for (const auto& e : std::filesystem::directory_iterator(dir)) files.push_back(e.path().string());
+        std::sort(files.begin(), files.end());  // names end in the segment number
+        ASSERT_GE(files.size(), 3u);
+        if (split == KIV_RECORD_SPLIT_TIME) {
+            EXPECT_EQ(files.size(), 3u);
+        }
+        int packets = 0;
+        for (size_t i = 0; i < files.size(); ++i) {
+            EXPECT_NE(files[i].find("_000" + std::to_string(i + 1) + ".mp4"), std::string::npos) << files[i];
+            auto p = ProbeVideo(files[i]);
+            packets += std::atoi(p["nb_read_packets"].c_str());
+            if (split == KIV_RECORD_SPLIT_SIZE) {
+                EXPECT_LT(std::filesystem::file_size(files[i]), 500000u) << files[i];
+                if (i > 0) continue;
+            } else {
+                EXPECT_EQ(p["nb_read_frames"], "25") << files[i];
+                EXPECT_NEAR(std::atof(p["duration"].c_str()), 1.0, 0.001);
+            }
+            for (const std::string& h : DecodedFrameHashes(files[i])) joined.push_back(h);
+        }
+        EXPECT_EQ(packets, kFrames);
+        EXPECT_EQ(joined, std::vector<std::string>(s.hashes.begin(), s.hashes.begin() + ptrdiff_t(joined.size())));
+        EXPECT_GE(joined.size(), split == KIV_RECORD_SPLIT_TIME ? size_t(kFrames) : 1u);
     }
 }
 
