@@ -29,10 +29,8 @@ Values Read(IMFMediaType* type) {
     type->GetGUID(MF_MT_SUBTYPE, &subtype);
     type->GetUINT64(MF_MT_FRAME_SIZE, &size);
     type->GetUINT64(MF_MT_FRAME_RATE, &rate);
-    type->GetUINT32(MF_MT_AVG_BITRATE, &v[0]);
-    type->GetUINT32(MF_MT_AUDIO_SAMPLES_PER_SECOND, &v[1]);
-    type->GetUINT32(MF_MT_AUDIO_NUM_CHANNELS, &v[2]);
-    type->GetUINT32(MF_MT_AUDIO_AVG_BYTES_PER_SECOND, &v[3]);
+    const GUID keys[] = {MF_MT_AVG_BITRATE, MF_MT_AUDIO_SAMPLES_PER_SECOND, MF_MT_AUDIO_NUM_CHANNELS, MF_MT_AUDIO_AVG_BYTES_PER_SECOND};
+    for (int i = 0; i < 4; ++i) type->GetUINT32(keys[i], &v[i]);
     return {subtype.Data1, size, rate, v[0], v[1], v[2], v[3]};
 }
 
