@@ -45,13 +45,8 @@ TEST(RecorderStress, StartSplitStopWhileFramesFlow) {
             KIV_SetRecorderVideoCallback(rec, i % 2 ? CountPacket : nullptr, &packets);
         }
     });
-    KivRecorderConfig c = rectest::Config("");
-    c.recordFps = 10;
-    c.audio = 1;
-    c.maxBytesLow = 20000;
-    c.seconds = 1;
     for (int round = 0; round < 30; ++round) {
-        c.split = round % 3 == 0 ? KIV_RECORD_SPLIT_SIZE : KIV_RECORD_SPLIT_TIME;
+        const KivRecorderConfig c = rectest::Config("", 0, 0, 10, round % 3 ? KIV_RECORD_SPLIT_TIME : KIV_RECORD_SPLIT_SIZE, 20000, 1, 1);
         ASSERT_EQ(KIV_SetRecorderConfig(rec, &c), KIV_OK);
         ASSERT_EQ(KIV_Start(rec), KIV_OK);
         EXPECT_EQ(KIV_SetRecorderConfig(rec, &c), KIV_ERROR_FAILED);

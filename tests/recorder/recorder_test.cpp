@@ -28,36 +28,22 @@ using rectest::WaitUntil;
 
 namespace {
 
-std::string Narrow(const kiv::RecorderPath& path) { return std::string(path.begin(), path.end()); }
-
-KivRecorderConfig Limits(int32_t split, uint64_t maxBytes, int32_t seconds) {
-    KivRecorderConfig c{};
-    c.split = split;
-    c.maxBytesLow = uint32_t(maxBytes);
-    c.maxBytesHigh = uint32_t(maxBytes >> 32);
-    c.seconds = seconds;
-    return c;
-}
-
 TEST(RecorderSettings, PathsLimitsAndDefaults) {
     kiv::RecorderSettings s;
     s.path = Wide("C:\\old.mp4");
-    kiv::ApplyRecorderConfig(Limits(KIV_RECORD_SPLIT_SIZE, 0, 0), &s);
-    EXPECT_EQ(Narrow(s.path), "C:\\old.mp4") << "an empty path keeps the stored one";
-    EXPECT_EQ(std::vector<int64_t>({int64_t(s.maxBytes), s.bitrate, s.TargetFps()}),
-              std::vector<int64_t>({1073741824, 8000000, 30}));
+    kiv::ApplyRecorderConfig(rectest::Config("", 0, 0, 0, KIV_RECORD_SPLIT_SIZE), &s);
+    EXPECT_EQ(s.path, Wide("C:\\old.mp4")) << "an empty path keeps the stored one";
+    EXPECT_EQ(std::vector<int64_t>({int64_t(s.maxBytes), s.bitrate, s.TargetFps()}), std::vector<int64_t>({1073741824, 8000000, 30}));
     EXPECT_STREQ(s.ModeName(), "follow-input");
-    KivRecorderConfig c = Limits(KIV_RECORD_SPLIT_TIME, 0x123456789ull, 0);
-    c.recordFps = 60;
+    KivRecorderConfig c = rectest::Config("", 0, 0, 60, KIV_RECORD_SPLIT_TIME, 0x123456789ull);
     c.inputFps = 25;
     for (KivWChar& ch : c.filePath) ch = 'a';  // no terminator: the path stays inside the field
     kiv::ApplyRecorderConfig(c, &s);
-    EXPECT_EQ(std::vector<int64_t>({int64_t(s.maxBytes), s.seconds, s.TargetFps()}),
-              std::vector<int64_t>({0x123456789, 1800, 60}))
+    EXPECT_EQ(std::vector<int64_t>({int64_t(s.maxBytes), s.seconds, s.TargetFps()}), std::vector<int64_t>({0x123456789, 1800, 60}))
         << "low 32 bits first";
     EXPECT_STREQ(s.ModeName(), "custom");
     EXPECT_EQ(s.path, kiv::RecorderPath(260, 'a'));
-    kiv::ApplyRecorderConfig(Limits(KIV_RECORD_SPLIT_NONE, 0, 0), &s);  // split off leaves limits as given
+    kiv::ApplyRecorderConfig(rectest::Config(""), &s);  // split off leaves limits as given
     EXPECT_EQ(std::vector<int64_t>({int64_t(s.maxBytes), s.seconds, s.TargetFps(), kiv::FrameDuration100ns(0)}),
               std::vector<int64_t>({0, 0, 30, 333333}));
 }
@@ -75,7 +61,7 @@ TEST(SegmentNames, StemExtensionAndNumbering) {
         {"/tmp/cap.d/clip", "/tmp/cap.d/clip_20240307_090504_032_0002.mp4", 1, 1},
         {"clip", "clip_20240307_090504_032_0001.mp4", 1, 0},
     };
-    for (const auto& c : cases) EXPECT_EQ(Narrow(kiv::SegmentFileName(Wide(c.path), c.split, t, c.index)), c.expected);
+    for (const auto& c : cases) EXPECT_EQ(kiv::SegmentFileName(Wide(c.path), c.split, t, c.index), Wide(c.expected)) << c.expected;
 }
 
 // At the exact edges of each rule: 8 Mbit/s is 0.1 byte per 100 ns, audio
@@ -98,17 +84,9 @@ TEST(SplitRule, SplitsAtTheExactFrameTheEstimateReachesTheLimit) {
     };
     for (size_t i = 0; i < std::size(cases); ++i) {
         const auto& c = cases[i];
-        kiv::RecorderSettings s;
-        KivRecorderConfig config = Limits(c.split, c.maxBytes, c.seconds);
-        config.bitrate = 8000000;
-        config.audio = c.audio;
-        kiv::ApplyRecorderConfig(config, &s);
-        kiv::SegmentProgress p;
-        p.segmentStart = 10000000;
-        p.time = p.segmentStart + c.elapsed;
-        p.writerCountsBytes = c.writerBytes > 0;
-        p.writerBytes = c.writerBytes;
-        EXPECT_EQ(kiv::ShouldSplit(s, p), c.expected) << "case " << i;
+        kiv::RecorderSettings s;  // the default bit rate: 8 Mbit/s
+        kiv::ApplyRecorderConfig(rectest::Config("", 0, 0, 0, c.split, c.maxBytes, c.seconds, c.audio), &s);
+        EXPECT_EQ(kiv::ShouldSplit(s, {10000000 + c.elapsed, 10000000, c.writerBytes > 0, c.writerBytes}), c.expected) << "case " << i;
     }
 }
 
@@ -116,8 +94,7 @@ TEST(SplitRule, SplitsAtTheExactFrameTheEstimateReachesTheLimit) {
 TEST(PacingGrid, TimesBeforeTheBaseAndAFreshReset) {
     kiv::PacingGrid grid;
     grid.Reset(400000);
-    EXPECT_EQ(std::vector<int64_t>({grid.Relative(9000000), grid.Relative(9000000), grid.Relative(8999999),
-                                    grid.Relative(9000001)}),
+    EXPECT_EQ(std::vector<int64_t>({grid.Relative(9000000), grid.Relative(9000000), grid.Relative(8999999), grid.Relative(9000001)}),
               std::vector<int64_t>({0, 0, 0, 1}));
     grid.AdvanceFrom(800000);
     grid.Reset(400000);
@@ -272,13 +249,7 @@ protected:
         handle_ = static_cast<KivPortBase*>(recorder_);
     }
     void Start(int32_t split = 0, int32_t seconds = 0, int32_t audio = 0) {
-        KivRecorderConfig c = rectest::Config(kPath);
-        c.width = audio ? 0 : 64;
-        c.height = audio ? 0 : 32;
-        c.recordFps = audio ? 0 : 30;
-        c.split = split;
-        c.seconds = seconds;
-        c.audio = audio;
+        const KivRecorderConfig c = rectest::Config(kPath, audio ? 0 : 64, audio ? 0 : 32, audio ? 0 : 30, split, 0, seconds, audio);
         ASSERT_EQ(KIV_SetRecorderConfig(handle_, &c), KIV_OK);
         ASSERT_EQ(recorder_->Start(), KIV_OK);
     }
@@ -298,8 +269,8 @@ protected:
 };
 
 std::vector<int> Seq(int n, int (*f)(int)) {
-    std::vector<int> v;
-    for (int i = 0; i < n; ++i) v.push_back(f(i));
+    std::vector<int> v(size_t(n), 0);
+    for (int i = 0; i < n; ++i) v[size_t(i)] = f(i);
     return v;
 }
 
@@ -454,9 +425,7 @@ TEST(RecorderApi, RefusalsStatsAndConfigWhileRunning) {
     void* rec = KIV_CreateRecorder("first.mp4");
     void* mux = KIV_CreateVideoMux();
     ASSERT_NE(rec, nullptr);
-    KivRecorderConfig c = rectest::Config(kivtest::TempDir("recorder_api") + "/c.mp4");
-    c.width = 640;
-    c.height = 360;
+    KivRecorderConfig c = rectest::Config(kivtest::TempDir("recorder_api") + "/c.mp4", 640, 360);
     c.inputFps = 25;
     KivRecorderStats s{};
     auto* port = static_cast<KivPortBase*>(rec);
@@ -512,14 +481,7 @@ protected:
         EXPECT_EQ(KIV_Disconnect(source_, recorder_) + KIV_DestroyPort(recorder_) + KIV_DestroyPort(source_), KIV_OK);
     }
     void Start(const std::string& file, int32_t split = 0, bool audio = false) {
-        KivRecorderConfig c = rectest::Config(file);
-        c.width = 320;
-        c.height = 240;
-        c.recordFps = 25;
-        c.split = split;
-        c.maxBytesLow = 300000;
-        c.seconds = 1;
-        c.audio = audio;
+        const KivRecorderConfig c = rectest::Config(file, 320, 240, 25, split, 300000, 1, audio);
         ASSERT_EQ(KIV_SetRecorderConfig(recorder_, &c), KIV_OK);
         ASSERT_EQ(KIV_Start(recorder_), KIV_OK);
         pushed_ = 0;
@@ -628,10 +590,7 @@ protected:
         }
     }
     void SetUp() override {
-#if defined(_WIN32)
-        GTEST_SKIP() << "the ffmpeg tools run in the native build";
-#endif
-        if (!HaveFfmpegTools()) GTEST_SKIP() << "ffmpeg/ffprobe not found";
+        if (!HaveFfmpegTools()) GTEST_SKIP() << "ffmpeg/ffprobe not found (native build only)";
         RecorderFlow::SetUp();
     }
     const Stream& Get(const std::string& name) {
@@ -683,9 +642,7 @@ TEST_F(RecorderFfmpeg, EveryProfileAndFramingRecordsTheSamePictures) {
         // its bytes alone decode to the same pictures.
         ASSERT_EQ(packets.packets.size(), size_t(kFrames));
         EXPECT_EQ(packets.statsCalls, kFrames);
-        int keys = 0;
-        for (const KivEncodedVideoPacket& packet : packets.packets) keys += packet.key;
-        EXPECT_EQ(keys, 3);
+        EXPECT_EQ(std::count_if(packets.packets.begin(), packets.packets.end(), [](const KivEncodedVideoPacket& p) { return p.key; }), 3);
         ASSERT_TRUE(WriteAll(dir_ + "/callback.h264", packets.bytes));
         EXPECT_EQ(DecodedFrameHashes(dir_ + "/callback.h264"), s.hashes);
     }
@@ -705,9 +662,7 @@ TEST_F(RecorderFfmpeg, SplitSegmentsAreCompleteFilesHoldingEveryFrame) {
         for (const auto& e : std::filesystem::directory_iterator(dir)) files.push_back(e.path().string());
         std::sort(files.begin(), files.end());  // names end in the segment number
         ASSERT_GE(files.size(), 3u);
-        if (split == KIV_RECORD_SPLIT_TIME) {
-            EXPECT_EQ(files.size(), 3u);
-        }
+        EXPECT_TRUE(split == KIV_RECORD_SPLIT_SIZE || files.size() == 3u) << files.size();
         int packets = 0;
         for (size_t i = 0; i < files.size(); ++i) {
             EXPECT_NE(files[i].find("_000" + std::to_string(i + 1) + ".mp4"), std::string::npos) << files[i];

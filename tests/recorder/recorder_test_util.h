@@ -52,8 +52,9 @@ struct SilentPcm {
     }
 };
 
-inline KivRecorderConfig Config(const std::string& path) {
-    KivRecorderConfig c{};
+inline KivRecorderConfig Config(const std::string& path, int32_t width = 0, int32_t height = 0, int32_t recordFps = 0,
+                                int32_t split = 0, uint64_t maxBytes = 0, int32_t seconds = 0, int32_t audio = 0) {
+    KivRecorderConfig c{{}, 0, 0, width, height, 0, recordFps, 0, audio, 0, split, uint32_t(maxBytes), uint32_t(maxBytes >> 32), seconds};
     const auto wide = kivtest::Wide(path);
     std::copy(wide.begin(), wide.end(), c.filePath);
     return c;
