@@ -1,6 +1,6 @@
 // The H.264 stream reader, the MP4 writer, the buffered file writer and the
-// AAC configuration on hand-built input. Real encoder output is decoded by
-// ffmpeg in ffmpeg_roundtrip_test.cpp (sample bytes, the avcC record).
+// AAC configuration: hand-built input, and libx264 streams written to MP4 and
+// read back by ffprobe and ffmpeg, also when a full disk cuts a file short.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -8,6 +8,11 @@
 #include <cstdio>
 #include <sstream>
 #include <tuple>
+
+#ifndef _WIN32
+#include <signal.h>
+#include <sys/resource.h>
+#endif
 
 #include "aac_config.h"
 #include "aac_encoder.h"
@@ -39,35 +44,23 @@ Bytes Sps(void (*edit)(SpsFields&) = nullptr) {
     if (edit) edit(f);
     const std::vector<uint32_t> chromaProfiles = {44, 83, 86, 100, 110, 118, 122, 128, 134, 138, 139, 244};
     BitWriter w;
-    w.Bits(f.profile, 8);
-    w.Bits(f.constraints, 8);
-    w.Bits(f.level, 8);
-    w.Ue(0);  // seq_parameter_set_id
+    w.Bits(f.profile, 8), w.Bits(f.constraints, 8), w.Bits(f.level, 8), w.Ue(0);  // seq_parameter_set_id 0
     if (std::count(chromaProfiles.begin(), chromaProfiles.end(), f.profile)) {
         w.Ue(f.chroma);
         if (f.chroma == 3) w.Bit(f.separatePlanes);
-        w.Ue(f.lumaMinus8);
-        w.Ue(f.chromaMinus8);
-        w.Bit(0);
-        w.Bit(f.scalingLists);
+        w.Ue(f.lumaMinus8), w.Ue(f.chromaMinus8), w.Bit(0), w.Bit(f.scalingLists);
         for (int i = 0; f.scalingLists && i < (f.chroma != 3 ? 8 : 12); ++i) {
             w.Bit(i % 3 == 0);
             for (int j = 0; i % 3 == 0 && j < (i < 6 ? 16 : 64); ++j) w.Se(j % 5 - 2);
         }
     }
-    w.Ue(0);  // log2_max_frame_num_minus4
-    w.Ue(f.pocType);
+    w.Ue(0), w.Ue(f.pocType);  // log2_max_frame_num_minus4, pic_order_cnt_type
     if (f.pocType == 0) w.Ue(2);
     if (f.pocType == 1) w.Bit(0), w.Se(-3), w.Se(4), w.Ue(2), w.Se(1), w.Se(-1);
-    w.Ue(1);  // max_num_ref_frames
-    w.Bit(0);
-    w.Ue(f.widthMbsMinus1);
-    w.Ue(f.heightUnitsMinus1);
-    w.Bit(f.frameMbsOnly);
+    w.Ue(1), w.Bit(0), w.Ue(f.widthMbsMinus1), w.Ue(f.heightUnitsMinus1), w.Bit(f.frameMbsOnly);  // 1 reference frame
     if (!f.frameMbsOnly) w.Bit(0);
-    w.Bit(1);
     const bool cropping = f.crop[0] || f.crop[1] || f.crop[2] || f.crop[3];
-    w.Bit(cropping);
+    w.Bit(1), w.Bit(cropping);
     for (uint32_t c : f.crop)
         if (cropping) w.Ue(c);
     w.Bit(0);  // no VUI
@@ -230,21 +223,19 @@ struct Writer : kiv::Mp4Writer {
     }
 };
 
-// The sample tables as ffprobe reads them: "pts,duration,size,pos,flags" for
-// each packet of `stream` (v or a).
+// "pts,duration,size,pos,flags" of each packet of `stream` (v or a) as ffprobe reads them.
 std::vector<std::string> Packets(const std::string& file, const std::string& stream) {
     std::string out;
-    Run("ffprobe -v error -select_streams " + stream + " -show_entries packet=pts,duration,size,pos,flags -of csv=p=0 '" +
-            file + "'",
-        &out);
+    Run("ffprobe -v error -select_streams " + stream + " -show_entries packet=pts,duration,size,pos,flags -of csv=p=0 '" + file + "'", &out);
     std::vector<std::string> lines;
     std::istringstream in(out);
     for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
 }
 
-// Sizes, offsets, sync samples, time scales and the recorded durations (a
-// gap included) as ffprobe reads them; a 64-bit mdat, and the moov last.
+// Sizes, offsets behind a 64-bit mdat header, sync samples, time scales and
+// the recorded durations (a gap included); then reopening and destroying the
+// writer finalise the open file.
 TEST(Mp4Layout, SampleTablesOfBothTracksAsFfprobeReadsThem) {
     if (!HaveFfmpegTools()) GTEST_SKIP() << "ffprobe not found (native build only)";
     const std::string path = TempFile("layout.mp4");
@@ -259,11 +250,11 @@ TEST(Mp4Layout, SampleTablesOfBothTracksAsFfprobeReadsThem) {
     EXPECT_FALSE(writer.EnableAudio(48000, 2, asc, 128000)) << "one audio format per file";
     const int64_t times[] = {0, 333333, 666667, 1000000, 1333334, 1666667, 3000001, 3333334};  // frames lost before the 7th
     std::vector<std::string> video, audio;
-    uint64_t pos = 52;  // the first sample follows the 64-bit mdat header
+    uint64_t pos = 52;  // behind ftyp and the 64-bit mdat header
     for (size_t i = 0; i < 8; ++i) {
         const Bytes& frame = frames[i < 6 ? i % 3 : 1];
-        ASSERT_TRUE(writer.Video(frame, times[i], 333333, i % 3 == 0 && i < 6));
         const uint64_t size = LengthPrefixed(NalUnits(frame)).size();
+        ASSERT_TRUE(writer.Video(frame, times[i], 333333, i % 3 == 0 && i < 6));
         video.push_back(std::to_string(times[i]) + "," + std::to_string(i < 7 ? times[i + 1] - times[i] : 333333) + "," +
                         std::to_string(size) + "," + std::to_string(pos) + (i % 3 == 0 && i < 6 ? ",K_" : ",__"));
         pos += size;
@@ -274,15 +265,20 @@ TEST(Mp4Layout, SampleTablesOfBothTracksAsFfprobeReadsThem) {
     }
     EXPECT_TRUE(writer.Finalize());
     EXPECT_FALSE(writer.Finalize()) << "a second close has nothing to do";
-    const Bytes file = ReadAll(path);
-    EXPECT_EQ(writer.FinalFileBytes(), file.size());
-    const std::vector<Box> top = Boxes(file, 0, file.size());
-    ASSERT_EQ(top.size(), 3u);
-    EXPECT_EQ(top[0].type + top[1].type + top[2].type, "ftypmdatmoov");
-    EXPECT_EQ(top[2].offset + top[2].size, file.size());
-    EXPECT_EQ(std::make_pair(U32(file, 36), U64(file, 44)), std::make_pair(1u, top[2].offset - 36));
+    EXPECT_EQ(writer.FinalFileBytes(), ReadAll(path).size());
     EXPECT_EQ(Packets(path, "v"), video);
     EXPECT_EQ(Packets(path, "a"), audio);
+
+    const std::string first = TempFile("segment1.mp4"), second = TempFile("segment2.mp4");
+    {
+        Writer segments(first);
+        ASSERT_TRUE(segments.Video(AnnexB({kIdr}), 0, 333333, true));
+        ASSERT_EQ(segments.Open(WidePath(second).c_str(), 320, 240, kSps, kPps, MainInfo()), kiv::Mp4OpenResult::kOk);
+        EXPECT_EQ(segments.VideoSampleCount(), 0u);
+        ASSERT_TRUE(segments.Video(AnnexB({kIdr}), 5000000, 333333, true));
+        ASSERT_TRUE(segments.Video(AnnexB({kIdr}), 5333333, 333333, true));
+    }
+    EXPECT_EQ(std::make_pair(Packets(first, "v").size(), Packets(second, "v").size()), std::make_pair(size_t(1), size_t(2)));
 }
 
 TEST(Mp4Layout, AvcCExtensionOnlyForHighProfiles) {
@@ -329,7 +325,6 @@ TEST(Mp4Layout, OpenRefusesBadParametersAndEmptyFilesStayValid) {
     EXPECT_FALSE(writer.IsOpen());
     EXPECT_FALSE(writer.WriteVideoSample(kIdr.data(), kIdr.size(), 0, 1, true));
     EXPECT_FALSE(writer.Finalize());
-
     // A sample without any NAL unit is refused; closing then leaves an empty 64-bit mdat.
     ASSERT_EQ(writer.Open(wide.c_str(), 320, 240, kSps, kPps, MainInfo()), kiv::Mp4OpenResult::kOk);
     EXPECT_FALSE(writer.WriteVideoSample(kIdr.data(), kIdr.size(), 0, 1, true));
@@ -339,40 +334,18 @@ TEST(Mp4Layout, OpenRefusesBadParametersAndEmptyFilesStayValid) {
     EXPECT_EQ(std::make_pair(U32(file, 36), U64(file, 44)), std::make_pair(1u, uint64_t(0)));
 }
 
-TEST(Mp4Layout, ReopeningAndDestroyingFinaliseTheOpenFile) {
-    const std::string first = TempFile("segment1.mp4"), second = TempFile("segment2.mp4");
-    {
-        Writer writer(first);
-        ASSERT_TRUE(writer.Video(AnnexB({kIdr}), 0, 333333, true));
-        ASSERT_EQ(writer.Open(WidePath(second).c_str(), 320, 240, kSps, kPps, MainInfo()), kiv::Mp4OpenResult::kOk);
-        EXPECT_EQ(writer.VideoSampleCount(), 0u);
-        ASSERT_TRUE(writer.Video(AnnexB({kIdr}), 5000000, 333333, true));
-        ASSERT_TRUE(writer.Video(AnnexB({kIdr}), 5333333, 333333, true));
-    }  // the destructor closes the second file
-    const bool probe = HaveFfmpegTools();
-    for (const std::string& path : {first, second}) {
-        const Bytes file = ReadAll(path);
-        const std::vector<Box> top = Boxes(file, 0, file.size());
-        ASSERT_EQ(top.size(), 3u) << path;
-        EXPECT_EQ(top[2].type, "moov");
-        EXPECT_EQ(probe ? Packets(path, "v").size() : 0u, probe ? (path == first ? 1u : 2u) : 0u);
-    }
-}
-
 TEST(FileWriterTest, SmallBufferPatchAndLargeBlocks) {
     const std::string path = TempFile("buffered.bin");
-    Bytes expected;
+    Bytes expected, block(100);
+    for (size_t i = 0; i < block.size(); ++i) block[i] = uint8_t(i * 7);
     {
         kiv::FileWriter writer(16);
         ASSERT_TRUE(writer.Open(WidePath(path).c_str()));
         for (uint32_t i = 0, v = 0; i < 40; ++i, v += 0x01020304u) {
             ASSERT_TRUE(writer.WriteU32BE(v));
-            expected.insert(expected.end(), {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)});
+            expected = Concat({expected, {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)}});
         }
-        Bytes block(100);
-        for (size_t i = 0; i < block.size(); ++i) block[i] = uint8_t(i * 7);
-        ASSERT_TRUE(writer.Write(block.data(), block.size()));
-        ASSERT_TRUE(writer.WriteU16BE(0xBEEF));
+        ASSERT_TRUE(writer.Write(block.data(), block.size()) && writer.WriteU16BE(0xBEEF));
         expected = Concat({expected, block, {0xBE, 0xEF}});
         const uint8_t patch[3] = {0xAA, 0xBB, 0xCC};
         ASSERT_TRUE(writer.Patch(2, patch, 3));
@@ -394,9 +367,7 @@ TEST(FileWriterTest, Utf16PathsIncludingSurrogatePairs) {
     std::basic_string<KivWChar> wide = WidePath(dir + "/");
     wide += {0x00E9, 0x4E2D, '.', 'b', 'i', 'n'};
     kiv::FileWriter writer;
-    ASSERT_TRUE(writer.Open(wide.c_str()));
-    ASSERT_TRUE(writer.WriteU8(42));
-    ASSERT_TRUE(writer.Close());
+    ASSERT_TRUE(writer.Open(wide.c_str()) && writer.WriteU8(42) && writer.Close());
 #ifdef _WIN32
     FILE* f = _wfopen(reinterpret_cast<const wchar_t*>(wide.c_str()), L"rb");
     ASSERT_NE(f, nullptr) << "the file has the wide-character name";
@@ -444,32 +415,25 @@ TEST(PassThroughPath, WarmFramesAllocateNothing) {
     for (int i = 0; i < 200; ++i) ok = step(i % 50 == 0 ? keyFrame : frame) && ok;
     g_countAllocs = false;
     EXPECT_EQ(g_allocs.load(), 0);
-    EXPECT_TRUE(ok);
-    EXPECT_TRUE(writer.Finalize());
+    EXPECT_TRUE(ok && writer.Finalize());
 }
 
-std::vector<uint8_t> Asc(int32_t rate, int32_t channels) {
+// Object type, rate index, channels and padding read back the way a decoder does.
+std::vector<int> DecodeAsc(int32_t rate, int32_t channels) {
     uint8_t b[2];
     kiv::AacAudioSpecificConfig(rate, channels, b);
-    return {b[0], b[1]};
-}
-
-// The fields read back the way a decoder does: object type, rate index, channels, padding.
-std::vector<int> DecodeAsc(const std::vector<uint8_t>& b) {
     const int v = (b[0] << 8) | b[1];
     return {v >> 11, (v >> 7) & 0xF, (v >> 3) & 0xF, v & 7};
 }
 
 TEST(AacConfig, RatesChannelsAndBufferSizes) {
-    EXPECT_EQ(Asc(48000, 2), (std::vector<uint8_t>{0x11, 0x90}));
     const int rates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050, 16000, 12000, 11025, 8000, 7350};
     for (int i = 0; i < 13; ++i)
-        for (int channels = 1; channels <= 8; ++channels)
-            EXPECT_EQ(DecodeAsc(Asc(rates[i], channels)), (std::vector<int>{2, i, channels, 0})) << rates[i];
+        for (int channels = 1; channels <= 8; ++channels) EXPECT_EQ(DecodeAsc(rates[i], channels), (std::vector<int>{2, i, channels, 0})) << rates[i];
     // Unlisted rates use the 48000 entry; channels are not masked: the fifth
     // channel bit of 17 lands in the frequency index.
     EXPECT_EQ(std::make_pair(kiv::AacSampleRateIndex(50000), kiv::AacSampleRateIndex(0)), std::make_pair(3, 3));
-    EXPECT_EQ(DecodeAsc(Asc(44100, 17)), (std::vector<int>{2, 4 | 1, 1, 0}));
+    EXPECT_EQ(DecodeAsc(44100, 17), (std::vector<int>{2, 4 | 1, 1, 0}));
     EXPECT_EQ(std::vector<size_t>({kiv::AacEncoder::OutputBufferSize(0), kiv::AacEncoder::OutputBufferSize(4096),
                                    kiv::AacEncoder::OutputBufferSize(65536)}),
               std::vector<size_t>({16384, 16384, 65536}))
@@ -492,7 +456,7 @@ TEST(AacEncoderTest, EncodesOrReportsThatNoEncoderExists) {
         EXPECT_EQ(encoder.InitReport().stage, kiv::AacInitStage::kBadFormat);
     }
     const bool ready = encoder.Initialize(48000, 2);
-    EXPECT_EQ(std::vector<uint8_t>(encoder.AudioSpecificConfig(), encoder.AudioSpecificConfig() + 2), Asc(48000, 2));
+    EXPECT_EQ(std::vector<uint8_t>(encoder.AudioSpecificConfig(), encoder.AudioSpecificConfig() + 2), (std::vector<uint8_t>{0x11, 0x90}));
     EXPECT_EQ(encoder.InitReport().stage, ready ? kiv::AacInitStage::kReady : kiv::AacInitStage::kEnumFailed);
     std::vector<uint8_t> pcm(4800 * 4, 0x11);  // 100 ms
     CountingSink sink;
@@ -500,11 +464,199 @@ TEST(AacEncoderTest, EncodesOrReportsThatNoEncoderExists) {
     for (int i = 0; i < 10; ++i) failures += encoder.Encode(pcm.data(), pcm.size(), int64_t(i) * 1000000, &sink) != 0;
     failures += encoder.Drain(&sink) != 0;
     // One second is about 47 frames of 1024 samples.
-    EXPECT_EQ(std::make_tuple(failures, sink.units >= 40 && sink.units <= 50), std::make_tuple(ready ? 0u : 11u, ready))
-        << sink.units;
+    EXPECT_EQ(std::make_tuple(failures, sink.units >= 40 && sink.units <= 50), std::make_tuple(ready ? 0u : 11u, ready)) << sink.units;
     encoder.Release();
     encoder.Release();
     EXPECT_FALSE(encoder.Ready());
 }
+
+// libx264 streams at 25 frames a second, fed through the analyser into the
+// writer as the pass-through path does; ffmpeg decodes of the files must
+// match the decodes of the streams.
+class FfmpegRoundTrip : public ::testing::Test {
+protected:
+    struct Clip {
+        std::string path;
+        std::vector<Bytes> units;
+        std::vector<std::string> hashes;
+    };
+    // How frames are fed: Annex B, length-prefixed, or a frame of one NAL
+    // unit without any framing (the others in Annex B form).
+    enum Form { kAnnexB, kAvcc, kBare };
+
+    void SetUp() override {
+        if (!HaveFfmpegTools()) GTEST_SKIP() << "ffmpeg/ffprobe not found (native build only)";
+    }
+    Clip MakeClip(const std::string& name, int width, int height, int frames, const std::string& options) {
+        Clip c{dir + "/" + name + ".h264", {}, {}};
+        std::string log;
+        EXPECT_EQ(streamtest::Run("ffmpeg -v error -y -f lavfi -i testsrc=size=" + std::to_string(width) + "x" + std::to_string(height) +
+                          ":rate=25 -frames:v " + std::to_string(frames) + " -pix_fmt yuv420p -c:v libx264 -preset veryfast " +
+                          options + " -f h264 '" + c.path + "' 2>&1", &log), 0) << log;
+        c.units = SplitAccessUnits(ReadAll(c.path));
+        c.hashes = DecodedFrameHashes(c.path);
+        EXPECT_EQ(std::make_pair(c.units.size(), c.hashes.size()), std::make_pair(size_t(frames), size_t(frames)));
+        return c;
+    }
+    // The file opens at the first frame that brings both parameter sets; the
+    // audio due before the next video frame follows each one.
+    void Write(kiv::Mp4Writer* writer, const Clip& clip, int form, const std::string& path, int width, int height,
+               kiv::H264SpsInfo* sps, const std::vector<AdtsFrame>* audio = nullptr) {
+        kiv::H264StreamAnalyzer analyzer;
+        size_t audioNext = 0;
+        for (size_t i = 0; i < clip.units.size(); ++i) {
+            const std::vector<Bytes> nals = NalUnits(clip.units[i]);
+            const bool bare = form == kBare && nals.size() == 1;
+            const Bytes input = form == kAvcc ? LengthPrefixed(nals) : bare ? nals[0] : clip.units[i];
+            bareFrames += bare;
+            const kiv::H264FrameInfo info = analyzer.Analyze(input.data(), input.size());
+            EXPECT_EQ(info.source, form == kAvcc ? kiv::kH264SourceAvcc : bare ? kiv::kH264SourceSingleNal : kiv::kH264SourceAnnexB);
+            EXPECT_EQ(analyzer.Sample(), AnnexB(nals)) << "frame " << i;
+            if (!writer->IsOpen()) {
+                ASSERT_TRUE(analyzer.HasParameterSets());
+                kiv::ParseH264Sps(analyzer.Sps().data(), analyzer.Sps().size(), sps);
+                ASSERT_EQ(writer->Open(WidePath(path).c_str(), width, height, analyzer.Sps(), analyzer.Pps(), *sps), kiv::Mp4OpenResult::kOk);
+                uint8_t asc[2];
+                kiv::AacAudioSpecificConfig(48000, 2, asc);
+                EXPECT_TRUE(!audio || writer->EnableAudio(48000, 2, asc, 128000));
+            }
+            const int64_t t = int64_t(i) * 400000;
+            writer->WriteVideoSample(analyzer.Sample().data(), analyzer.Sample().size(), t, 400000, info.key);
+            for (; audio && audioNext < audio->size() && int64_t(audioNext) * 1024 * 10000000 / 48000 < t + 400000; ++audioNext) {
+                const Bytes& au = (*audio)[audioNext].payload;
+                EXPECT_TRUE(writer->WriteAudioSample(au.data(), au.size(), int64_t(audioNext) * 1024 * 10000000 / 48000));
+            }
+        }
+    }
+
+    const std::string dir = kivtest::TempDir("record_stream_ffmpeg");
+    int bareFrames = 0;
+};
+
+// The recorder tests cover Baseline and B-frames in both framings; these add
+// bare single-NAL frames and cropping, and compare our SPS reading with ffprobe's.
+TEST_F(FfmpegRoundTrip, DecodesToTheSameFrames) {
+    const struct {
+        const char* name;
+        std::string options;
+        int height, form;
+        const char* ffprobeProfile;
+        int profileIdc;
+    } cases[] = {{"main_single_nal", "-profile:v main -bf 0", 240, kBare, "Main", 77},
+                 {"high_cropped_annexb", "-profile:v high -bf 2", 180, kAnnexB, "High", 100}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const Clip clip = MakeClip(c.name, 320, c.height, 50, c.options);
+        const std::string output = dir + "/" + c.name + ".mp4";
+        kiv::H264SpsInfo sps;
+        kiv::Mp4Writer writer;
+        bareFrames = 0;
+        Write(&writer, clip, c.form, output, 320, c.height, &sps);
+        EXPECT_TRUE(writer.Finalize());
+        EXPECT_GE(c.form == kBare ? bareFrames : 45, 45);
+        auto in = Probe("-show_entries stream=profile,level,width,height '" + clip.path + "'");
+        EXPECT_EQ(std::vector<std::string>({in["profile"], in["level"], in["width"], in["height"]}),
+                  std::vector<std::string>({c.ffprobeProfile, std::to_string(sps.level), std::to_string(sps.width), std::to_string(sps.height)}));
+        EXPECT_EQ(std::vector<int>({sps.parsed, sps.profile, sps.sizeParsed}), std::vector<int>({1, c.profileIdc, 1}));
+        auto out = Probe("-count_frames -select_streams v:0 -show_entries stream=codec_name,width,height,nb_read_frames,nb_frames,"
+                         "r_frame_rate,avg_frame_rate,duration '" + output + "'");
+        EXPECT_EQ(std::vector<std::string>({out["codec_name"], out["width"], out["height"], out["nb_frames"], out["nb_read_frames"],
+                                            out["r_frame_rate"], out["avg_frame_rate"], out["duration"]}),
+                  std::vector<std::string>({"h264", "320", std::to_string(c.height), "50", "50", "25/1", "25/1", "2.000000"}));
+        EXPECT_EQ(DecodedFrameHashes(output), clip.hashes);
+    }
+}
+
+TEST_F(FfmpegRoundTrip, AacTrackBesideTheVideoProbesAndDecodes) {
+    const Clip clip = MakeClip("with_audio", 320, 240, 50, "-profile:v main -bf 0");
+    const std::string adts = dir + "/tone.aac", output = dir + "/with_audio.mp4";
+    std::string log;
+    ASSERT_EQ(streamtest::Run("ffmpeg -v error -y -f lavfi -i sine=frequency=440:sample_rate=48000:duration=2 -ac 2 -c:a aac "
+                  "-b:a 128k -f adts '" + adts + "' 2>&1", &log), 0) << log;
+    const std::vector<AdtsFrame> audio = ParseAdts(ReadAll(adts));
+    ASSERT_GE(audio.size(), 90u);
+    ASSERT_EQ(std::make_pair(audio[0].sampleRateIndex, audio[0].channels), std::make_pair(3, 2));
+    kiv::H264SpsInfo sps;
+    kiv::Mp4Writer writer;
+    Write(&writer, clip, kAnnexB, output, 320, 240, &sps, &audio);
+    EXPECT_TRUE(writer.Finalize());
+    auto a = Probe("-select_streams a:0 -show_entries stream=codec_type,codec_name,profile,sample_rate,channels '" + output + "'");
+    EXPECT_EQ(std::vector<std::string>({a["codec_type"], a["codec_name"], a["profile"], a["sample_rate"], a["channels"]}),
+              std::vector<std::string>({"audio", "aac", "LC", "48000", "2"}));
+    EXPECT_EQ(DecodedFrameHashes(output), clip.hashes);
+    // The audio frames written decode exactly like the same frames read from ADTS.
+    std::vector<std::string> expected = DecodedFrameHashes(adts, "0:a");
+    const std::vector<std::string> actual = DecodedFrameHashes(output, "0:a");
+    ASSERT_GE(expected.size(), actual.size());
+    ASSERT_GE(actual.size(), 90u);
+    expected.resize(actual.size());
+    EXPECT_EQ(actual, expected);
+}
+
+#ifndef _WIN32
+// Bytes a sample takes in the file: each NAL unit behind a 4-byte length.
+uint64_t StoredSize(const Bytes& annexB) { return LengthPrefixed(NalUnits(annexB)).size(); }
+
+// The file holds `frames` frames that decode to the first frames of the clip
+// and ends with its moov: nothing of the failed write is left behind.
+void ExpectPlayablePrefix(const std::string& file, const std::vector<std::string>& hashes, int frames) {
+    auto probe = Probe("-count_frames -show_entries stream=nb_read_frames,codec_name '" + file + "'");
+    EXPECT_EQ(std::make_pair(probe["codec_name"], probe["nb_read_frames"]), std::make_pair(std::string("h264"), std::to_string(frames)));
+    EXPECT_EQ(DecodedFrameHashes(file), std::vector<std::string>(hashes.begin(), hashes.begin() + frames));
+    Box moov;
+    const Bytes bytes = ReadAll(file);
+    ASSERT_TRUE(FindBox(bytes, "moov", &moov));
+    EXPECT_EQ(moov.offset + moov.size, bytes.size());
+}
+
+// 40 frames of 640x480 without B-frames (the frames that survive are a prefix
+// in display order too), a key frame every 10. Everything waits in the write
+// buffer, so the failure comes when the file is finalised, as at the end of a
+// short recording: a file size limit strikes half-way through key frame 20,
+// leaving room for the moov of 20 frames but not for frame 20. The writer's
+// own free-space check sees a roomy disk and lets it happen.
+TEST_F(FfmpegRoundTrip, FileCutShortByAFullDiskPlaysUpToTheFailure) {
+    const Clip clip = MakeClip("cut", 640, 480, 40, "-bf 0 -g 10");
+    kiv::H264SpsInfo sps;
+    kiv::Mp4Writer writer;
+    Write(&writer, clip, kAnnexB, dir + "/cut.mp4", 640, 480, &sps);
+    uint64_t end = writer.FileBytes();
+    for (size_t i = 20; i < 40; ++i) end -= StoredSize(clip.units[i]);
+    const uint64_t room = StoredSize(clip.units[20]) / 2;
+    ASSERT_GT(room, 2000u);
+    rlimit saved{};
+    getrlimit(RLIMIT_FSIZE, &saved);
+    rlimit limit = saved;
+    limit.rlim_cur = end + room;
+    void (*oldHandler)(int) = signal(SIGXFSZ, SIG_IGN);  // the write fails instead
+    setrlimit(RLIMIT_FSIZE, &limit);
+    const bool finalized = writer.Finalize();
+    setrlimit(RLIMIT_FSIZE, &saved);
+    signal(SIGXFSZ, oldHandler);
+    EXPECT_FALSE(finalized) << "frames were lost, and the writer says so";
+    ExpectPlayablePrefix(dir + "/cut.mp4", clip.hashes, 20);
+}
+
+uint64_t g_capacity = 0;
+
+// A volume that takes the writer's reserve plus about half the clip: writing
+// stops while the index still fits.
+TEST_F(FfmpegRoundTrip, WritingStopsWhileTheIndexStillFits) {
+    const Clip clip = MakeClip("full", 640, 480, 40, "-bf 0 -g 10");
+    uint64_t total = 0;
+    for (const Bytes& s : clip.units) total += StoredSize(s);
+    g_capacity = 256 * 1024 + 24 * 40 + total / 2;
+    kiv::SetFreeSpaceProbe([](uint64_t onDisk) { return onDisk < g_capacity ? g_capacity - onDisk : 0; });
+    kiv::Mp4Writer writer(16 * 1024);  // small blocks, so the volume fills part-way
+    kiv::H264SpsInfo sps;
+    Write(&writer, clip, kAnnexB, dir + "/full.mp4", 640, 480, &sps);
+    EXPECT_FALSE(writer.Finalize());
+    kiv::SetFreeSpaceProbe(nullptr);
+    const int kept = int(writer.VideoSampleCount());
+    EXPECT_TRUE(kept > 5 && kept < 35) << kept;
+    EXPECT_LE(writer.FinalFileBytes(), g_capacity) << "the file never outgrew the volume";
+    ExpectPlayablePrefix(dir + "/full.mp4", clip.hashes, kept);
+}
+#endif
 
 }  // namespace
