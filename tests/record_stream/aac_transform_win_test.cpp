@@ -173,7 +173,7 @@ TEST_P(AacTransformPump, ConfiguresPumpsDrainsAndReleases) {
         EXPECT_GE(GetParam() ? 16384u : fake.smallestOutputBuffer, 16384u);
         EXPECT_EQ(encoder.Drain(&sink), 0u);
         ASSERT_EQ(sink.units.size(), 10u) << "the last partial frame comes out on drain";
-        for (LONGLONG k = 0; k < 10; ++k) EXPECT_EQ(sink.units[size_t(k)], (Values{100 + k, k, k * 1024 * 10000000 / 48000, 1024 * 10000000 / 48000}));
+        for (LONGLONG k = 0; k < 10; ++k) EXPECT_EQ(sink.units[size_t(k)], (Values{100 + k, k, k * 1024 * 10000000 / 48000, 1024LL * 10000000 / 48000}));
         encoder.Release();
         EXPECT_FALSE(encoder.Ready());
         EXPECT_EQ(fake.messages.back(), MFT_MESSAGE_NOTIFY_END_OF_STREAM);
