@@ -94,15 +94,11 @@ TEST(H264Framing, EachFramingIsRecognisedAndRewrittenAsAnnexB) {
         bool key;
         Bytes sample;  // every unit behind 00 00 00 01
     } cases[] = {
-        {"mixed start codes", Concat({AnnexB({kSps, kPps}), {0, 0, 1}, kIdr}), kiv::kH264SourceAnnexB, 3, 7, true,
-         AnnexB({kSps, kPps, kIdr})},
-        {"leading junk, trailing zeros", Concat({{0x12, 0x34}, AnnexB({kSlice, kSlice}), {0, 0, 0}}),
-         kiv::kH264SourceAnnexB, 2, 1, false, AnnexB({kSlice, kSlice})},
+        {"mixed start codes", Concat({AnnexB({kSps, kPps}), {0, 0, 1}, kIdr}), kiv::kH264SourceAnnexB, 3, 7, true, AnnexB({kSps, kPps, kIdr})},
+        {"junk around", Concat({{0x12, 0x34}, AnnexB({kSlice, kSlice}), {0, 0, 0}}), kiv::kH264SourceAnnexB, 2, 1, false, AnnexB({kSlice, kSlice})},
         {"length prefixed", LengthPrefixed({idr}), kiv::kH264SourceAvcc, 1, 5, true, AnnexB({idr})},
-        {"length prefixed, 300-byte unit", LengthPrefixed({kSps, kPps, longSlice}), kiv::kH264SourceAvcc, 3, 7, false,
-         AnnexB({kSps, kPps, longSlice})},
-        {"3-byte start code that reads as a length", lookalike, kiv::kH264SourceAnnexB, 1, 1, false,
-         AnnexB({Bytes(lookalike.begin() + 3, lookalike.end())})},
+        {"300-byte unit", LengthPrefixed({kSps, kPps, longSlice}), kiv::kH264SourceAvcc, 3, 7, false, AnnexB({kSps, kPps, longSlice})},
+        {"start code reading as a length", lookalike, kiv::kH264SourceAnnexB, 1, 1, false, AnnexB({Bytes(lookalike.begin() + 3, lookalike.end())})},
         {"length past the end: one bare unit", tooLong, kiv::kH264SourceSingleNal, 1, 0, false, AnnexB({tooLong})},
         {"bare unit", kIdr, kiv::kH264SourceSingleNal, 1, 5, true, AnnexB({kIdr})},
         {"nothing", {}, kiv::kH264SourceUnknown, 0, -1, false, {}},
@@ -111,8 +107,7 @@ TEST(H264Framing, EachFramingIsRecognisedAndRewrittenAsAnnexB) {
         SCOPED_TRACE(c.name);
         kiv::H264StreamAnalyzer analyzer;
         const kiv::H264FrameInfo info = analyzer.Analyze(c.input.empty() ? nullptr : c.input.data(), c.input.size() + 10 * c.input.empty());
-        EXPECT_EQ(std::vector<int>({info.source, info.nalCount, info.firstNalType, info.key}),
-                  std::vector<int>({c.source, c.nalCount, c.firstNalType, c.key}));
+        EXPECT_EQ(std::vector<int>({info.source, info.nalCount, info.firstNalType, info.key}), std::vector<int>({c.source, c.nalCount, c.firstNalType, c.key}));
         EXPECT_EQ(analyzer.Sample(), c.sample);
         EXPECT_EQ(analyzer.HasParameterSets(), c.firstNalType == 7);
         EXPECT_EQ(Concat({analyzer.Sps(), analyzer.Pps()}), c.firstNalType == 7 ? Concat({kSps, kPps}) : Bytes());
@@ -543,34 +538,32 @@ TEST_F(FfmpegRoundTrip, VideoAndAudioDecodeToTheSameFrames) {
 }
 
 #ifndef _WIN32
-// Bytes a sample takes in the file: each NAL unit behind a 4-byte length.
-uint64_t StoredSize(const Bytes& annexB) { return LengthPrefixed(NalUnits(annexB)).size(); }
-
-// The file holds `frames` frames that decode to the first frames of the clip
-// and ends with its moov: nothing of the failed write is left behind.
-void ExpectPlayablePrefix(const std::string& file, const std::vector<std::string>& hashes, int frames) {
-    auto probe = Probe("-count_frames -show_entries stream=nb_read_frames,codec_name '" + file + "'");
-    EXPECT_EQ(std::make_pair(probe["codec_name"], probe["nb_read_frames"]), std::make_pair(std::string("h264"), std::to_string(frames)));
-    EXPECT_EQ(DecodedFrameHashes(file), std::vector<std::string>(hashes.begin(), hashes.begin() + frames));
-    Box moov;
-    const Bytes bytes = ReadAll(file);
-    ASSERT_TRUE(FindBox(bytes, "moov", &moov));
-    EXPECT_EQ(moov.offset + moov.size, bytes.size());
-}
+uint64_t g_capacity = 0;
 
 // 40 frames of 640x480 without B-frames (the frames that survive are a prefix
-// in display order too), a key frame every 10. Everything waits in the write
-// buffer, so the failure comes when the file is finalised, as at the end of a
-// short recording: a file size limit strikes half-way through key frame 20,
-// leaving room for the moov of 20 frames but not for frame 20. The writer's
-// own free-space check sees a roomy disk and lets it happen.
-TEST_F(FfmpegRoundTrip, FileCutShortByAFullDiskPlaysUpToTheFailure) {
+// in display order too), a key frame every 10. Each file must play up to the
+// failure and end with its moov: nothing of the failed write is left behind.
+TEST_F(FfmpegRoundTrip, FilesCutShortByAFullDiskPlayUpToTheFailure) {
     const Clip clip = MakeClip("cut", 640, 480, 40, "-bf 0 -g 10");
-    kiv::Mp4Writer writer;
-    Write(&writer, clip, dir + "/cut.mp4", 640, 480);
-    uint64_t end = writer.FileBytes();
-    for (size_t i = 20; i < 40; ++i) end -= StoredSize(clip.units[i]);
-    const uint64_t room = StoredSize(clip.units[20]) / 2;
+    auto expectPlayablePrefix = [&](const std::string& file, int frames) {
+        auto probe = Probe("-count_frames -show_entries stream=nb_read_frames,codec_name '" + file + "'");
+        EXPECT_EQ(std::make_pair(probe["codec_name"], probe["nb_read_frames"]), std::make_pair(std::string("h264"), std::to_string(frames)));
+        EXPECT_EQ(DecodedFrameHashes(file), std::vector<std::string>(clip.hashes.begin(), clip.hashes.begin() + frames));
+        Box moov;
+        const Bytes bytes = ReadAll(file);
+        ASSERT_TRUE(FindBox(bytes, "moov", &moov));
+        EXPECT_EQ(moov.offset + moov.size, bytes.size());
+    };
+    // Everything waits in the write buffer, so a failure comes when the file is
+    // finalised, as at the end of a short recording: a file size limit strikes
+    // half-way through key frame 20, leaving room for the moov of 20 frames but
+    // not for frame 20. The free-space check sees a roomy disk and lets it happen.
+    kiv::Mp4Writer cut;
+    Write(&cut, clip, dir + "/cut.mp4", 640, 480);
+    uint64_t end = cut.FileBytes(), total = 0;
+    for (size_t i = 0; i < 40; ++i) total += LengthPrefixed(NalUnits(clip.units[i])).size();
+    for (size_t i = 20; i < 40; ++i) end -= LengthPrefixed(NalUnits(clip.units[i])).size();
+    const uint64_t room = LengthPrefixed(NalUnits(clip.units[20])).size() / 2;
     ASSERT_GT(room, 2000u);
     rlimit saved{};
     getrlimit(RLIMIT_FSIZE, &saved);
@@ -578,31 +571,24 @@ TEST_F(FfmpegRoundTrip, FileCutShortByAFullDiskPlaysUpToTheFailure) {
     limit.rlim_cur = end + room;
     void (*oldHandler)(int) = signal(SIGXFSZ, SIG_IGN);  // the write fails instead
     setrlimit(RLIMIT_FSIZE, &limit);
-    const bool finalized = writer.Finalize();
+    const bool finalized = cut.Finalize();
     setrlimit(RLIMIT_FSIZE, &saved);
     signal(SIGXFSZ, oldHandler);
     EXPECT_FALSE(finalized) << "frames were lost, and the writer says so";
-    ExpectPlayablePrefix(dir + "/cut.mp4", clip.hashes, 20);
-}
+    expectPlayablePrefix(dir + "/cut.mp4", 20);
 
-uint64_t g_capacity = 0;
-
-// A volume that takes the writer's reserve plus about half the clip: writing
-// stops while the index still fits.
-TEST_F(FfmpegRoundTrip, WritingStopsWhileTheIndexStillFits) {
-    const Clip clip = MakeClip("full", 640, 480, 40, "-bf 0 -g 10");
-    uint64_t total = 0;
-    for (const Bytes& s : clip.units) total += StoredSize(s);
+    // A volume that takes the writer's reserve plus about half the clip, in
+    // small blocks: writing stops while the index still fits.
     g_capacity = 256 * 1024 + 24 * 40 + total / 2;
     kiv::SetFreeSpaceProbe([](uint64_t onDisk) { return onDisk < g_capacity ? g_capacity - onDisk : 0; });
-    kiv::Mp4Writer writer(16 * 1024);  // small blocks, so the volume fills part-way
-    Write(&writer, clip, dir + "/full.mp4", 640, 480);
-    EXPECT_FALSE(writer.Finalize());
+    kiv::Mp4Writer full(16 * 1024);
+    Write(&full, clip, dir + "/full.mp4", 640, 480);
+    EXPECT_FALSE(full.Finalize());
     kiv::SetFreeSpaceProbe(nullptr);
-    const int kept = int(writer.VideoSampleCount());
+    const int kept = int(full.VideoSampleCount());
     EXPECT_TRUE(kept > 5 && kept < 35) << kept;
-    EXPECT_LE(writer.FinalFileBytes(), g_capacity) << "the file never outgrew the volume";
-    ExpectPlayablePrefix(dir + "/full.mp4", clip.hashes, kept);
+    EXPECT_LE(full.FinalFileBytes(), g_capacity) << "the file never outgrew the volume";
+    expectPlayablePrefix(dir + "/full.mp4", kept);
 }
 #endif
 
