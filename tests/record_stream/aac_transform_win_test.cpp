@@ -1,5 +1,5 @@
-// The AAC encoder's set-up and sample pump driven through a stand-in
-// transform, since Wine ships no AAC encoder.
+// The AAC encoder's set-up and sample pump driven through a stand-in transform
+// (Wine ships no AAC encoder).
 #include <windows.h>
 #include <mfapi.h>
 #include <mferror.h>
@@ -165,9 +165,8 @@ TEST_P(AacTransformPump, ConfiguresPumpsDrainsAndReleases) {
         EXPECT_EQ(sink.units.size(), 9u);
         // PCM in; AAC out at 128 kbit/s, AAC-LC level 2, raw access units; the
         // output type confirmed again after a stream change.
-        EXPECT_EQ(fake.types, (std::vector<Values>{{1, 48000, 2, 192000, -1, -1},
-                                                   {0x1610, 48000, 2, 16000, 0x29, -1},
-                                                   {0x1610, -1, -1, -1, -1, -1}}));
+        EXPECT_EQ(fake.types,
+                  (std::vector<Values>{{1, 48000, 2, 192000, -1, -1}, {0x1610, 48000, 2, 16000, 0x29, -1}, {0x1610, -1, -1, -1, -1, -1}}));
         ASSERT_EQ(fake.inputs.size(), 10u);
         EXPECT_EQ(fake.inputs[3], (Values{600000, 200000}));
         EXPECT_GE(GetParam() ? 16384u : fake.smallestOutputBuffer, 16384u);

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
-#include <sstream>
 #include <tuple>
 
 #ifndef _WIN32
@@ -192,27 +191,23 @@ TEST(H264Sps, MalformedInputIsRejected) {
 
 std::string TempFile(const std::string& name) { return kivtest::TempDir("record_stream_mp4") + "/" + name; }
 
-kiv::H264SpsInfo MainInfo() {
+const kiv::H264SpsInfo kMainInfo = [] {
     kiv::H264SpsInfo info;
-    kiv::ParseH264Sps(kSps.data(), kSps.size(), &info);
-    return info;
-}
+    return kiv::ParseH264Sps(kSps.data(), kSps.size(), &info), info;
+}();
 
 struct Writer : kiv::Mp4Writer {
-    explicit Writer(const std::string& path) { EXPECT_EQ(Open(WidePath(path).c_str(), 320, 240, kSps, kPps, MainInfo()), kiv::Mp4OpenResult::kOk); }
+    explicit Writer(const std::string& path) { EXPECT_EQ(Open(WidePath(path).c_str(), 320, 240, kSps, kPps, kMainInfo), kiv::Mp4OpenResult::kOk); }
     bool Video(const Bytes& sample, int64_t time, int64_t duration, bool key) {
         return WriteVideoSample(sample.data(), sample.size(), time, uint32_t(duration), key);
     }
 };
 
-// "pts,duration,size,pos,flags" of each packet of `stream` (v or a) as ffprobe reads them.
-std::vector<std::string> Packets(const std::string& file, const std::string& stream) {
+// A "pts,duration,size,pos,flags" line for each packet of `stream` (v or a) as ffprobe reads them.
+std::string Packets(const std::string& file, const std::string& stream) {
     std::string out;
     Run("ffprobe -v error -select_streams " + stream + " -show_entries packet=pts,duration,size,pos,flags -of csv=p=0 '" + file + "'", &out);
-    std::vector<std::string> lines;
-    std::istringstream in(out);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
+    return out;
 }
 
 // Sizes, offsets behind a 64-bit mdat header, sync samples, time scales and
@@ -231,19 +226,19 @@ TEST(Mp4Layout, SampleTablesOfBothTracksAsFfprobeReadsThem) {
     EXPECT_TRUE(writer.EnableAudio(44100, 2, asc, 128000));
     EXPECT_FALSE(writer.EnableAudio(48000, 2, asc, 128000)) << "one audio format per file";
     const int64_t times[] = {0, 333333, 666667, 1000000, 1333334, 1666667, 3000001, 3333334};  // frames lost before the 7th
-    std::vector<std::string> video, audio;
+    std::string video, audio;
     uint64_t pos = 52;  // behind ftyp and the 64-bit mdat header
     for (size_t i = 0; i < 8; ++i) {
         const Bytes& frame = frames[i < 6 ? i % 3 : 1];
         const uint64_t size = LengthPrefixed(NalUnits(frame)).size();
         ASSERT_TRUE(writer.Video(frame, times[i], 333333, i % 3 == 0 && i < 6));
-        video.push_back(std::to_string(times[i]) + "," + std::to_string(i < 7 ? times[i + 1] - times[i] : 333333) + "," +
-                        std::to_string(size) + "," + std::to_string(pos) + (i % 3 == 0 && i < 6 ? ",K_" : ",__"));
+        video += std::to_string(times[i]) + "," + std::to_string(i < 7 ? times[i + 1] - times[i] : 333333) + "," + std::to_string(size) +
+                 "," + std::to_string(pos) + (i % 3 == 0 && i < 6 ? ",K_\n" : ",__\n");
         pos += size;
     }
     for (int i = 0; i < 5; ++i, pos += au.size()) {
         ASSERT_TRUE(writer.WriteAudioSample(au.data(), au.size(), i * 232199, i == 4 ? 232199 : 0));
-        audio.push_back(std::to_string(i * 1024) + ",1024,6," + std::to_string(pos) + ",K_");
+        audio += std::to_string(i * 1024) + ",1024,6," + std::to_string(pos) + ",K_\n";
     }
     EXPECT_TRUE(writer.Finalize());
     EXPECT_FALSE(writer.Finalize()) << "a second close has nothing to do";
@@ -255,12 +250,13 @@ TEST(Mp4Layout, SampleTablesOfBothTracksAsFfprobeReadsThem) {
     {
         Writer segments(first);
         ASSERT_TRUE(segments.Video(AnnexB({kIdr}), 0, 333333, true));
-        ASSERT_EQ(segments.Open(WidePath(second).c_str(), 320, 240, kSps, kPps, MainInfo()), kiv::Mp4OpenResult::kOk);
+        ASSERT_EQ(segments.Open(WidePath(second).c_str(), 320, 240, kSps, kPps, kMainInfo), kiv::Mp4OpenResult::kOk);
         EXPECT_EQ(segments.VideoSampleCount(), 0u);
         ASSERT_TRUE(segments.Video(AnnexB({kIdr}), 5000000, 333333, true));
         ASSERT_TRUE(segments.Video(AnnexB({kIdr}), 5333333, 333333, true));
     }
-    EXPECT_EQ(std::make_pair(Packets(first, "v").size(), Packets(second, "v").size()), std::make_pair(size_t(1), size_t(2)));
+    EXPECT_EQ(std::make_pair(kivtest::CountOf(Packets(first, "v"), "\n"), kivtest::CountOf(Packets(second, "v"), "\n")),
+              std::make_pair(size_t(1), size_t(2)));
 }
 
 TEST(Mp4Layout, AvcCExtensionOnlyForHighProfiles) {
@@ -293,22 +289,20 @@ TEST(Mp4Layout, OpenRefusesBadParametersAndEmptyFilesStayValid) {
         const Bytes &sps, &pps;
         kiv::Mp4OpenResult result;
     } cases[] = {
-        {wide.c_str(), 0, 240, kSps, kPps, kiv::Mp4OpenResult::kBadSize},
-        {wide.c_str(), 320, 0, kSps, kPps, kiv::Mp4OpenResult::kBadSize},
+        {wide.c_str(), 0, 240, kSps, kPps, kiv::Mp4OpenResult::kBadSize},    {wide.c_str(), 320, 0, kSps, kPps, kiv::Mp4OpenResult::kBadSize},
         {wide.c_str(), 320, 240, none, kPps, kiv::Mp4OpenResult::kMissingParameters},
         {wide.c_str(), 320, 240, kSps, none, kiv::Mp4OpenResult::kMissingParameters},
         {wide.c_str(), 320, 240, shortSps, kPps, kiv::Mp4OpenResult::kBadAvcC},
-        {empty, 320, 240, kSps, kPps, kiv::Mp4OpenResult::kBadPath},
-        {nullptr, 320, 240, kSps, kPps, kiv::Mp4OpenResult::kBadPath},
+        {empty, 320, 240, kSps, kPps, kiv::Mp4OpenResult::kBadPath},         {nullptr, 320, 240, kSps, kPps, kiv::Mp4OpenResult::kBadPath},
         {missing.c_str(), 320, 240, kSps, kPps, kiv::Mp4OpenResult::kFileFailed},
     };
-    for (const auto& c : cases) EXPECT_EQ(writer.Open(c.path, c.width, c.height, c.sps, c.pps, MainInfo()), c.result);
+    for (const auto& c : cases) EXPECT_EQ(writer.Open(c.path, c.width, c.height, c.sps, c.pps, kMainInfo), c.result);
     EXPECT_TRUE(ReadAll(path).empty());
     EXPECT_FALSE(writer.IsOpen());
     EXPECT_FALSE(writer.WriteVideoSample(kIdr.data(), kIdr.size(), 0, 1, true));
     EXPECT_FALSE(writer.Finalize());
     // A sample without any NAL unit is refused; closing then leaves an empty 64-bit mdat.
-    ASSERT_EQ(writer.Open(wide.c_str(), 320, 240, kSps, kPps, MainInfo()), kiv::Mp4OpenResult::kOk);
+    ASSERT_EQ(writer.Open(wide.c_str(), 320, 240, kSps, kPps, kMainInfo), kiv::Mp4OpenResult::kOk);
     EXPECT_FALSE(writer.WriteVideoSample(kIdr.data(), kIdr.size(), 0, 1, true));
     EXPECT_TRUE(writer.Finalize());
     const Bytes file = ReadAll(path);
@@ -443,11 +437,7 @@ TEST(AacEncoderTest, EncodesOrReportsThatNoEncoderExists) {
 // match the decodes of the streams.
 class FfmpegRoundTrip : public ::testing::Test {
 protected:
-    struct Clip {
-        std::string path;
-        std::vector<Bytes> units;
-        std::vector<std::string> hashes;
-    };
+    struct Clip { std::string path; std::vector<Bytes> units; std::vector<std::string> hashes; };
     void SetUp() override {
         if (!HaveFfmpegTools()) GTEST_SKIP() << "ffmpeg/ffprobe not found (native build only)";
     }
@@ -510,8 +500,6 @@ TEST_F(FfmpegRoundTrip, VideoAndAudioDecodeToTheSameFrames) {
     ASSERT_EQ(streamtest::Run("ffmpeg -v error -y -f lavfi -i sine=frequency=440:sample_rate=48000:duration=2 -ac 2 -c:a aac "
                               "-b:a 128k -f adts '" + adts + "' 2>&1", &log), 0) << log;
     const std::vector<AdtsFrame> audio = ParseAdts(ReadAll(adts));
-    ASSERT_GE(audio.size(), 90u);
-    ASSERT_EQ(std::make_pair(audio[0].sampleRateIndex, audio[0].channels), std::make_pair(3, 2));
     kiv::Mp4Writer writer;
     Write(&writer, clip, output, 320, 180, true, &audio);
     EXPECT_TRUE(writer.Finalize());
