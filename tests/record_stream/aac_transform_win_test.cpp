@@ -99,8 +99,7 @@ public:
         pendingFrames_ %= 1024;
         return S_OK;
     }
-    STDMETHODIMP ProcessOutput(DWORD, DWORD count, MFT_OUTPUT_DATA_BUFFER* out, DWORD* status) override {
-        *status = 0;
+    STDMETHODIMP ProcessOutput(DWORD, DWORD count, MFT_OUTPUT_DATA_BUFFER* out, DWORD*) override {
         if (count != 1 || out->dwStreamID != 5 || providesSamples != !out->pSample) return E_INVALIDARG;
         if (readyUnits_ == 0) return MF_E_TRANSFORM_NEED_MORE_INPUT;
         if (streamChangeOnce) return streamChangeOnce = false, MF_E_TRANSFORM_STREAM_CHANGE;
