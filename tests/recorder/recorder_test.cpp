@@ -395,8 +395,7 @@ TEST_F(RecorderPort, AudioTakesTheFrameFormatAndCountsWrittenSamples) {
     ASSERT_EQ(recorder_->OnAudioFrame(&pcm.frame), KIV_OK);
     std::lock_guard<std::mutex> lock(script_->mutex);
     ASSERT_EQ(script_->opens.size(), 1u);
-    EXPECT_EQ(std::make_pair(script_->opens[0].sampleRate, script_->opens[0].width), std::make_pair(44100, 64))
-        << "no configured size: the frame's";
+    EXPECT_EQ(std::make_pair(script_->opens[0].sampleRate, script_->opens[0].width), std::make_pair(44100, 64)) << "no size set: the frame's";
     EXPECT_EQ(script_->audio, (std::vector<std::pair<int64_t, int64_t>>{{0, 1000000}, {1000000, 100000}, {1100000, 100000}}));
 }
 
@@ -443,11 +442,9 @@ TEST(RecorderApi, RefusalsStatsAndConfigWhileRunning) {
     ASSERT_EQ(KIV_SetRecorderConfig(rec, &c), KIV_OK);
     std::memset(&s, 0xAB, sizeof(s));
     ASSERT_EQ(KIV_GetRecorderStats(rec, &s), KIV_OK);  // every field written, counters zero
-    EXPECT_EQ((std::vector<int64_t>{s.inputFrames, s.audioPackets, s.fps, s.width, s.height, s.reserved}),
-              (std::vector<int64_t>{0, 0, 25, 640, 360, 0}));
+    EXPECT_EQ((std::vector<int64_t>{s.inputFrames, s.audioPackets, s.fps, s.width, s.height, s.reserved}), (std::vector<int64_t>{0, 0, 25, 640, 360, 0}));
     ASSERT_EQ(KIV_Start(rec), KIV_OK);
-    c.width = 1280;
-    c.recordFps = 50;
+    c.width = 1280, c.recordFps = 50;
     EXPECT_EQ(KIV_SetRecorderConfig(rec, &c), KIV_ERROR_FAILED);
     EXPECT_EQ(Stats(rec).width, 640);
     ASSERT_EQ(KIV_Stop(rec), KIV_OK);
@@ -565,10 +562,7 @@ TEST_F(RecorderFlow, EncodePathWithoutAPlatformEncoderFailsCleanly) {
     }
 }
 
-struct Stream {
-    std::vector<Bytes> units;         // access units in Annex B form
-    std::vector<std::string> hashes;  // of the decoded pictures
-};
+struct Stream { std::vector<Bytes> units; std::vector<std::string> hashes; };  // Annex B access units, decoded pictures
 
 // H.264 streams made by ffmpeg, recorded access unit by access unit; ffprobe
 // and ffmpeg check frame counts, rates, durations and decoded pictures.

@@ -12,9 +12,8 @@
 
 namespace rectest {
 
-// Every packet record (data cleared) and payload byte the encoded-video
-// callback got; `statsCalls` counts statistics read from inside it, which
-// works because the callback runs outside the recorder's lock.
+// Every packet record (data cleared) and payload byte the encoded-video callback
+// got; `statsCalls` counts statistics read from inside it (outside the lock).
 struct PacketLog {
     void* recorder = nullptr;
     std::vector<KivEncodedVideoPacket> packets;
