@@ -86,13 +86,8 @@ TEST(H264Framing, EachFramingIsRecognisedAndRewrittenAsAnnexB) {
     Bytes lookalike = {0, 0, 1, 0x41, 0x9A};
     lookalike.resize(4 + 0x141, 0x55);
     const Bytes tooLong = {0, 0, 0, 6, 0x65, 0x11, 0x22, 0x33, 0x44};  // one byte past the end
-    const struct {
-        const char* name;
-        Bytes input;
-        int source, nalCount, firstNalType;
-        bool key;
-        Bytes sample;  // every unit behind 00 00 00 01
-    } cases[] = {
+    // The sample has every unit behind 00 00 00 01.
+    const struct { const char* name; Bytes input; int source, nalCount, firstNalType; bool key; Bytes sample; } cases[] = {
         {"mixed start codes", Concat({AnnexB({kSps, kPps}), {0, 0, 1}, kIdr}), kiv::kH264SourceAnnexB, 3, 7, true, AnnexB({kSps, kPps, kIdr})},
         {"junk around", Concat({{0x12, 0x34}, AnnexB({kSlice, kSlice}), {0, 0, 0}}), kiv::kH264SourceAnnexB, 2, 1, false, AnnexB({kSlice, kSlice})},
         {"length prefixed", LengthPrefixed({idr}), kiv::kH264SourceAvcc, 1, 5, true, AnnexB({idr})},
@@ -138,11 +133,8 @@ TEST(H264Framing, ParameterSetsAreKeptReplacedAndReset) {
 // these cover what x264 does not write.
 TEST(H264Sps, FieldsOfHandBuiltParameterSets) {
     using F = SpsFields&;
-    const struct {
-        const char* what;
-        Bytes nal;
-        std::vector<int> expected;  // parsed, profile, constraints, level, chroma, depths, size parsed, width, height
-    } cases[] = {
+    // Expected: parsed, profile, constraints, level, chroma, depths, size parsed, width, height.
+    const struct { const char* what; Bytes nal; std::vector<int> expected; } cases[] = {
         {"main profile stops after the level fields", kSps, {1, 77, 0x40, 31, 1, 8, 8, 1, 320, 240}},
         {"only profile, level and id present", {0x67, 77, 0x40, 31, 0x80}, {1, 77, 0x40, 31, 1, 8, 8, 0, 0, 0}},
         {"high 1080p, scaling lists, 1088 cropped by 4 units of 2 lines",
@@ -261,8 +253,7 @@ TEST(Mp4Layout, SampleTablesOfBothTracksAsFfprobeReadsThem) {
 TEST(Mp4Layout, AvcCExtensionOnlyForHighProfiles) {
     const Bytes highSps = {0x67, 0x64, 0x00, 0x28, 0xAC, 0xD9}, shortSps = {0x67, 0x64, 0x00};
     kiv::H264SpsInfo info;
-    info.parsed = true;
-    info.lumaBitDepth = 10;
+    info.parsed = true, info.lumaBitDepth = 10;
     std::vector<uint8_t> record;
     ASSERT_TRUE(kiv::BuildAvcC(highSps.data(), highSps.size(), kPps.data(), kPps.size(), info, &record));
     ASSERT_EQ(record.size(), 6 + 2 + highSps.size() + 3 + kPps.size() + 4);
@@ -282,12 +273,7 @@ TEST(Mp4Layout, OpenRefusesBadParametersAndEmptyFilesStayValid) {
     kiv::Mp4Writer writer;
     const Bytes none, shortSps = {0x67, 0x4D, 0x40};
     const KivWChar empty[1] = {0};
-    const struct {
-        const KivWChar* path;
-        int32_t width, height;
-        const Bytes &sps, &pps;
-        kiv::Mp4OpenResult result;
-    } cases[] = {
+    const struct { const KivWChar* path; int32_t width, height; const Bytes &sps, &pps; kiv::Mp4OpenResult result; } cases[] = {
         {wide.c_str(), 0, 240, kSps, kPps, kiv::Mp4OpenResult::kBadSize},    {wide.c_str(), 320, 0, kSps, kPps, kiv::Mp4OpenResult::kBadSize},
         {wide.c_str(), 320, 240, none, kPps, kiv::Mp4OpenResult::kMissingParameters},
         {wide.c_str(), 320, 240, kSps, none, kiv::Mp4OpenResult::kMissingParameters},

@@ -50,10 +50,7 @@ TEST(RecorderSettings, PathsLimitsAndDefaults) {
 
 TEST(SegmentNames, StemExtensionAndNumbering) {
     const kiv::SegmentClock t{2024, 3, 7, 9, 5, 4, 32};
-    const struct {
-        const char *path, *expected;
-        int32_t split, index;
-    } cases[] = {
+    const struct { const char *path, *expected; int32_t split, index; } cases[] = {
         {"C:\\rec\\a.mp4", "C:\\rec\\a.mp4", 0, 3},
         {"C:\\rec\\a.mp4", "C:\\rec\\a_20240307_090504_032_0001.mp4", 1, 0},
         {"C:\\rec\\a.b.mov", "C:\\rec\\a.b_20240307_090504_032_0012.mov", 2, 11},
@@ -67,14 +64,8 @@ TEST(SegmentNames, StemExtensionAndNumbering) {
 // At the exact edges of each rule: 8 Mbit/s is 0.1 byte per 100 ns, audio
 // adds 16000 bytes a second; bytes the writer counts beat the estimate.
 TEST(SplitRule, SplitsAtTheExactFrameTheEstimateReachesTheLimit) {
-    const struct {
-        int32_t split;
-        uint64_t maxBytes;
-        int32_t seconds, audio;
-        uint64_t writerBytes;  // 0: the writer does not count its bytes
-        int64_t elapsed;
-        bool expected;
-    } cases[] = {
+    // writerBytes 0: the writer does not count its bytes.
+    const struct { int32_t split; uint64_t maxBytes; int32_t seconds, audio; uint64_t writerBytes; int64_t elapsed; bool expected; } cases[] = {
         {KIV_RECORD_SPLIT_TIME, 0, 2, 0, 0, 19999999, false},      {KIV_RECORD_SPLIT_TIME, 0, 2, 0, 0, 20000000, true},
         {KIV_RECORD_SPLIT_NONE, 1, 1, 1, 0, 50000000, false},      {KIV_RECORD_SPLIT_SIZE, 1000000, 0, 0, 0, 9999999, false},
         {KIV_RECORD_SPLIT_SIZE, 1000000, 0, 0, 0, 10000000, true}, {KIV_RECORD_SPLIT_SIZE, 1016000, 0, 1, 0, 10000000, true},
@@ -282,12 +273,7 @@ TEST_F(RecorderPort, FramesAreFittedToTheGrid) {
     for (int i = 0; i < 10; ++i) slow.push_back(kStart + i * 2 * kFrame30);
     std::vector<int> gapLumas(33, 2);
     gapLumas[0] = 0, gapLumas[1] = 1, gapLumas[32] = 3;
-    const struct {
-        const char* what;
-        std::vector<int64_t> times;
-        std::vector<int> lumas;
-        int64_t dropped, duplicated;
-    } cases[] = {
+    const struct { const char* what; std::vector<int64_t> times; std::vector<int> lumas; int64_t dropped, duplicated; } cases[] = {
         {"60 to 30", fast, Seq(30, [](int i) { return 2 * i; }), 30, 0},
         {"15 to 30", slow, Seq(19, [](int i) { return i / 2; }), 0, 9},
         {"jitter", jitter, Seq(40, [](int i) { return i; }), 0, 0},
