@@ -1,5 +1,5 @@
-// The AAC encoder's set-up and sample pump driven through a stand-in
-// transform, since Wine ships no AAC encoder.
+// The AAC encoder's set-up and sample pump driven through a stand-in transform
+// (Wine ships no AAC encoder).
 #include <windows.h>
 #include <mfapi.h>
 #include <mferror.h>
@@ -16,21 +16,31 @@
 
 namespace {
 
-// Makes an access unit of 100 + n bytes for every 1024 sample frames it was given.
+using Values = std::vector<LONGLONG>;
+
+// Subtype's first field, rate, channels, bytes a second, profile level, payload type (-1: not set).
+Values Read(IMFMediaType* type) {
+    GUID subtype{};
+    type->GetGUID(MF_MT_SUBTYPE, &subtype);
+    Values v = {LONGLONG(subtype.Data1)};
+    for (const GUID& key : {MF_MT_AUDIO_SAMPLES_PER_SECOND, MF_MT_AUDIO_NUM_CHANNELS, MF_MT_AUDIO_AVG_BYTES_PER_SECOND,
+                            MF_MT_AAC_AUDIO_PROFILE_LEVEL_INDICATION, MF_MT_AAC_PAYLOAD_TYPE}) {
+        UINT32 value = 0;
+        v.push_back(SUCCEEDED(type->GetUINT32(key, &value)) ? LONGLONG(value) : -1);
+    }
+    return v;
+}
+
+// Streams 3 and 5 (the encoder must ask); an access unit of 100 + n bytes,
+// starting with byte n, for every 1024 sample frames it was given.
 class FakeAacTransform : public IMFTransform {
 public:
     bool providesSamples = false, streamChangeOnce = false;
     HRESULT setOutputTypeResult = S_OK, processOutputFailure = S_OK;
-    // What the encoder told us.
-    std::vector<MFT_MESSAGE_TYPE> messages;
-    std::vector<LONGLONG> inputTimes, inputDurations;
-    int wrongIds = 0;  // ProcessInput calls not on stream 3, ProcessOutput calls not on 5
-    DWORD smallestOutputBuffer = 0xFFFFFFFF;
-    GUID inSubtype{}, outSubtype{};
-    // Input rate and channels; output rate, channels, bytes a second, profile level.
-    std::vector<UINT32> fields = std::vector<UINT32>(6);
-    bool outPayloadTypeSet = false;
     LONG refs = 1;
+    std::vector<MFT_MESSAGE_TYPE> messages;
+    std::vector<Values> types, inputs;  // inputs: time, duration
+    DWORD smallestOutputBuffer = 0xFFFFFFFF;
 
     STDMETHODIMP QueryInterface(REFIID riid, void** out) override {
         *out = riid == __uuidof(IUnknown) || riid == __uuidof(IMFTransform) ? static_cast<IMFTransform*>(this) : nullptr;
@@ -40,14 +50,11 @@ public:
     STDMETHODIMP_(ULONG) Release() override { return ULONG(InterlockedDecrement(&refs)); }
     STDMETHODIMP GetStreamLimits(DWORD*, DWORD*, DWORD*, DWORD*) override { return E_NOTIMPL; }
     STDMETHODIMP GetStreamCount(DWORD* inputs, DWORD* outputs) override { return *inputs = *outputs = 1, S_OK; }
-    STDMETHODIMP GetStreamIDs(DWORD, DWORD* inputIds, DWORD, DWORD* outputIds) override {
-        return *inputIds = 3, *outputIds = 5, S_OK;  // not 0 and 1: the encoder must ask
-    }
+    STDMETHODIMP GetStreamIDs(DWORD, DWORD* inputIds, DWORD, DWORD* outputIds) override { return *inputIds = 3, *outputIds = 5, S_OK; }
     STDMETHODIMP GetInputStreamInfo(DWORD, MFT_INPUT_STREAM_INFO*) override { return E_NOTIMPL; }
     STDMETHODIMP GetOutputStreamInfo(DWORD id, MFT_OUTPUT_STREAM_INFO* info) override {
         if (id != 5) return MF_E_INVALIDSTREAMNUMBER;
-        *info = {DWORD(providesSamples ? MFT_OUTPUT_STREAM_PROVIDES_SAMPLES : 0), 4096, 0};
-        return S_OK;
+        return *info = {DWORD(providesSamples ? MFT_OUTPUT_STREAM_PROVIDES_SAMPLES : 0), 4096, 0}, S_OK;
     }
     STDMETHODIMP GetAttributes(IMFAttributes**) override { return E_NOTIMPL; }
     STDMETHODIMP GetInputStreamAttributes(DWORD, IMFAttributes**) override { return E_NOTIMPL; }
@@ -62,23 +69,11 @@ public:
         return hr;
     }
     STDMETHODIMP SetInputType(DWORD id, IMFMediaType* type, DWORD) override {
-        if (id != 3) return MF_E_INVALIDSTREAMNUMBER;
-        type->GetGUID(MF_MT_SUBTYPE, &inSubtype);
-        type->GetUINT32(MF_MT_AUDIO_SAMPLES_PER_SECOND, &fields[0]);
-        type->GetUINT32(MF_MT_AUDIO_NUM_CHANNELS, &fields[1]);
-        return S_OK;
+        return id != 3 ? MF_E_INVALIDSTREAMNUMBER : (types.push_back(Read(type)), S_OK);
     }
     STDMETHODIMP SetOutputType(DWORD id, IMFMediaType* type, DWORD) override {
         if (id != 5) return MF_E_INVALIDSTREAMNUMBER;
-        if (FAILED(setOutputTypeResult)) return setOutputTypeResult;
-        type->GetGUID(MF_MT_SUBTYPE, &outSubtype);
-        type->GetUINT32(MF_MT_AUDIO_SAMPLES_PER_SECOND, &fields[2]);
-        type->GetUINT32(MF_MT_AUDIO_NUM_CHANNELS, &fields[3]);
-        type->GetUINT32(MF_MT_AUDIO_AVG_BYTES_PER_SECOND, &fields[4]);
-        type->GetUINT32(MF_MT_AAC_AUDIO_PROFILE_LEVEL_INDICATION, &fields[5]);
-        UINT32 payload = 0;
-        outPayloadTypeSet = SUCCEEDED(type->GetUINT32(MF_MT_AAC_PAYLOAD_TYPE, &payload));
-        return S_OK;
+        return FAILED(setOutputTypeResult) ? setOutputTypeResult : (types.push_back(Read(type)), S_OK);
     }
     STDMETHODIMP GetInputCurrentType(DWORD, IMFMediaType**) override { return E_NOTIMPL; }
     STDMETHODIMP GetOutputCurrentType(DWORD, IMFMediaType**) override { return E_NOTIMPL; }
@@ -92,46 +87,41 @@ public:
         return S_OK;
     }
     STDMETHODIMP ProcessInput(DWORD id, IMFSample* sample, DWORD) override {
+        if (id != 3) return MF_E_INVALIDSTREAMNUMBER;
         LONGLONG time = -1, duration = -1;
         DWORD bytes = 0;
         sample->GetSampleTime(&time);
         sample->GetSampleDuration(&duration);
         sample->GetTotalLength(&bytes);
-        wrongIds += id != 3;
-        inputTimes.push_back(time);
-        inputDurations.push_back(duration);
-        pendingFrames_ += bytes / (fields[1] * 2);
+        inputs.push_back({time, duration});
+        pendingFrames_ += bytes / (DWORD(types[0][2]) * 2);
         readyUnits_ += pendingFrames_ / 1024;
         pendingFrames_ %= 1024;
         return S_OK;
     }
-    STDMETHODIMP ProcessOutput(DWORD, DWORD count, MFT_OUTPUT_DATA_BUFFER* out, DWORD* status) override {
-        *status = 0;
-        if (count != 1) return E_INVALIDARG;
-        wrongIds += out->dwStreamID != 5;
+    STDMETHODIMP ProcessOutput(DWORD, DWORD count, MFT_OUTPUT_DATA_BUFFER* out, DWORD*) override {
+        if (count != 1 || out->dwStreamID != 5 || providesSamples != !out->pSample) return E_INVALIDARG;
         if (readyUnits_ == 0) return MF_E_TRANSFORM_NEED_MORE_INPUT;
         if (streamChangeOnce) return streamChangeOnce = false, MF_E_TRANSFORM_STREAM_CHANGE;
         if (FAILED(processOutputFailure)) return processOutputFailure;
         IMFMediaBuffer* buffer = nullptr;
-        if (providesSamples != !out->pSample) return E_INVALIDARG;
         if (providesSamples) {
             MFCreateMemoryBuffer(1000, &buffer);
             MFCreateSample(&out->pSample);
             out->pSample->AddBuffer(buffer);
         } else {
-            out->pSample->GetBufferByIndex(0, &buffer);
             DWORD max = 0;
+            out->pSample->GetBufferByIndex(0, &buffer);
             buffer->GetMaxLength(&max);
             smallestOutputBuffer = std::min(smallestOutputBuffer, max);
         }
         BYTE* data = nullptr;
         buffer->Lock(&data, nullptr, nullptr);
-        const DWORD size = 100 + DWORD(unitsMade_);
-        for (DWORD i = 0; i < size; ++i) data[i] = BYTE(unitsMade_ + i);
+        for (int i = 0; i < 100 + unitsMade_; ++i) data[i] = BYTE(unitsMade_ + i);
         buffer->Unlock();
-        buffer->SetCurrentLength(size);
+        buffer->SetCurrentLength(DWORD(100 + unitsMade_));
         buffer->Release();
-        out->pSample->SetSampleTime(LONGLONG(unitsMade_++) * 1024 * 10000000 / fields[0]);
+        out->pSample->SetSampleTime(LONGLONG(unitsMade_++) * 1024 * 10000000 / 48000);
         --readyUnits_;
         return S_OK;
     }
@@ -141,57 +131,47 @@ private:
     int readyUnits_ = 0, unitsMade_ = 0;
 };
 
+// Size, first byte, time and duration of each access unit.
 struct Collector : kiv::AacSink {
-    std::vector<std::vector<uint8_t>> units;
-    std::vector<std::vector<int64_t>> firstByteTimeDuration;
+    std::vector<Values> units;
     void OnAccessUnit(const uint8_t* data, size_t size, int64_t time, int64_t duration) override {
-        units.emplace_back(data, data + size);
-        firstByteTimeDuration.push_back({data[0], time, duration});
+        units.push_back({LONGLONG(size), data[0], time, duration});
     }
 };
 
-class AacTransformPump : public ::testing::TestWithParam<bool> {
-protected:
-    kivtest::LibraryScope library_;
-};
+class AacTransformPump : public ::testing::TestWithParam<bool> {};  // the transform provides the output samples
 
 }  // namespace
 
 TEST_P(AacTransformPump, ConfiguresPumpsDrainsAndReleases) {
+    kivtest::LibraryScope library;
     FakeAacTransform fake;
     fake.providesSamples = GetParam();
     fake.streamChangeOnce = true;
     {
         kiv::AacEncoder encoder;
         ASSERT_TRUE(encoder.InitializeWithTransform(&fake, 48000, 2));
-        EXPECT_TRUE(encoder.Ready());
         const kiv::AacInitReport& report = encoder.InitReport();
-        EXPECT_EQ(report.stage, kiv::AacInitStage::kReady);
-        EXPECT_EQ(report.outputBufferSize, 16384u) << "4096 reported, 16384 used";
-        EXPECT_EQ(report.providesSamples, GetParam());
-        // PCM in, AAC out (rate, channels, 128 kbit/s, AAC-LC level 2), raw access units.
-        EXPECT_TRUE(IsEqualGUID(fake.inSubtype, MFAudioFormat_PCM) && IsEqualGUID(fake.outSubtype, MFAudioFormat_AAC));
-        EXPECT_EQ(fake.fields, (std::vector<UINT32>{48000, 2, 48000, 2, 16000, 0x29}));
-        EXPECT_FALSE(fake.outPayloadTypeSet);
-        EXPECT_EQ(fake.messages, (std::vector<MFT_MESSAGE_TYPE>{MFT_MESSAGE_NOTIFY_BEGIN_STREAMING,
-                                                                 MFT_MESSAGE_NOTIFY_START_OF_STREAM}));
+        EXPECT_EQ(std::make_tuple(encoder.Ready(), report.stage, report.outputBufferSize, report.providesSamples),
+                  std::make_tuple(true, kiv::AacInitStage::kReady, 16384u, GetParam()))
+            << "4096 reported, 16384 used";
+        EXPECT_EQ(fake.messages, (std::vector<MFT_MESSAGE_TYPE>{MFT_MESSAGE_NOTIFY_BEGIN_STREAMING, MFT_MESSAGE_NOTIFY_START_OF_STREAM}));
 
         // Ten buffers of 20 ms: 9600 frames make 9 full access units.
         Collector sink;
         const std::vector<uint8_t> pcm(960 * 4, 0x11);
         for (int i = 0; i < 10; ++i) ASSERT_EQ(encoder.Encode(pcm.data(), pcm.size(), int64_t(i) * 200000, &sink), 0u) << i;
         EXPECT_EQ(sink.units.size(), 9u);
-        ASSERT_EQ(fake.inputTimes.size(), 10u);
-        EXPECT_EQ(std::make_pair(fake.inputTimes[3], fake.inputDurations[3]), std::make_pair(LONGLONG(600000), LONGLONG(200000)));
-        EXPECT_EQ(fake.wrongIds, 0);
+        // PCM in; AAC out at 128 kbit/s, AAC-LC level 2, raw access units; the
+        // output type confirmed again after a stream change.
+        EXPECT_EQ(fake.types,
+                  (std::vector<Values>{{1, 48000, 2, 192000, -1, -1}, {0x1610, 48000, 2, 16000, 0x29, -1}, {0x1610, -1, -1, -1, -1, -1}}));
+        ASSERT_EQ(fake.inputs.size(), 10u);
+        EXPECT_EQ(fake.inputs[3], (Values{600000, 200000}));
         EXPECT_GE(GetParam() ? 16384u : fake.smallestOutputBuffer, 16384u);
         EXPECT_EQ(encoder.Drain(&sink), 0u);
         ASSERT_EQ(sink.units.size(), 10u) << "the last partial frame comes out on drain";
-        for (size_t k = 0; k < sink.units.size(); ++k) {
-            EXPECT_EQ(sink.units[k].size(), 100 + k);
-            EXPECT_EQ(sink.firstByteTimeDuration[k],
-                      (std::vector<int64_t>{uint8_t(k), int64_t(k) * 1024 * 10000000 / 48000, int64_t(1024) * 10000000 / 48000}));
-        }
+        for (LONGLONG k = 0; k < 10; ++k) EXPECT_EQ(sink.units[size_t(k)], (Values{100 + k, k, k * 1024 * 10000000 / 48000, 1024LL * 10000000 / 48000}));
         encoder.Release();
         EXPECT_FALSE(encoder.Ready());
         EXPECT_EQ(fake.messages.back(), MFT_MESSAGE_NOTIFY_END_OF_STREAM);
@@ -200,10 +180,7 @@ TEST_P(AacTransformPump, ConfiguresPumpsDrainsAndReleases) {
     EXPECT_EQ(fake.refs, 1) << "every reference the encoder took was released";
 }
 
-INSTANTIATE_TEST_SUITE_P(OutputSamples, AacTransformPump, ::testing::Values(false, true),
-                         [](const ::testing::TestParamInfo<bool>& info) {
-                             return std::string(info.param ? "TransformProvides" : "CallerProvides");
-                         });
+INSTANTIATE_TEST_SUITE_P(OutputSamples, AacTransformPump, ::testing::Bool());
 
 TEST(AacTransformFailures, ConfigureAndOutputFailuresReleaseTheTransform) {
     kivtest::LibraryScope library;
@@ -211,11 +188,9 @@ TEST(AacTransformFailures, ConfigureAndOutputFailuresReleaseTheTransform) {
     refusing.setOutputTypeResult = MF_E_INVALIDMEDIATYPE;
     kiv::AacEncoder encoder;
     EXPECT_FALSE(encoder.InitializeWithTransform(&refusing, 44100, 1));
-    EXPECT_FALSE(encoder.Ready());
-    EXPECT_EQ(encoder.InitReport().stage, kiv::AacInitStage::kConfigureFailed);
-    EXPECT_EQ(encoder.InitReport().hr, uint32_t(MF_E_INVALIDMEDIATYPE));
-    ASSERT_FALSE(refusing.messages.empty());
-    EXPECT_EQ(refusing.messages.back(), MFT_MESSAGE_NOTIFY_END_OF_STREAM);
+    EXPECT_EQ(std::make_tuple(encoder.Ready(), encoder.InitReport().stage, encoder.InitReport().hr),
+              std::make_tuple(false, kiv::AacInitStage::kConfigureFailed, uint32_t(MF_E_INVALIDMEDIATYPE)));
+    EXPECT_EQ(refusing.messages, std::vector<MFT_MESSAGE_TYPE>{MFT_MESSAGE_NOTIFY_END_OF_STREAM});
     EXPECT_EQ(refusing.refs, 1);
 
     failing.processOutputFailure = E_FAIL;

@@ -1,5 +1,4 @@
-// Counts heap allocations made through operator new while switched on (a file
-// of its own: the compiler would see the replaced operators where they are used).
+// Counts operator new calls while switched on; a file of its own, where no use sees the replacement.
 #include <atomic>
 #include <cstdlib>
 #include <new>
