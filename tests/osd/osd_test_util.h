@@ -13,43 +13,37 @@
 namespace osdtest {
 
 // Draws nothing itself: records what it was asked and hands back a solid BGRA colour for the requested region.
-class FakeRasterizer : public kiv::OsdRasterizer {
-public:
+struct FakeRasterizer : kiv::OsdRasterizer {
     struct Calls {  // outlives the rasteriser, which the port owns
         int text = 0, picture = 0;
         kiv::OsdTextJob lastText{};
         kiv::OsdRect lastRegion{}, lastDest{};
     };
-    explicit FakeRasterizer(std::shared_ptr<Calls> calls, uint32_t bgra = 0xFFFF0000u) : calls_(std::move(calls)), bgra_(bgra) {}
-    bool missingFile = false;  // LoadPicture fails as for a missing file; otherwise pictures are 16 x 8
-
+    explicit FakeRasterizer(std::shared_ptr<Calls> c, uint32_t colour = 0xFFFF0000u) : calls(std::move(c)), bgra(colour) {}
     bool DrawText(const kiv::OsdTextJob& job, int32_t, int32_t, const kiv::OsdRect& region, kiv::OsdBgraView* out) override {
-        calls_->text++, calls_->lastText = job, calls_->lastRegion = region;
+        calls->text++, calls->lastText = job, calls->lastRegion = region;
         return Fill(region, out);
     }
-    std::unique_ptr<kiv::OsdPicture> LoadPicture(const kiv::OsdString&) override {
-        return missingFile ? nullptr : std::make_unique<Picture>();
-    }
+    std::unique_ptr<kiv::OsdPicture> LoadPicture(const kiv::OsdString&) override { return missingFile ? nullptr : std::make_unique<Picture>(); }
     bool DrawPicture(const kiv::OsdPicture&, int32_t, int32_t, const kiv::OsdRect& dest, const kiv::OsdRect& region,
                      kiv::OsdBgraView* out) override {
-        calls_->picture++, calls_->lastDest = dest, calls_->lastRegion = region;
+        calls->picture++, calls->lastDest = dest, calls->lastRegion = region;
         return Fill(region, out);
     }
-
-private:
-    struct Picture : kiv::OsdPicture {
+    struct Picture : kiv::OsdPicture {  // 16 x 8
         int32_t Width() const override { return 16; }
         int32_t Height() const override { return 8; }
     };
     bool Fill(const kiv::OsdRect& region, kiv::OsdBgraView* out) {
-        pixels_.assign(size_t(region.width) * size_t(region.height), bgra_);  // 0xAARRGGBB: bytes B, G, R, A
-        out->pixels = reinterpret_cast<const uint8_t*>(pixels_.data());
+        pixels.assign(size_t(region.width) * size_t(region.height), bgra);  // 0xAARRGGBB: bytes B, G, R, A
+        out->pixels = reinterpret_cast<const uint8_t*>(pixels.data());
         out->stride = region.width * 4;
         return true;
     }
-    std::shared_ptr<Calls> calls_;
-    uint32_t bgra_;
-    std::vector<uint32_t> pixels_;
+    std::shared_ptr<Calls> calls;
+    uint32_t bgra;
+    bool missingFile = false;  // LoadPicture fails as for a missing file
+    std::vector<uint32_t> pixels;
 };
 
 inline KivVideoOsdItem Item(int32_t x, int32_t y, int32_t width, int32_t height) {
@@ -70,8 +64,7 @@ template <class Colour>
 void WriteBmp24(const std::string& path, int w, int h, Colour colour) {
     const int rowBytes = (w * 3 + 3) & ~3;
     std::vector<uint8_t> file(54 + size_t(rowBytes) * h, 0);
-    // Little-endian fields from offset 2: file size, reserved, pixel offset, header size, width, height, planes
-    // and bits per pixel, compression, pixel bytes.
+    // Little-endian from offset 2: file size, reserved, pixel offset, header size, width, height, planes and bits, compression, pixel bytes.
     const uint32_t fields[] = {uint32_t(file.size()), 0, 54, 40, uint32_t(w), uint32_t(h), 1 | 24 << 16, 0, uint32_t(rowBytes * h)};
     for (size_t i = 0; i < 4 * std::size(fields); ++i) file[2 + i] = uint8_t(fields[i / 4] >> (8 * (i % 4)));
     file[0] = 'B', file[1] = 'M';
