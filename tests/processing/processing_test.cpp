@@ -3,6 +3,7 @@
 // table lookups against known tables; engine frames against a pixel-by-pixel reference for every format pair.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <cstring>
 #include <filesystem>
@@ -443,24 +444,18 @@ void ReadPixel(const KivVideoFrame& f, int x, int y, int cs, int range, T rgb[3]
     else YuvToRgb8(Y, u, v, cs, range, rgb);
 }
 
-struct ReferenceOutput {
-    std::vector<uint8_t> plane0;  // tight rows (YUY2: even width * 2)
-    std::vector<uint8_t> plane1;  // NV12 chroma rows of (width + 1) & ~1
-};
-
 // The engine's frame rules pixel by pixel, built only on the per-pixel arithmetic; cs and range already resolved.
-ReferenceOutput ReferenceConvert(const KivVideoFrame& in, int32_t outFmt, int32_t cs, int32_t range, const Kiv3DLutData* lut,
-                                 float strength) {
-    ReferenceOutput out;
+// Tight rows (YUY2: even width * 2), then NV12 chroma rows of (width + 1) & ~1.
+std::array<std::vector<uint8_t>, 2> ReferenceConvert(const KivVideoFrame& in, int32_t outFmt, int32_t cs, int32_t range, const Kiv3DLutData* lut,
+                                                     float strength) {
+    std::vector<uint8_t> plane0, plane1;
     const int w = in.width, h = in.height;
     auto graded8 = [&](int x, int y, uint8_t rgb[3]) {
-        if (in.format == KIV_PIXEL_FORMAT_NV12 && outFmt == KIV_PIXEL_FORMAT_YUY2) {
-            float f[3];
-            ReadPixel(in, x, y, cs, range, f);
+        float f[3];
+        if (in.format == KIV_PIXEL_FORMAT_NV12 && outFmt == KIV_PIXEL_FORMAT_YUY2) ReadPixel(in, x, y, cs, range, f);
+        else ReadPixel(in, x, y, cs, range, rgb);
+        if (in.format == KIV_PIXEL_FORMAT_NV12 && outFmt == KIV_PIXEL_FORMAT_YUY2)
             for (int c = 0; c < 3; ++c) rgb[c] = FloatToByte(f[c]);
-        } else {
-            ReadPixel(in, x, y, cs, range, rgb);
-        }
         if (lut) ApplyLut8(*lut, StrengthWeight(strength), rgb);
     };
     auto gradedYuv = [&](int x, int y, uint8_t yuv[3]) {
@@ -474,37 +469,32 @@ ReferenceOutput ReferenceConvert(const KivVideoFrame& in, int32_t outFmt, int32_
             for (int x = 0; x < w; ++x) {
                 uint8_t rgb[3];
                 graded8(x, y, rgb);
-                out.plane0.insert(out.plane0.end(), {rgb[2], rgb[1], rgb[0]});
-                if (outFmt == KIV_PIXEL_FORMAT_RGB32) out.plane0.push_back(255);
+                plane0.insert(plane0.end(), {rgb[2], rgb[1], rgb[0]});
+                if (outFmt == KIV_PIXEL_FORMAT_RGB32) plane0.push_back(255);
             }
     } else if (outFmt == KIV_PIXEL_FORMAT_YUY2) {
         for (int y = 0; y < h; ++y)
             for (int x = 0; x < w; x += 2) {
                 uint8_t a[3], b[3], ya[3], yb[3];
-                graded8(x, y, a);
-                if (x + 1 < w) graded8(x + 1, y, b);
-                else std::copy(a, a + 3, b);
-                RgbToYuv8(a, cs, range, ya);
-                RgbToYuv8(b, cs, range, yb);
-                out.plane0.insert(out.plane0.end(), {ya[0], uint8_t((ya[1] + yb[1] + 1) >> 1), yb[0],
-                                                     uint8_t((ya[2] + yb[2] + 1) >> 1)});
+                graded8(x, y, a), graded8(std::min(x + 1, w - 1), y, b);  // an odd row's last pixel pairs with itself
+                RgbToYuv8(a, cs, range, ya), RgbToYuv8(b, cs, range, yb);
+                plane0.insert(plane0.end(), {ya[0], uint8_t((ya[1] + yb[1] + 1) >> 1), yb[0], uint8_t((ya[2] + yb[2] + 1) >> 1)});
             }
     } else {
         uint8_t yuv[3];
         for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x) gradedYuv(x, y, yuv), out.plane0.push_back(yuv[0]);
+            for (int x = 0; x < w; ++x) gradedYuv(x, y, yuv), plane0.push_back(yuv[0]);
         const int cw = (w + 1) & ~1;
-        out.plane1.assign(size_t(cw) * ((h + 1) / 2), 0);
+        plane1.assign(size_t(cw) * ((h + 1) / 2), 0);
         for (int by = 0; by < h; by += 2)
             for (int bx = 0; bx < w; bx += 2) {
                 int su = 0, sv = 0, n = 0;
                 for (int y = by; y < by + 2 && y < h; ++y)
                     for (int x = bx; x < bx + 2 && x < w; ++x, ++n) gradedYuv(x, y, yuv), su += yuv[1], sv += yuv[2];
-                out.plane1[size_t(by / 2) * cw + bx] = uint8_t((su + n / 2) / n);
-                out.plane1[size_t(by / 2) * cw + bx + 1] = uint8_t((sv + n / 2) / n);
+                plane1[size_t(by / 2) * cw + bx] = uint8_t((su + n / 2) / n), plane1[size_t(by / 2) * cw + bx + 1] = uint8_t((sv + n / 2) / n);
             }
     }
-    return out;
+    return {plane0, plane1};
 }
 
 // Random bytes; padded strides, or zero strides and a single NV12 buffer.
@@ -526,43 +516,29 @@ struct RandomFrame {
     }
 };
 
-class ColorFrameTest : public ::testing::Test {
-protected:
+struct ColorFrameTest : ColorEngineTest {
     void SetUp() override {
+        ColorEngineTest::SetUp();
         std::mt19937 rng(5);
         std::uniform_real_distribution<float> unit(-0.1f, 1.1f);
         std::string text = "LUT_3D_SIZE 9\nDOMAIN_MIN 0.1 -0.2 0\nDOMAIN_MAX 0.9 1.3 0.5\n";
-        for (int i = 0; i < 9 * 9 * 9; ++i) text += std::to_string(unit(rng)) + " " + std::to_string(unit(rng)) + " " + std::to_string(unit(rng)) + "\n";
+        for (int i = 0; i < 3 * 9 * 9 * 9; ++i) text += std::to_string(unit(rng)) + (i % 3 == 2 ? "\n" : " ");
         ASSERT_TRUE(kiv::ParseCubeForColorEngine(text.c_str(), &lut));
-        const std::string path = kivtest::TempDir("color_frames") + "/random.cube";
-        kivtest::WriteFile(path, text);
-        ASSERT_EQ(KIV_LoadVideoColorEngineCubeFile(handle, kivtest::Wide(path).c_str()), KIV_OK);
+        ASSERT_EQ(Load(WriteCube("random.cube", text)), KIV_OK);
     }
-    void TearDown() override { KIV_DestroyPort(handle); }
-
     // Converts `in` with the given settings and compares with the reference.
     void Check(const KivVideoFrame& in, int32_t outFmt, int cs, int range, int enable = 0, float strength = 1.0f) {
-        const KivVideoColorEngineConfig config{0, enable, outFmt, cs, range, strength};
-        ASSERT_EQ(KIV_SetVideoColorEngineConfig(handle, &config), KIV_OK);
-        ASSERT_EQ(static_cast<KivPortBase*>(handle)->OnVideoFrame(&in), KIV_OK);
-        const auto ref = ReferenceConvert(in, outFmt, ResolveColorSpace(cs, in.width, in.height), ResolveRange(range),
-                                                    enable ? &lut : nullptr, strength);
-        const kivtest::CaughtFrame& out = catcher.frames.back();
+        Configure(enable, outFmt, strength, cs, range);
+        const kivtest::CaughtFrame& out = Run(in);
+        const auto ref = ReferenceConvert(in, outFmt, ResolveColorSpace(cs, in.width, in.height), ResolveRange(range), enable ? &lut : nullptr, strength);
         ASSERT_EQ((std::vector<int64_t>{out.meta.format, out.meta.width, out.meta.height, out.meta.timestamp, int64_t(out.meta.frameIndex)}),
                   (std::vector<int64_t>{outFmt, in.width, in.height, in.timestamp, int64_t(in.frameIndex)}));
-        ASSERT_EQ(out.plane0, ref.plane0);
-        if (outFmt == KIV_PIXEL_FORMAT_NV12) {
-            ASSERT_EQ(out.meta.strides[1], (in.width + 1) & ~1);
-            ASSERT_EQ(out.plane1, ref.plane1);
-        } else {
-            EXPECT_EQ(out.meta.planes[1], nullptr);
-        }
+        ASSERT_EQ(out.plane0, ref[0]);
+        if (outFmt == KIV_PIXEL_FORMAT_NV12) EXPECT_EQ(out.meta.strides[1], (in.width + 1) & ~1);
+        else EXPECT_EQ(out.meta.planes[1], nullptr);
+        EXPECT_EQ(out.plane1, ref[1]);
         catcher.frames.clear();
     }
-
-    kivtest::LibraryScope library;
-    void* handle = KIV_CreateVideoColorEngine();
-    kivtest::FrameCatcher catcher{handle};
     Kiv3DLutData lut;
 };
 
