@@ -9,8 +9,8 @@
 #include <filesystem>
 #include <random>
 
-#include "kiv_color_math.h"
-#include "kiv_lut8_fast.h"
+#include "processing/kiv_color_math.h"
+#include "processing/kiv_lut8_fast.h"
 #include "processing_test_helpers.h"
 
 using proctest::BytesPerPixel;
@@ -18,24 +18,22 @@ using namespace kiv::color;
 
 namespace {
 
-uint8_t Value(int plane, int row, int column) { return uint8_t(row * 31 + column * 7 + plane * 101); }
-
-// Padded rows, so the source stride differs from the row length.
-struct PatternFrame {
-    std::vector<uint8_t> luma, chroma;
+// Random bytes; padded strides, or zero strides and a single NV12 buffer.
+struct RandomFrame {
+    std::vector<uint8_t> plane0, plane1;
     KivVideoFrame frame{};
-    PatternFrame(int32_t format, int32_t width, int32_t height) {
-        frame = kivtest::FrameOver(format, width, height, nullptr, width * BytesPerPixel(format) + 12);
-        frame.timestamp = 123456789, frame.frameIndex = 42;
-        Fill(&luma, 0, frame.strides[0], height);
-        frame.planes[0] = luma.data();
-        if (format != KIV_PIXEL_FORMAT_NV12) return;
-        frame.strides[1] = width + 16;
-        Fill(&chroma, 1, frame.strides[1], (height + 1) / 2);
-        frame.planes[1] = chroma.data();
-    }
-    static void Fill(std::vector<uint8_t>* p, int plane, int stride, int rows) {
-        for (int i = 0; i < stride * rows; ++i) p->push_back(Value(plane, i / stride, i % stride));
+    RandomFrame(int32_t format, int w, int h, std::mt19937& rng, bool tight) {
+        const int pad = tight ? 0 : 8, chromaStride = tight ? w : ((w + 1) & ~1) + 6;
+        const int stride0 = (format == KIV_PIXEL_FORMAT_YUY2 ? ((w + 1) / 2) * 4 : w * BytesPerPixel(format)) + pad;
+        const size_t chromaBytes = format == KIV_PIXEL_FORMAT_NV12 ? size_t(chromaStride) * ((h + 1) / 2) + 2 : 0;
+        plane0.resize(size_t(stride0) * h + (tight ? chromaBytes : 0));
+        frame = kivtest::FrameOver(format, w, h, nullptr, tight ? 0 : stride0);
+        frame.timestamp = 777, frame.frameIndex = 9;
+        if (!tight && chromaBytes) plane1.resize(chromaBytes), frame.strides[1] = chromaStride;
+        for (auto* p : {&plane0, &plane1})
+            for (uint8_t& b : *p) b = uint8_t(rng());
+        frame.planes[0] = plane0.data();
+        frame.planes[1] = plane1.empty() ? nullptr : plane1.data();
     }
 };
 
@@ -73,6 +71,7 @@ struct CropTest : PortTest<CreateCrop> {
 };
 
 TEST_F(CropTest, RectanglesAreClampedExtendedAndAligned) {
+    std::mt19937 rng(3);
     const struct {
         int32_t format;
         int width, height;
@@ -94,38 +93,40 @@ TEST_F(CropTest, RectanglesAreClampedExtendedAndAligned) {
         const Rect r = c.expected;
         SCOPED_TRACE(&c - cases);
         Configure(c.requested);
-        PatternFrame in(c.format, c.width, c.height);
-        const kivtest::CaughtFrame& out = Run(in.frame);
+        RandomFrame in(c.format, c.width, c.height, rng, false);
+        const KivVideoFrame& f = in.frame;
+        const kivtest::CaughtFrame& out = Run(f);
         const int bpp = BytesPerPixel(c.format);
         ASSERT_EQ((std::vector<int64_t>{out.meta.width, out.meta.height, out.meta.strides[0], out.meta.timestamp, int64_t(out.meta.frameIndex)}),
-                  (std::vector<int64_t>{r.w, r.h, r.w * bpp, 123456789, 42}));
+                  (std::vector<int64_t>{r.w, r.h, r.w * bpp, 777, 9}));
         for (int row = 0; row < r.h; ++row)
             for (int col = 0; col < r.w * bpp; ++col)
-                ASSERT_EQ(out.plane0[size_t(row) * r.w * bpp + col], Value(0, r.y + row, r.x * bpp + col)) << row << "," << col;
+                ASSERT_EQ(out.plane0[size_t(row) * r.w * bpp + col], f.planes[0][size_t(r.y + row) * f.strides[0] + r.x * bpp + col]) << row << "," << col;
         EXPECT_EQ(out.meta.planes[1] != nullptr, c.format == KIV_PIXEL_FORMAT_NV12);
         if (c.format != KIV_PIXEL_FORMAT_NV12) continue;
         ASSERT_EQ(out.meta.strides[1], r.w);
         for (int row = 0; row < r.h / 2; ++row)
             for (int col = 0; col < r.w; ++col)
-                ASSERT_EQ(out.plane1[size_t(row) * r.w + col], Value(1, r.y / 2 + row, r.x + col)) << row << "," << col;
+                ASSERT_EQ(out.plane1[size_t(row) * r.w + col], f.planes[1][size_t(r.y / 2 + row) * f.strides[1] + r.x + col]) << row << "," << col;
     }
-    PatternFrame in(KIV_PIXEL_FORMAT_RGB32, 64, 48);  // buffers grown once are reused
+    RandomFrame in(KIV_PIXEL_FORMAT_RGB32, 64, 48, rng, false);  // buffers grown once are reused
     Configure({0, 0, 32, 32});
     const uint8_t* first = Run(in.frame).meta.planes[0];
     Configure({0, 0, 16, 8});
     EXPECT_EQ(Run(in.frame).meta.planes[0], first);
-    std::vector<uint8_t> buffer(32 * 16 * 3 / 2);  // NV12 chroma not given follows a full-height luma plane
-    for (size_t i = 0; i < buffer.size(); ++i) buffer[i] = uint8_t(i * 13 + 5);
+    RandomFrame one(KIV_PIXEL_FORMAT_NV12, 32, 16, rng, true);  // chroma not given follows a full-height luma plane
+    one.frame.strides[0] = 32;
     Configure({6, 4, 8, 6});
-    const kivtest::CaughtFrame& out = Run(kivtest::FrameOver(KIV_PIXEL_FORMAT_NV12, 32, 16, buffer.data(), 32));
+    const kivtest::CaughtFrame& out = Run(one.frame);
     ASSERT_EQ(out.plane1.size(), 24u);
-    for (int i = 0; i < 24; ++i) EXPECT_EQ(out.plane1[i], buffer[32 * 16 + (2 + i / 8) * 32 + 6 + i % 8]) << i;
+    for (int i = 0; i < 24; ++i) EXPECT_EQ(out.plane1[i], one.plane0[32 * 16 + (2 + i / 8) * 32 + 6 + i % 8]) << i;
 }
 
 // Frames the crop cannot or need not cut go on as they came, never dropped.
 TEST_F(CropTest, FramesItCannotCropPassUnchanged) {
     uint8_t payload[64] = {1, 2, 3};
-    PatternFrame yuy2(KIV_PIXEL_FORMAT_YUY2, 64, 48);
+    std::mt19937 rng(3);
+    RandomFrame yuy2(KIV_PIXEL_FORMAT_YUY2, 64, 48, rng, false);
     KivVideoFrame noPixels = yuy2.frame;
     noPixels.planes[0] = nullptr;
     const struct {
@@ -496,25 +497,6 @@ std::array<std::vector<uint8_t>, 2> ReferenceConvert(const KivVideoFrame& in, in
     }
     return {plane0, plane1};
 }
-
-// Random bytes; padded strides, or zero strides and a single NV12 buffer.
-struct RandomFrame {
-    std::vector<uint8_t> plane0, plane1;
-    KivVideoFrame frame{};
-    RandomFrame(int32_t format, int w, int h, std::mt19937& rng, bool tight) {
-        const int pad = tight ? 0 : 8, chromaStride = tight ? w : ((w + 1) & ~1) + 6;
-        const int stride0 = (format == KIV_PIXEL_FORMAT_YUY2 ? ((w + 1) / 2) * 4 : w * proctest::BytesPerPixel(format)) + pad;
-        const size_t chromaBytes = format == KIV_PIXEL_FORMAT_NV12 ? size_t(chromaStride) * ((h + 1) / 2) + 2 : 0;
-        plane0.resize(size_t(stride0) * h + (tight ? chromaBytes : 0));
-        frame = kivtest::FrameOver(format, w, h, nullptr, tight ? 0 : stride0);
-        frame.timestamp = 777, frame.frameIndex = 9;
-        if (!tight && chromaBytes) plane1.resize(chromaBytes), frame.strides[1] = chromaStride;
-        for (auto* p : {&plane0, &plane1})
-            for (uint8_t& b : *p) b = uint8_t(rng());
-        frame.planes[0] = plane0.data();
-        frame.planes[1] = plane1.empty() ? nullptr : plane1.data();
-    }
-};
 
 struct ColorFrameTest : ColorEngineTest {
     void SetUp() override {
