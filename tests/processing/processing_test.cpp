@@ -37,10 +37,6 @@ struct RandomFrame {
     }
 };
 
-struct Rect {
-    int x, y, w, h;
-};
-
 // A port of the given kind with its frames caught, and the library log on.
 template <void* (*Create)()>
 class PortTest : public ::testing::Test {
@@ -63,8 +59,7 @@ protected:
 
 void* CreateCrop() { return KIV_CreateVideoCrop(); }
 struct CropTest : PortTest<CreateCrop> {
-    void Configure(Rect r, int enable = 1) {
-        const KivVideoCropRect rect{r.x, r.y, r.w, r.h};
+    void Configure(KivVideoCropRect rect, int enable = 1) {
         ASSERT_EQ(KIV_SetVideoCropRect(handle, &rect), KIV_OK);
         ASSERT_EQ(KIV_EnableVideoCrop(handle, enable), KIV_OK);
     }
@@ -75,7 +70,7 @@ TEST_F(CropTest, RectanglesAreClampedExtendedAndAligned) {
     const struct {
         int32_t format;
         int width, height;
-        Rect requested, expected;
+        KivVideoCropRect requested, expected;
     } cases[] = {
         // A zero rectangle is the whole frame, copied with tight rows; a negative origin moves to 0; an overhanging
         // width reaches the right edge; touching the edges is kept.
@@ -89,25 +84,24 @@ TEST_F(CropTest, RectanglesAreClampedExtendedAndAligned) {
         {KIV_PIXEL_FORMAT_NV12, 64, 48, {0, 46, 64, 2}, {0, 46, 64, 2}},
         {KIV_PIXEL_FORMAT_YUY2, 64, 48, {5, 0, 100, 0}, {4, 0, 58, 48}},  // the width is worked out before x is aligned
     };
+    auto rows = [](const uint8_t* p, int stride, int count, int bytes) {  // `count` rows of `bytes` from p on
+        std::vector<uint8_t> v;
+        for (int i = 0; i < count; ++i) v.insert(v.end(), p + ptrdiff_t(i) * stride, p + ptrdiff_t(i) * stride + bytes);
+        return v;
+    };
     for (const auto& c : cases) {
-        const Rect r = c.expected;
+        const KivVideoCropRect r = c.expected;
         SCOPED_TRACE(&c - cases);
         Configure(c.requested);
         RandomFrame in(c.format, c.width, c.height, rng, false);
         const KivVideoFrame& f = in.frame;
+        const int bpp = BytesPerPixel(c.format), nv12 = c.format == KIV_PIXEL_FORMAT_NV12;
         const kivtest::CaughtFrame& out = Run(f);
-        const int bpp = BytesPerPixel(c.format);
-        ASSERT_EQ((std::vector<int64_t>{out.meta.width, out.meta.height, out.meta.strides[0], out.meta.timestamp, int64_t(out.meta.frameIndex)}),
-                  (std::vector<int64_t>{r.w, r.h, r.w * bpp, 777, 9}));
-        for (int row = 0; row < r.h; ++row)
-            for (int col = 0; col < r.w * bpp; ++col)
-                ASSERT_EQ(out.plane0[size_t(row) * r.w * bpp + col], f.planes[0][size_t(r.y + row) * f.strides[0] + r.x * bpp + col]) << row << "," << col;
-        EXPECT_EQ(out.meta.planes[1] != nullptr, c.format == KIV_PIXEL_FORMAT_NV12);
-        if (c.format != KIV_PIXEL_FORMAT_NV12) continue;
-        ASSERT_EQ(out.meta.strides[1], r.w);
-        for (int row = 0; row < r.h / 2; ++row)
-            for (int col = 0; col < r.w; ++col)
-                ASSERT_EQ(out.plane1[size_t(row) * r.w + col], f.planes[1][size_t(r.y / 2 + row) * f.strides[1] + r.x + col]) << row << "," << col;
+        EXPECT_EQ((std::vector<int64_t>{out.meta.width, out.meta.height, out.meta.strides[0], nv12 ? out.meta.strides[1] : 0, out.meta.planes[1] != nullptr,
+                                        out.meta.timestamp, int64_t(out.meta.frameIndex)}),
+                  (std::vector<int64_t>{r.w, r.h, r.w * bpp, nv12 ? r.w : 0, nv12, 777, 9}));
+        EXPECT_EQ(out.plane0, rows(f.planes[0] + ptrdiff_t(r.y) * f.strides[0] + r.x * bpp, f.strides[0], r.h, r.w * bpp));
+        EXPECT_EQ(out.plane1, nv12 ? rows(f.planes[1] + ptrdiff_t(r.y / 2) * f.strides[1] + r.x, f.strides[1], r.h / 2, r.w) : std::vector<uint8_t>());
     }
     RandomFrame in(KIV_PIXEL_FORMAT_RGB32, 64, 48, rng, false);  // buffers grown once are reused
     Configure({0, 0, 32, 32});
@@ -117,9 +111,7 @@ TEST_F(CropTest, RectanglesAreClampedExtendedAndAligned) {
     RandomFrame one(KIV_PIXEL_FORMAT_NV12, 32, 16, rng, true);  // chroma not given follows a full-height luma plane
     one.frame.strides[0] = 32;
     Configure({6, 4, 8, 6});
-    const kivtest::CaughtFrame& out = Run(one.frame);
-    ASSERT_EQ(out.plane1.size(), 24u);
-    for (int i = 0; i < 24; ++i) EXPECT_EQ(out.plane1[i], one.plane0[32 * 16 + (2 + i / 8) * 32 + 6 + i % 8]) << i;
+    EXPECT_EQ(Run(one.frame).plane1, rows(one.plane0.data() + 32 * 16 + 2 * 32 + 6, 32, 3, 8));
 }
 
 // Frames the crop cannot or need not cut go on as they came, never dropped.
@@ -131,7 +123,7 @@ TEST_F(CropTest, FramesItCannotCropPassUnchanged) {
     noPixels.planes[0] = nullptr;
     const struct {
         int enable;
-        Rect rect;
+        KivVideoCropRect rect;
         KivVideoFrame frame;
     } cases[] = {
         {0, {10, 10, 20, 20}, yuy2.frame}, {1, {64, 0, 0, 0}, yuy2.frame},  // origin at the right edge
@@ -175,15 +167,11 @@ TEST(ProcessingApi, BadHandlesAndArgumentsAreRefused) {
               std::vector<int>(5, KIV_ERROR_INVALID_ARG));
     KivVideoColorEngineConfig after{};
     ASSERT_EQ(KIV_GetVideoColorEngineConfig(engine, &after), KIV_OK);
-    EXPECT_EQ(std::vector<float>({float(after.processor), float(after.enable), float(after.outFmt), after.strength}), std::vector<float>({0, 0, 0, 1}));
+    EXPECT_TRUE(after.processor == 0 && after.enable == 0 && after.outFmt == 0 && after.strength == 1.0f);
     for (void* port : {crop, engine, mux}) KIV_DestroyPort(port);
 }
 
-std::string Lines(int count, const char* line = "0.5 0.5 0.5\n") {
-    std::string text;
-    while (count-- > 0) text += line;
-    return text;
-}
+std::string Lines(int count) { return count > 0 ? "0.5 0.5 0.5\n" + Lines(count - 1) : ""; }
 
 // Parses with both users: {engine ok, render ok}.
 std::pair<bool, bool> ParseBoth(const std::string& text, Kiv3DLutData* e = nullptr, KivRenderLutData* r = nullptr) {
@@ -275,14 +263,13 @@ TEST_F(ColorEngineTest, TablesLoadBlendAndFramesPassWhenThereIsNothingToDo) {
     Configure(1, 0);  // enabled without a table, same format out
     EXPECT_EQ(Run(in.frame).record, &in.frame);
     ASSERT_EQ(Load(WriteCube("c \xC3\xA4.cube", proctest::CubeText(2, [](float, float, float, float* o) { o[0] = 1, o[1] = 0.5f, o[2] = 0; }))), KIV_OK);
-    EXPECT_EQ(std::make_pair(Load(dir + "/missing.cube"), Load(WriteCube("bad.cube", "LUT_3D_SIZE 1\n"))), std::make_pair(KIV_ERROR_FAILED, KIV_ERROR_FAILED));
+    EXPECT_EQ(Load(dir + "/missing.cube"), KIV_ERROR_FAILED);
+    EXPECT_EQ(Load(WriteCube("bad.cube", "LUT_3D_SIZE 1\n")), KIV_ERROR_FAILED);
     for (int gpuProcessor : {1, 3}) {  // tables left to the render port; colour space and range are resolved per frame
         Configure(1, 3, 1.0f, 17, -5, gpuProcessor);
         EXPECT_EQ(Run(in.frame).record, &in.frame);
     }
-    Configure(1, 0);  // blending at every strength is checked against the reference below
-    const std::vector<uint8_t>& graded = Run(in.frame).plane0;
-    EXPECT_EQ(std::vector<uint8_t>(graded.begin(), graded.begin() + 4), std::vector<uint8_t>({0, 128, 255, 255}));
+    Configure(1, 0);  // grading itself is checked against the reference below
     const uint8_t* first = Run(in.frame).meta.planes[0];  // output buffers are reused
     EXPECT_EQ(Run(small.frame).meta.planes[0], first);
     Configure(0, 0);  // loading does not switch the table on; clearing switches it off
@@ -294,14 +281,14 @@ TEST_F(ColorEngineTest, TablesLoadBlendAndFramesPassWhenThereIsNothingToDo) {
     const size_t before = catcher.frames.size();  // empty frames are refused, not passed on
     KivVideoFrame noWidth = in.frame, noHeight = in.frame;
     noWidth.width = 0, noHeight.height = -1;
-    EXPECT_EQ(std::vector<int>({port->OnVideoFrame(&noWidth), port->OnVideoFrame(&noHeight), port->OnVideoFrame(nullptr)}), std::vector<int>(3, KIV_ERROR_INVALID_ARG));
+    EXPECT_EQ(std::vector<int>({port->OnVideoFrame(&noWidth), port->OnVideoFrame(&noHeight), port->OnVideoFrame(nullptr)}),
+              std::vector<int>(3, KIV_ERROR_INVALID_ARG));
     EXPECT_EQ(catcher.frames.size(), before);
     Configure(1, 0);
     ASSERT_EQ(KIV_ClearVideoColorEngineLut(handle), KIV_OK);
     EXPECT_EQ(Run(in.frame).record, &in.frame);
-    const std::string log = kivtest::LibraryLog();  // the log alone tells which step of a load failed
-    for (const char* part : {"cube loaded path=", "\xC3\xA4.cube dim=2", "failed: open file failed path=", "failed: parse error path="})
-        EXPECT_NE(log.find(part), std::string::npos) << part;
+    for (const char* part : {"\xC3\xA4.cube dim=2", "open file failed path=", "parse error path="})  // the log alone tells which step failed
+        EXPECT_NE(kivtest::LibraryLog().find(part), std::string::npos) << part;
 }
 
 // Ideal Y, Cb, Cr bytes of an RGB colour in [0, 1], from the luma weights alone.
@@ -361,7 +348,7 @@ TEST(ColorLut, TablesWithKnownEffects) {
     for (int i = 0; i < 20000; ++i) {
         const uint8_t in[3] = {uint8_t(rng()), uint8_t(rng()), uint8_t(rng())};
         uint8_t out[5][3];  // identity, swap, the constant at full, 60 % and no strength
-        const std::pair<const Kiv3DLutData*, int> runs[5] = {{&identity, 256}, {&swap, 256}, {&constant, 256}, {&constant, StrengthWeight(0.6f)}, {&constant, 0}};
+        const std::pair<const Kiv3DLutData*, int> runs[5] = {{&identity, 256}, {&swap, 256}, {&constant, 256}, {&constant, 154}, {&constant, 0}};
         for (int r = 0; r < 5; ++r) std::memcpy(out[r], in, 3), ApplyLut8(*runs[r].first, runs[r].second, out[r]);
         for (int c = 0; c < 3; ++c) {
             ASSERT_NEAR(out[0][c], in[c], 1);
@@ -510,9 +497,12 @@ struct ColorFrameTest : ColorEngineTest {
     }
     // Converts `in` with the given settings and compares with the reference.
     void Check(const KivVideoFrame& in, int32_t outFmt, int cs, int range, int enable = 0, float strength = 1.0f) {
+        SCOPED_TRACE(testing::Message() << "in " << in.format << " " << in.width << "x" << in.height << " strides " << in.strides[0] << " out "
+                                        << outFmt << " cs " << cs << " range " << range << " table " << enable << " strength " << strength);
         Configure(enable, outFmt, strength, cs, range);
         const kivtest::CaughtFrame& out = Run(in);
-        const auto ref = ReferenceConvert(in, outFmt, ResolveColorSpace(cs, in.width, in.height), ResolveRange(range), enable ? &lut : nullptr, strength);
+        const auto ref =
+            ReferenceConvert(in, outFmt, ResolveColorSpace(cs, in.width, in.height), ResolveRange(range), enable ? &lut : nullptr, strength);
         ASSERT_EQ((std::vector<int64_t>{out.meta.format, out.meta.width, out.meta.height, out.meta.timestamp, int64_t(out.meta.frameIndex)}),
                   (std::vector<int64_t>{outFmt, in.width, in.height, in.timestamp, int64_t(in.frameIndex)}));
         ASSERT_EQ(out.plane0, ref[0]);
@@ -540,8 +530,6 @@ TEST_F(ColorFrameTest, EveryFormatPairMatchesTheReference) {
                 for (const auto& size : sizes)
                     for (bool tight : {false, true}) {
                         if ((!s.enable && inFmt == outFmt) || (tight && inFmt == KIV_PIXEL_FORMAT_NV12 && (size[0] & 1))) continue;
-                        SCOPED_TRACE(testing::Message() << "in " << inFmt << " out " << outFmt << " size " << size[0] << "x" << size[1] << " tight "
-                                                        << tight << " strength " << s.strength << " cs " << s.cs << " range " << s.range);
                         RandomFrame in(inFmt, size[0], size[1], rng, tight);
                         Check(in.frame, outFmt, s.cs, s.range, s.enable, s.strength);
                         if (HasFatalFailure()) return;
@@ -560,26 +548,19 @@ TEST_F(ColorFrameTest, SaturatedColoursAndTheWholeYuvCubeMatchTheReference) {
         for (int32_t outFmt : {KIV_PIXEL_FORMAT_YUY2, KIV_PIXEL_FORMAT_RGB32, KIV_PIXEL_FORMAT_NV12})
             for (int cs : {1, 2})
                 for (int range : {1, 2})
-                    if (inFmt != outFmt) {
-                        SCOPED_TRACE(testing::Message() << "in " << inFmt << " out " << outFmt << " cs " << cs << " range " << range);
-                        Check(in.frame, outFmt, cs, range);
-                    }
+                    if (inFmt != outFmt) Check(in.frame, outFmt, cs, range);
     }
     // NV12 through the float reader: every luma value against a grid of chroma pairs, one pair per two rows.
     const int w = 256, pairs = 52 * 52 + 1, h = pairs * 2;
     std::vector<uint8_t> luma(size_t(w) * h), uv(size_t(w) * h / 2);
     for (size_t i = 0; i < luma.size(); ++i) luma[i] = uint8_t(i % w);
-    for (int row = 0; row < pairs; ++row)
-        for (int x = 0; x < w; x += 2) {
-            uv[size_t(row) * w + x] = uint8_t(row < pairs - 1 ? row / 52 * 5 : 255);
-            uv[size_t(row) * w + x + 1] = uint8_t(row < pairs - 1 ? row % 52 * 5 : 255);
-        }
+    for (size_t i = 0; i < uv.size(); ++i) {
+        const size_t row = i / w;
+        uv[i] = uint8_t(row == pairs - 1 ? 255 : i % 2 ? row % 52 * 5 : row / 52 * 5);
+    }
     const KivVideoFrame in = kivtest::FrameOver(KIV_PIXEL_FORMAT_NV12, w, h, luma.data(), w, uv.data(), w);
     for (int cs : {1, 2, 3})
-        for (int range : {1, 2}) {
-            SCOPED_TRACE(testing::Message() << "cs " << cs << " range " << range);
-            Check(in, KIV_PIXEL_FORMAT_YUY2, cs, range);
-        }
+        for (int range : {1, 2}) Check(in, KIV_PIXEL_FORMAT_YUY2, cs, range);
 }
 
 }  // namespace
