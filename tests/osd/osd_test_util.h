@@ -68,11 +68,9 @@ void WriteBmp24(const std::string& path, int w, int h, Colour colour) {
     const uint32_t fields[] = {uint32_t(file.size()), 0, 54, 40, uint32_t(w), uint32_t(h), 1 | 24 << 16, 0, uint32_t(rowBytes * h)};
     for (size_t i = 0; i < 4 * std::size(fields); ++i) file[2 + i] = uint8_t(fields[i / 4] >> (8 * (i % 4)));
     file[0] = 'B', file[1] = 'M';
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            uint8_t* p = &file[54 + size_t(h - 1 - y) * rowBytes + size_t(x) * 3];  // rows run bottom-up
-            p[0] = uint8_t(colour(x, y)), p[1] = uint8_t(colour(x, y) >> 8), p[2] = uint8_t(colour(x, y) >> 16);
-        }
+    for (int y = 0; y < h; ++y)  // rows run bottom-up
+        for (int x = 0; x < w; ++x)
+            for (int c = 0; c < 3; ++c) file[54 + size_t(h - 1 - y) * rowBytes + size_t(x) * 3 + c] = uint8_t(colour(x, y) >> (8 * c));
     std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(file.data()), std::streamsize(file.size()));
 }
 

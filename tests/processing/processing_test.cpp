@@ -314,10 +314,8 @@ TEST(ColorMath, ConversionsMatchTheStandards) {
                 const float rgbf[3] = {float(c[0]), float(c[1]), float(c[2])};
                 uint8_t yuv8[3], yuvf[3], back8[3];
                 float backf[3];
-                RgbToYuv8(rgb8, cs, range, yuv8);
-                RgbToYuvFloat(rgbf, cs, range, yuvf);
+                RgbToYuv8(rgb8, cs, range, yuv8), RgbToYuvFloat(rgbf, cs, range, yuvf), YuvToRgbFloat(yuvf[0], yuvf[1], yuvf[2], cs, range, backf);
                 YuvToRgb8(int(std::lround(ideal8[0])), int(std::lround(ideal8[1])), int(std::lround(ideal8[2])), cs, range, back8);
-                YuvToRgbFloat(yuvf[0], yuvf[1], yuvf[2], cs, range, backf);
                 for (int i = 0; i < 3; ++i) {
                     EXPECT_NEAR(yuv8[i], ideal8[i], 1.01) << i;
                     EXPECT_NEAR(yuvf[i], std::floor(ideal[i] + 0.5), 1.01) << i;
@@ -519,19 +517,15 @@ const int32_t kFormats[] = {KIV_PIXEL_FORMAT_YUY2, KIV_PIXEL_FORMAT_NV12, KIV_PI
 TEST_F(ColorFrameTest, EveryFormatPairMatchesTheReference) {
     std::mt19937 rng(1);
     const int sizes[][2] = {{1, 1}, {2, 2}, {7, 5}, {16, 9}, {33, 4}, {322, 3}};  // wide rows: vector paths and tails
-    const struct {
-        int enable;
-        float strength;
-        int cs, range;
-    } settings[] = {{1, 1.0f, 1, 2}, {1, 0.6f, 2, 1}, {0, 1.0f, 3, 2}, {1, 0.35f, 3, 1}, {1, 0.0f, 0, 0}};
+    const float settings[][4] = {{1, 1.0f, 1, 2}, {1, 0.6f, 2, 1}, {0, 1.0f, 3, 2}, {1, 0.35f, 3, 1}, {1, 0.0f, 0, 0}};  // table, strength, cs, range
     for (const auto& s : settings)
         for (int32_t inFmt : kFormats)
             for (int32_t outFmt : kFormats)
                 for (const auto& size : sizes)
                     for (bool tight : {false, true}) {
-                        if ((!s.enable && inFmt == outFmt) || (tight && inFmt == KIV_PIXEL_FORMAT_NV12 && (size[0] & 1))) continue;
+                        if ((!s[0] && inFmt == outFmt) || (tight && inFmt == KIV_PIXEL_FORMAT_NV12 && (size[0] & 1))) continue;
                         RandomFrame in(inFmt, size[0], size[1], rng, tight);
-                        Check(in.frame, outFmt, s.cs, s.range, s.enable, s.strength);
+                        Check(in.frame, outFmt, int(s[2]), int(s[3]), int(s[0]), s[1]);
                         if (HasFatalFailure()) return;
                     }
 }

@@ -3,9 +3,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
-#include <vector>
 
-#include "kivcapture.h"
 #include "processing/kiv_cube_lut.h"
 #include "ports/kiv_port_base.h"
 #include "test_support.h"
