@@ -384,8 +384,7 @@ TEST(ColorLut, RowLookupsAreBitExactWithThePixelRule) {
     for (int n : {2, 3, 17, 33, 65}) {
         Kiv3DLutData lut;
         lut.dim = n;
-        lut.bytes.resize(size_t(n) * n * n * 3);
-        lut.values.resize(lut.bytes.size());
+        lut.bytes.resize(size_t(n) * n * n * 3), lut.values.resize(lut.bytes.size());
         for (uint8_t& b : lut.bytes) b = uint8_t(rng());
         kiv::BuildRedGreenSteps(&lut);
         for (float strength : {1.0f, 0.6f, 0.5f, 0.01f, 0.0f}) {
@@ -395,11 +394,9 @@ TEST(ColorLut, RowLookupsAreBitExactWithThePixelRule) {
             std::vector<uint8_t> expected = row, scalar = row;
             for (size_t i = 0; i < expected.size(); i += 4) ApplyLut8(lut, StrengthWeight(strength), &expected[i]);
             Lut8Fast fast(&lut, strength);
-            fast.ApplyRow(row.data(), 4095);
-            fast.ApplyRowScalar(scalar.data(), 4095);
-            for (size_t i = 0; i < row.size(); i += 1 + (i % 4 == 2)) {  // alpha bytes skipped
+            fast.ApplyRow(row.data(), 4095), fast.ApplyRowScalar(scalar.data(), 4095);
+            for (size_t i = 0; i < row.size(); i += 1 + (i % 4 == 2))  // alpha bytes skipped
                 ASSERT_EQ(std::make_pair(row[i], scalar[i]), std::make_pair(expected[i], expected[i])) << "pixel " << i / 4;
-            }
         }
     }
 }
