@@ -26,7 +26,7 @@ bool ConnectionAllowed(int32_t srcType, int32_t dstType) {
         case KIV_PORT_VIDEO_MUX: return OneOf(dstType, {10, 22, 23, 24, 30, 31});
         case KIV_PORT_VIDEO_CROP: return OneOf(dstType, {10, 22, 24, 30, 31});
         case KIV_PORT_VIDEO_OSD: return OneOf(dstType, {10, 24, 30, 31});
-        case KIV_PORT_AUDIO_INPUT: return OneOf(dstType, {12, 21, 30, 10});
+        case KIV_PORT_AUDIO_INPUT: return OneOf(dstType, {11, 21, 30, 10});
         case KIV_PORT_AUDIO_MUX: return OneOf(dstType, {11, 30, 32, 10});
         default: return false;
     }

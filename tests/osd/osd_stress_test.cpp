@@ -22,14 +22,11 @@ TEST(OsdStress, CommandsRaceFrames) {
     void *source = KIV_CreateVideoFrameSource(), *osd = KIV_CreateVideoOsd(), *out = KIV_CreateVideoMux();
     std::atomic<int> frames{0}, pushed{0};
     std::atomic<bool> stop{false};
-    KIV_SetVideoFrameCallback(out, CountFrame, &frames);
-    ASSERT_EQ(KIV_Connect(source, osd), KIV_OK);
+    ASSERT_EQ(std::make_pair(KIV_SetVideoFrameCallback(out, CountFrame, &frames), KIV_Connect(source, osd)), std::make_pair(KIV_OK, KIV_OK));
     std::thread producer([&] {
         for (kivtest::OwnedFrame frame(KIV_PIXEL_FORMAT_NV12, 64, 48, 60); !stop; pushed++) KIV_PushVideoFrame(source, &frame.frame);
     });
-    std::thread outputs([&] {
-        while (!stop) KIV_ConnectVideoOsdOutput(osd, 1, out), KIV_Disconnect(osd, out);
-    });
+    std::thread outputs([&] { while (!stop) KIV_ConnectVideoOsdOutput(osd, 1, out), KIV_Disconnect(osd, out); });
     KivVideoOsdItem item = osdtest::Item(4, 4, 20, 10);
     osdtest::SetText(item.text, "x");
     const auto text = kivtest::Wide("y");
@@ -49,8 +46,7 @@ TEST(OsdStress, CommandsRaceFrames) {
     kivtest::OwnedFrame frame(KIV_PIXEL_FORMAT_RGB32, 16, 16, 0);
     ASSERT_EQ(KIV_PushVideoFrame(source, &frame.frame), KIV_OK);
     EXPECT_EQ(frames, before + 1);
-    KIV_Disconnect(source, osd);
-    KIV_Disconnect(osd, out);
+    KIV_Disconnect(source, osd), KIV_Disconnect(osd, out);
     EXPECT_EQ(static_cast<KivVideoOsd*>(static_cast<KivPortBase*>(osd))->FramesInProgress(), 0);
     for (void* port : {source, osd, out}) EXPECT_EQ(KIV_DestroyPort(port), KIV_OK);
 }

@@ -23,6 +23,7 @@ using kivtest::FrameCatcher;
 using kivtest::OwnedFrame;
 using kivtest::Wide;
 using List = std::vector<std::pair<int32_t, int32_t>>;
+using WString = std::basic_string<KivWChar>;
 
 namespace {
 
@@ -339,8 +340,8 @@ TEST_F(OsdPortTest, IdsAddSetUpdateRemoveAndClear) {
               std::vector<KivResult>({KIV_OK, KIV_ERROR_INVALID_ARG, KIV_ERROR_INVALID_ARG}));
     const std::vector<kiv::OsdItem> items = Port(osd)->Items();
     ASSERT_EQ(items.size(), 4u);
-    EXPECT_EQ(std::vector<std::basic_string<KivWChar>>({items[0].text, items[1].text, items[2].text, items[3].text}),
-              std::vector<std::basic_string<KivWChar>>({Wide("t"), updated, Wide("t"), Wide("t")}));
+    EXPECT_EQ(std::vector<WString>({items[0].text, items[1].text, items[2].text, items[3].text}),
+              std::vector<WString>({Wide("t"), updated, Wide("t"), Wide("t")}));
     EXPECT_EQ(items[1].width, 10);
 }
 
@@ -360,10 +361,9 @@ TEST_F(OsdPortTest, RecordDefaultsAreApplied) {
     ASSERT_EQ(KIV_AddVideoOsdImage(osd, &r), KIV_OK);
     const std::vector<kiv::OsdItem> items = Port(osd)->Items();
     ASSERT_EQ(items.size(), 4u);
-    EXPECT_EQ(std::vector<std::basic_string<KivWChar>>({items[0].text, items[0].fontName, items[0].imagePath, items[1].fontName}),
-              std::vector<std::basic_string<KivWChar>>({std::basic_string<KivWChar>(std::size(r.text), 'x'),
-                                                        std::basic_string<KivWChar>(std::size(r.fontName), 'f'),
-                                                        std::basic_string<KivWChar>(std::size(r.imagePath), 'p'), Wide("Microsoft YaHei UI")}));
+    EXPECT_EQ(std::vector<WString>({items[0].text, items[0].fontName, items[0].imagePath, items[1].fontName}),
+              std::vector<WString>({WString(std::size(r.text), 'x'), WString(std::size(r.fontName), 'f'), WString(std::size(r.imagePath), 'p'),
+                                    Wide("Microsoft YaHei UI")}));
     const std::tuple<float, uint32_t, uint32_t, int32_t, bool, bool> expected[] = {
         {0.0f, 0xFFFFFFFFu, 0x80000000u, 36, true, true},
         {1.0f, 0x00FF0000u, 0x12345678u, 3, false, true},  // colour kept as given; drawn opaque
