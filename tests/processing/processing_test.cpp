@@ -259,7 +259,6 @@ struct ColorEngineTest : PortTest<CreateEngine> {
 
 TEST_F(ColorEngineTest, TablesLoadBlendAndFramesPassWhenThereIsNothingToDo) {
     kivtest::OwnedFrame in(KIV_PIXEL_FORMAT_RGB32, 6, 2, 0), small(KIV_PIXEL_FORMAT_RGB32, 2, 2, 0);
-    for (size_t i = 0; i < in.bytes.size(); i += 4) in.bytes[i] = 200, in.bytes[i + 1] = 100;
     Configure(1, 0);  // enabled without a table, same format out
     EXPECT_EQ(Run(in.frame).record, &in.frame);
     ASSERT_EQ(Load(WriteCube("c \xC3\xA4.cube", proctest::CubeText(2, [](float, float, float, float* o) { o[0] = 1, o[1] = 0.5f, o[2] = 0; }))), KIV_OK);
@@ -275,8 +274,7 @@ TEST_F(ColorEngineTest, TablesLoadBlendAndFramesPassWhenThereIsNothingToDo) {
     Configure(0, 0);  // loading does not switch the table on; clearing switches it off
     EXPECT_EQ(Run(in.frame).record, &in.frame);
     Configure(1, 4);
-    uint8_t payload[16] = {};
-    const KivVideoFrame h264 = kivtest::FrameOver(KIV_PIXEL_FORMAT_H264, 8, 4, payload, sizeof payload);
+    const KivVideoFrame h264 = kivtest::FrameOver(KIV_PIXEL_FORMAT_H264, 8, 4, in.bytes.data(), 16);
     EXPECT_EQ(Run(h264).record, &h264);
     const size_t before = catcher.frames.size();  // empty frames are refused, not passed on
     KivVideoFrame noWidth = in.frame, noHeight = in.frame;
