@@ -27,6 +27,40 @@ using WString = std::basic_string<KivWChar>;
 
 namespace {
 
+// Draws nothing itself: records what it was asked and hands back a solid BGRA colour for the requested region.
+struct FakeRasterizer : kiv::OsdRasterizer {
+    struct Calls {  // outlives the rasteriser, which the port owns
+        int text = 0, picture = 0;
+        kiv::OsdTextJob lastText{};
+        kiv::OsdRect lastRegion{}, lastDest{};
+    };
+    explicit FakeRasterizer(std::shared_ptr<Calls> c, uint32_t colour = 0xFFFF0000u) : calls(std::move(c)), bgra(colour) {}
+    bool DrawText(const kiv::OsdTextJob& job, int32_t, int32_t, const kiv::OsdRect& region, kiv::OsdBgraView* out) override {
+        calls->text++, calls->lastText = job, calls->lastRegion = region;
+        return Fill(region, out);
+    }
+    std::unique_ptr<kiv::OsdPicture> LoadPicture(const kiv::OsdString&) override { return missingFile ? nullptr : std::make_unique<Picture>(); }
+    bool DrawPicture(const kiv::OsdPicture&, int32_t, int32_t, const kiv::OsdRect& dest, const kiv::OsdRect& region,
+                     kiv::OsdBgraView* out) override {
+        calls->picture++, calls->lastDest = dest, calls->lastRegion = region;
+        return Fill(region, out);
+    }
+    struct Picture : kiv::OsdPicture {  // 16 x 8
+        int32_t Width() const override { return 16; }
+        int32_t Height() const override { return 8; }
+    };
+    bool Fill(const kiv::OsdRect& region, kiv::OsdBgraView* out) {
+        pixels.assign(size_t(region.width) * size_t(region.height), bgra);  // 0xAARRGGBB: bytes B, G, R, A
+        out->pixels = reinterpret_cast<const uint8_t*>(pixels.data());
+        out->stride = region.width * 4;
+        return true;
+    }
+    std::shared_ptr<Calls> calls;
+    uint32_t bgra;
+    bool missingFile = false;  // LoadPicture fails as for a missing file
+    std::vector<uint32_t> pixels;
+};
+
 TEST(OsdBlend, HandWorkedPixelsInEveryCanvasFormat) {
     using Blend = std::array<float, 7>;  // x, y, blue, green, red, alpha, opacity
     const struct {
@@ -225,8 +259,8 @@ OsdItem WithText(int x, int y, int w, int h, int size, int32_t kind = kiv::kOsdT
 }
 
 TEST(OsdText, BoxFontAndColoursReachTheRasteriserAndWhatCannotBeDrawnIsSkipped) {
-    auto calls = std::make_shared<osdtest::FakeRasterizer::Calls>();
-    osdtest::FakeRasterizer raster(calls);
+    auto calls = std::make_shared<FakeRasterizer::Calls>();
+    FakeRasterizer raster(calls);
     const kiv::OsdTextJob& job = calls->lastText;
     const kiv::OsdRect& region = calls->lastRegion;
     Rgb32Canvas c(640, 480), small(64, 64);
@@ -252,8 +286,8 @@ TEST(OsdText, BoxFontAndColoursReachTheRasteriserAndWhatCannotBeDrawnIsSkipped) 
 
 // Pictures come at their own size unless given one; a colour key hides pixels; a missing file draws nothing.
 TEST(OsdPicture, OwnSizeColourKeyAndNothingWhenMissing) {
-    auto calls = std::make_shared<osdtest::FakeRasterizer::Calls>();
-    osdtest::FakeRasterizer raster(calls), green(calls, 0xFF00FF00u);
+    auto calls = std::make_shared<FakeRasterizer::Calls>();
+    FakeRasterizer raster(calls), green(calls, 0xFF00FF00u);
     Rgb32Canvas c(64, 64);
     kiv::OsdDrawPicture(c.canvas, &raster, WithText(60, 4, 0, 0, 0, kiv::kOsdPicture));  // clipped at the right edge
     EXPECT_EQ(std::vector<int>({calls->picture, calls->lastDest.width, calls->lastDest.height, calls->lastRegion.width, c.CountRed()}),
@@ -476,8 +510,8 @@ TEST_F(OsdGraphTest, DisconnectWaitsForAFrameInFlightButNotForItsOwn) {
 }
 
 TEST(OsdFramePath, NothingIsDrawnWithoutOverlayOutputs) {
-    auto calls = std::make_shared<osdtest::FakeRasterizer::Calls>();
-    KivVideoOsd port(std::make_unique<osdtest::FakeRasterizer>(calls));
+    auto calls = std::make_shared<FakeRasterizer::Calls>();
+    KivVideoOsd port(std::make_unique<FakeRasterizer>(calls));
     KivVideoOsdItem text = WithId(0);
     ASSERT_EQ(port.AddItem(&text, kiv::kOsdText), KIV_OK);
     OwnedFrame in(KIV_PIXEL_FORMAT_RGB32, 32, 32, 0);

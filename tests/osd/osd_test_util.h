@@ -1,50 +1,14 @@
-// Shared helpers of the overlay tests: a scripted rasteriser and item records.
+// Shared helpers of the overlay tests (the GDI+ timing program writes its picture with WriteBmp24).
 #pragma once
 #include <cstdint>
 #include <fstream>
 #include <iterator>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "kivcapture.h"
-#include "processing/osd_rasterizer.h"
 
 namespace osdtest {
-
-// Draws nothing itself: records what it was asked and hands back a solid BGRA colour for the requested region.
-struct FakeRasterizer : kiv::OsdRasterizer {
-    struct Calls {  // outlives the rasteriser, which the port owns
-        int text = 0, picture = 0;
-        kiv::OsdTextJob lastText{};
-        kiv::OsdRect lastRegion{}, lastDest{};
-    };
-    explicit FakeRasterizer(std::shared_ptr<Calls> c, uint32_t colour = 0xFFFF0000u) : calls(std::move(c)), bgra(colour) {}
-    bool DrawText(const kiv::OsdTextJob& job, int32_t, int32_t, const kiv::OsdRect& region, kiv::OsdBgraView* out) override {
-        calls->text++, calls->lastText = job, calls->lastRegion = region;
-        return Fill(region, out);
-    }
-    std::unique_ptr<kiv::OsdPicture> LoadPicture(const kiv::OsdString&) override { return missingFile ? nullptr : std::make_unique<Picture>(); }
-    bool DrawPicture(const kiv::OsdPicture&, int32_t, int32_t, const kiv::OsdRect& dest, const kiv::OsdRect& region,
-                     kiv::OsdBgraView* out) override {
-        calls->picture++, calls->lastDest = dest, calls->lastRegion = region;
-        return Fill(region, out);
-    }
-    struct Picture : kiv::OsdPicture {  // 16 x 8
-        int32_t Width() const override { return 16; }
-        int32_t Height() const override { return 8; }
-    };
-    bool Fill(const kiv::OsdRect& region, kiv::OsdBgraView* out) {
-        pixels.assign(size_t(region.width) * size_t(region.height), bgra);  // 0xAARRGGBB: bytes B, G, R, A
-        out->pixels = reinterpret_cast<const uint8_t*>(pixels.data());
-        out->stride = region.width * 4;
-        return true;
-    }
-    std::shared_ptr<Calls> calls;
-    uint32_t bgra;
-    bool missingFile = false;  // LoadPicture fails as for a missing file
-    std::vector<uint32_t> pixels;
-};
 
 inline KivVideoOsdItem Item(int32_t x, int32_t y, int32_t width, int32_t height) {
     KivVideoOsdItem item{};

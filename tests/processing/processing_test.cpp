@@ -1,6 +1,6 @@
-// The crop against pattern frames whose every byte tells where it came from; the cube reader through both users;
-// the colour engine port as an application drives it; per-pixel colour arithmetic against the standards' formulas,
-// table lookups against known tables; engine frames against a pixel-by-pixel reference for every format pair.
+// The crop against the source bytes of random frames; the cube reader through both users; the colour engine port as
+// an application drives it; per-pixel colour arithmetic against the standards' formulas, table lookups against known
+// tables; engine frames against a pixel-by-pixel reference for every format pair.
 #include <gtest/gtest.h>
 
 #include <array>
