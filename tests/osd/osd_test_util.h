@@ -1,56 +1,14 @@
-// Shared helpers of the overlay tests: a scripted rasteriser and item records.
+// Shared helpers of the overlay tests (the GDI+ timing program writes its picture with WriteBmp24).
 #pragma once
 #include <cstdint>
 #include <fstream>
 #include <iterator>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "kivcapture.h"
-#include "processing/osd_rasterizer.h"
 
 namespace osdtest {
-
-// Draws nothing itself: records what it was asked and hands back a solid BGRA colour for the requested region.
-class FakeRasterizer : public kiv::OsdRasterizer {
-public:
-    struct Calls {  // outlives the rasteriser, which the port owns
-        int text = 0, picture = 0;
-        kiv::OsdTextJob lastText{};
-        kiv::OsdRect lastRegion{}, lastDest{};
-    };
-    explicit FakeRasterizer(std::shared_ptr<Calls> calls, uint32_t bgra = 0xFFFF0000u) : calls_(std::move(calls)), bgra_(bgra) {}
-    bool missingFile = false;  // LoadPicture fails as for a missing file; otherwise pictures are 16 x 8
-
-    bool DrawText(const kiv::OsdTextJob& job, int32_t, int32_t, const kiv::OsdRect& region, kiv::OsdBgraView* out) override {
-        calls_->text++, calls_->lastText = job, calls_->lastRegion = region;
-        return Fill(region, out);
-    }
-    std::unique_ptr<kiv::OsdPicture> LoadPicture(const kiv::OsdString&) override {
-        return missingFile ? nullptr : std::make_unique<Picture>();
-    }
-    bool DrawPicture(const kiv::OsdPicture&, int32_t, int32_t, const kiv::OsdRect& dest, const kiv::OsdRect& region,
-                     kiv::OsdBgraView* out) override {
-        calls_->picture++, calls_->lastDest = dest, calls_->lastRegion = region;
-        return Fill(region, out);
-    }
-
-private:
-    struct Picture : kiv::OsdPicture {
-        int32_t Width() const override { return 16; }
-        int32_t Height() const override { return 8; }
-    };
-    bool Fill(const kiv::OsdRect& region, kiv::OsdBgraView* out) {
-        pixels_.assign(size_t(region.width) * size_t(region.height), bgra_);  // 0xAARRGGBB: bytes B, G, R, A
-        out->pixels = reinterpret_cast<const uint8_t*>(pixels_.data());
-        out->stride = region.width * 4;
-        return true;
-    }
-    std::shared_ptr<Calls> calls_;
-    uint32_t bgra_;
-    std::vector<uint32_t> pixels_;
-};
 
 inline KivVideoOsdItem Item(int32_t x, int32_t y, int32_t width, int32_t height) {
     KivVideoOsdItem item{};
@@ -70,16 +28,13 @@ template <class Colour>
 void WriteBmp24(const std::string& path, int w, int h, Colour colour) {
     const int rowBytes = (w * 3 + 3) & ~3;
     std::vector<uint8_t> file(54 + size_t(rowBytes) * h, 0);
-    // Little-endian fields from offset 2: file size, reserved, pixel offset, header size, width, height, planes
-    // and bits per pixel, compression, pixel bytes.
+    // Little-endian from offset 2: file size, reserved, pixel offset, header size, width, height, planes and bits, compression, pixel bytes.
     const uint32_t fields[] = {uint32_t(file.size()), 0, 54, 40, uint32_t(w), uint32_t(h), 1 | 24 << 16, 0, uint32_t(rowBytes * h)};
     for (size_t i = 0; i < 4 * std::size(fields); ++i) file[2 + i] = uint8_t(fields[i / 4] >> (8 * (i % 4)));
     file[0] = 'B', file[1] = 'M';
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            uint8_t* p = &file[54 + size_t(h - 1 - y) * rowBytes + size_t(x) * 3];  // rows run bottom-up
-            p[0] = uint8_t(colour(x, y)), p[1] = uint8_t(colour(x, y) >> 8), p[2] = uint8_t(colour(x, y) >> 16);
-        }
+    for (int y = 0; y < h; ++y)  // rows run bottom-up
+        for (int x = 0; x < w; ++x)
+            for (int c = 0; c < 3; ++c) file[54 + size_t(h - 1 - y) * rowBytes + size_t(x) * 3 + c] = uint8_t(colour(x, y) >> (8 * c));
     std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(file.data()), std::streamsize(file.size()));
 }
 

@@ -11,15 +11,14 @@
 namespace {
 
 struct Tally {
-    std::atomic<int> delivered{0}, whole{0}, mixed{0};
+    std::atomic<int> delivered{0}, mixed{0};
     static void KIV_CALL Check(const KivVideoFrame* f, void* user) {
-        auto* tally = static_cast<Tally*>(user);
-        tally->delivered++;
         const uint8_t first = f->planes[0][0];  // 51 or 204 from a table, 90 without
         bool same = first == 51 || first == 204 || first == 90;
         for (int y = 0; y < f->height; ++y)
             for (int x = 0; x < f->width * 4; ++x) same = same && (x % 4 == 3 || f->planes[0][ptrdiff_t(f->strides[0]) * y + x] == first);
-        (same ? tally->whole : tally->mixed)++;
+        static_cast<Tally*>(user)->mixed += !same;
+        static_cast<Tally*>(user)->delivered++;
     }
 };
 
@@ -27,9 +26,9 @@ TEST(ColorEngineConcurrency, TablesSwapWhileFramesFlow) {
     const std::string dir = kivtest::TempDir("color_swap");
     std::basic_string<KivWChar> paths[2];
     for (int i = 0; i < 2; ++i) {
-        const float value = i ? 0.8f : 0.2f;
-        kivtest::WriteFile(dir + "/" + char('a' + i) + ".cube", proctest::CubeText(2, [value](float, float, float, float* o) { o[0] = o[1] = o[2] = value; }));
-        paths[i] = kivtest::Wide(dir + "/" + char('a' + i) + ".cube");
+        const std::string path = dir + "/" + char('a' + i) + ".cube";
+        kivtest::WriteFile(path, proctest::CubeText(2, [i](float, float, float, float* o) { o[0] = o[1] = o[2] = i ? 0.8f : 0.2f; }));
+        paths[i] = kivtest::Wide(path);
     }
     // Made directly, without KIV_Init: under Wine a process that started Media Foundation and ran these threads
     // now and then crashed on exit.
@@ -50,12 +49,10 @@ TEST(ColorEngineConcurrency, TablesSwapWhileFramesFlow) {
         changed.strength = i % 3 ? 1.0f : 0.999f;  // weight stays 256
         ASSERT_EQ(KIV_SetVideoColorEngineConfig(engine, &changed), KIV_OK);
     }
-    const int seen = tally.delivered;  // some frames after the last swap
-    while (tally.delivered < seen + 3) std::this_thread::yield();
+    for (const int seen = tally.delivered; tally.delivered < seen + 3;) std::this_thread::yield();  // some frames after the last swap
     stop = true;
     frames.join();
     EXPECT_EQ(tally.mixed.load(), 0);
-    EXPECT_GT(tally.whole.load(), 0);
     KIV_DestroyPort(engine);
 }
 

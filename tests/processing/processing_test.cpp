@@ -1,17 +1,16 @@
-// The crop port against pattern frames whose every byte tells where it came from; the cube reader through both
-// of its users; the colour engine port as an application drives it; the per-pixel colour arithmetic against the
-// standards' formulas, table lookups against known tables and the per-pixel rule, and the engine's frames against
-// the pixel-by-pixel reference (color_reference.cpp) for every pair of formats, odd and even sizes, tables,
-// strengths, colour spaces, ranges and saturated colours.
+// The crop against the source bytes of random frames; the cube reader through both users; the colour engine port as
+// an application drives it; per-pixel colour arithmetic against the standards' formulas, table lookups against known
+// tables; engine frames against a pixel-by-pixel reference for every format pair.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <random>
 
-#include "kiv_color_math.h"
-#include "kiv_lut8_fast.h"
+#include "processing/kiv_color_math.h"
+#include "processing/kiv_lut8_fast.h"
 #include "processing_test_helpers.h"
 
 using proctest::BytesPerPixel;
@@ -19,29 +18,23 @@ using namespace kiv::color;
 
 namespace {
 
-uint8_t Value(int plane, int row, int column) { return uint8_t(row * 31 + column * 7 + plane * 101); }
-
-// Padded rows, so the source stride differs from the row length.
-struct PatternFrame {
-    std::vector<uint8_t> luma, chroma;
+// Random bytes; padded strides, or zero strides and a single NV12 buffer.
+struct RandomFrame {
+    std::vector<uint8_t> plane0, plane1;
     KivVideoFrame frame{};
-    PatternFrame(int32_t format, int32_t width, int32_t height) {
-        frame = kivtest::FrameOver(format, width, height, nullptr, width * BytesPerPixel(format) + 12);
-        frame.timestamp = 123456789, frame.frameIndex = 42;
-        Fill(&luma, 0, frame.strides[0], height);
-        frame.planes[0] = luma.data();
-        if (format != KIV_PIXEL_FORMAT_NV12) return;
-        frame.strides[1] = width + 16;
-        Fill(&chroma, 1, frame.strides[1], (height + 1) / 2);
-        frame.planes[1] = chroma.data();
+    RandomFrame(int32_t format, int w, int h, std::mt19937& rng, bool tight) {
+        const int pad = tight ? 0 : 8, chromaStride = tight ? w : ((w + 1) & ~1) + 6;
+        const int stride0 = (format == KIV_PIXEL_FORMAT_YUY2 ? ((w + 1) / 2) * 4 : w * BytesPerPixel(format)) + pad;
+        const size_t chromaBytes = format == KIV_PIXEL_FORMAT_NV12 ? size_t(chromaStride) * ((h + 1) / 2) + 2 : 0;
+        plane0.resize(size_t(stride0) * h + (tight ? chromaBytes : 0));
+        frame = kivtest::FrameOver(format, w, h, nullptr, tight ? 0 : stride0);
+        frame.timestamp = 777, frame.frameIndex = 9;
+        if (!tight && chromaBytes) plane1.resize(chromaBytes), frame.strides[1] = chromaStride;
+        for (auto* p : {&plane0, &plane1})
+            for (uint8_t& b : *p) b = uint8_t(rng());
+        frame.planes[0] = plane0.data();
+        frame.planes[1] = plane1.empty() ? nullptr : plane1.data();
     }
-    static void Fill(std::vector<uint8_t>* p, int plane, int stride, int rows) {
-        for (int i = 0; i < stride * rows; ++i) p->push_back(Value(plane, i / stride, i % stride));
-    }
-};
-
-struct Rect {
-    int x, y, w, h;
 };
 
 // A port of the given kind with its frames caught, and the library log on.
@@ -53,9 +46,10 @@ protected:
         KIV_DestroyPort(handle);
         KIV_EnableLog(0);
     }
-    const kivtest::CaughtFrame& Run(const KivVideoFrame& in) {
+    const kivtest::CaughtFrame& Run(const KivVideoFrame& in) {  // the frame passed on
+        static const kivtest::CaughtFrame none;
         EXPECT_EQ(port->OnVideoFrame(&in), KIV_OK);
-        return catcher.frames.back();
+        return catcher.frames.empty() ? none : catcher.frames.back();
     }
     kivtest::LibraryScope library;
     void* handle = Create();
@@ -65,24 +59,22 @@ protected:
 
 void* CreateCrop() { return KIV_CreateVideoCrop(); }
 struct CropTest : PortTest<CreateCrop> {
-    void Configure(Rect r, int enable = 1) {
-        const KivVideoCropRect rect{r.x, r.y, r.w, r.h};
+    void Configure(KivVideoCropRect rect, int enable = 1) {
         ASSERT_EQ(KIV_SetVideoCropRect(handle, &rect), KIV_OK);
         ASSERT_EQ(KIV_EnableVideoCrop(handle, enable), KIV_OK);
     }
 };
 
 TEST_F(CropTest, RectanglesAreClampedExtendedAndAligned) {
+    std::mt19937 rng(3);
     const struct {
         int32_t format;
         int width, height;
-        Rect requested, expected;
+        KivVideoCropRect requested, expected;
     } cases[] = {
-        // A zero rectangle is the whole frame, copied with tight rows.
-        {KIV_PIXEL_FORMAT_YUY2, 64, 48, {0, 0, 0, 0}, {0, 0, 64, 48}}, {KIV_PIXEL_FORMAT_NV12, 64, 48, {0, 0, 0, 0}, {0, 0, 64, 48}},
-        {KIV_PIXEL_FORMAT_RGB24, 64, 48, {0, 0, 0, 0}, {0, 0, 64, 48}}, {KIV_PIXEL_FORMAT_RGB32, 64, 48, {0, 0, 0, 0}, {0, 0, 64, 48}},
-        // A negative origin moves to 0; an overhanging width reaches the right edge; touching the edges is kept.
-        {KIV_PIXEL_FORMAT_RGB32, 1920, 1080, {-10, -3, 100, 50}, {0, 0, 100, 50}},
+        // A zero rectangle is the whole frame, copied with tight rows; a negative origin moves to 0; an overhanging
+        // width reaches the right edge; touching the edges is kept.
+        {KIV_PIXEL_FORMAT_RGB32, 64, 48, {0, 0, 0, 0}, {0, 0, 64, 48}}, {KIV_PIXEL_FORMAT_RGB32, 1920, 1080, {-10, -3, 100, 50}, {0, 0, 100, 50}},
         {KIV_PIXEL_FORMAT_RGB24, 1920, 1080, {100, 0, 2000, 0}, {100, 0, 1820, 1080}},
         {KIV_PIXEL_FORMAT_RGB32, 64, 48, {60, 40, 4, 8}, {60, 40, 4, 8}}, {KIV_PIXEL_FORMAT_RGB24, 64, 48, {63, 47, 1, 1}, {63, 47, 1, 1}},
         // YUY2 pairs pixels: x and w round down to even, rows stay as asked.
@@ -90,91 +82,96 @@ TEST_F(CropTest, RectanglesAreClampedExtendedAndAligned) {
         // NV12 aligns all four; chroma starts at row y / 2.
         {KIV_PIXEL_FORMAT_NV12, 64, 48, {4, 5, 6, 7}, {4, 4, 6, 6}}, {KIV_PIXEL_FORMAT_NV12, 64, 48, {3, 3, 0, 0}, {2, 2, 60, 44}},
         {KIV_PIXEL_FORMAT_NV12, 64, 48, {0, 46, 64, 2}, {0, 46, 64, 2}},
-        // The width is worked out before x is aligned: one pixel short of the edge.
-        {KIV_PIXEL_FORMAT_YUY2, 64, 48, {5, 0, 100, 0}, {4, 0, 58, 48}},
+        {KIV_PIXEL_FORMAT_YUY2, 64, 48, {5, 0, 100, 0}, {4, 0, 58, 48}},  // the width is worked out before x is aligned
+    };
+    auto rows = [](const uint8_t* p, int stride, int count, int bytes) {  // `count` rows of `bytes` from p on
+        std::vector<uint8_t> v;
+        for (int i = 0; i < count; ++i) v.insert(v.end(), p + ptrdiff_t(i) * stride, p + ptrdiff_t(i) * stride + bytes);
+        return v;
     };
     for (const auto& c : cases) {
-        const Rect r = c.expected;
+        const KivVideoCropRect r = c.expected;
         SCOPED_TRACE(&c - cases);
         Configure(c.requested);
-        PatternFrame in(c.format, c.width, c.height);
-        const kivtest::CaughtFrame& out = Run(in.frame);
-        const int bpp = BytesPerPixel(c.format);
-        ASSERT_EQ((std::vector<int64_t>{out.meta.width, out.meta.height, out.meta.strides[0], out.meta.timestamp, int64_t(out.meta.frameIndex)}),
-                  (std::vector<int64_t>{r.w, r.h, r.w * bpp, 123456789, 42}));
-        for (int row = 0; row < r.h; ++row)
-            for (int col = 0; col < r.w * bpp; ++col)
-                ASSERT_EQ(out.plane0[size_t(row) * r.w * bpp + col], Value(0, r.y + row, r.x * bpp + col)) << row << "," << col;
-        EXPECT_EQ(out.meta.planes[1] != nullptr, c.format == KIV_PIXEL_FORMAT_NV12);
-        if (c.format != KIV_PIXEL_FORMAT_NV12) continue;
-        ASSERT_EQ(out.meta.strides[1], r.w);
-        for (int row = 0; row < r.h / 2; ++row)
-            for (int col = 0; col < r.w; ++col)
-                ASSERT_EQ(out.plane1[size_t(row) * r.w + col], Value(1, r.y / 2 + row, r.x + col)) << row << "," << col;
+        RandomFrame in(c.format, c.width, c.height, rng, false);
+        const KivVideoFrame& f = in.frame;
+        const int bpp = BytesPerPixel(c.format), nv12 = c.format == KIV_PIXEL_FORMAT_NV12;
+        const kivtest::CaughtFrame& out = Run(f);
+        EXPECT_EQ((std::vector<int64_t>{out.meta.width, out.meta.height, out.meta.strides[0], nv12 ? out.meta.strides[1] : 0, out.meta.planes[1] != nullptr,
+                                        out.meta.timestamp, int64_t(out.meta.frameIndex)}),
+                  (std::vector<int64_t>{r.w, r.h, r.w * bpp, nv12 ? r.w : 0, nv12, 777, 9}));
+        EXPECT_EQ(out.plane0, rows(f.planes[0] + ptrdiff_t(r.y) * f.strides[0] + r.x * bpp, f.strides[0], r.h, r.w * bpp));
+        EXPECT_EQ(out.plane1, nv12 ? rows(f.planes[1] + ptrdiff_t(r.y / 2) * f.strides[1] + r.x, f.strides[1], r.h / 2, r.w) : std::vector<uint8_t>());
     }
-    PatternFrame in(KIV_PIXEL_FORMAT_RGB32, 64, 48);  // buffers grown once are reused
+    RandomFrame in(KIV_PIXEL_FORMAT_RGB32, 64, 48, rng, false);  // buffers grown once are reused
     Configure({0, 0, 32, 32});
     const uint8_t* first = Run(in.frame).meta.planes[0];
     Configure({0, 0, 16, 8});
     EXPECT_EQ(Run(in.frame).meta.planes[0], first);
-    // NV12 chroma not given follows a full-height luma plane in the same buffer.
-    std::vector<uint8_t> buffer(32 * 16 * 3 / 2);
-    for (size_t i = 0; i < buffer.size(); ++i) buffer[i] = uint8_t(i * 13 + 5);
+    RandomFrame one(KIV_PIXEL_FORMAT_NV12, 32, 16, rng, true);  // chroma not given follows a full-height luma plane
+    one.frame.strides[0] = 32;
     Configure({6, 4, 8, 6});
-    const kivtest::CaughtFrame& out = Run(kivtest::FrameOver(KIV_PIXEL_FORMAT_NV12, 32, 16, buffer.data(), 32));
-    ASSERT_EQ(out.plane1.size(), 24u);
-    for (int i = 0; i < 24; ++i) EXPECT_EQ(out.plane1[i], buffer[32 * 16 + (2 + i / 8) * 32 + 6 + i % 8]) << i;
+    EXPECT_EQ(Run(one.frame).plane1, rows(one.plane0.data() + 32 * 16 + 2 * 32 + 6, 32, 3, 8));
 }
 
-// Frames the crop cannot or need not cut go on as they came, never dropped; wrong handles are refused.
+// Frames the crop cannot or need not cut go on as they came, never dropped.
 TEST_F(CropTest, FramesItCannotCropPassUnchanged) {
     uint8_t payload[64] = {1, 2, 3};
-    PatternFrame yuy2(KIV_PIXEL_FORMAT_YUY2, 64, 48);
+    std::mt19937 rng(3);
+    RandomFrame yuy2(KIV_PIXEL_FORMAT_YUY2, 64, 48, rng, false);
     KivVideoFrame noPixels = yuy2.frame;
     noPixels.planes[0] = nullptr;
-    const std::string badRect = "VideoCrop invalid rect, bypass frame 64x48 fmt=1";
     const struct {
         int enable;
-        Rect rect;
+        KivVideoCropRect rect;
         KivVideoFrame frame;
-        std::string message;
     } cases[] = {
-        {0, {10, 10, 20, 20}, yuy2.frame, ""},
-        {1, {64, 0, 0, 0}, yuy2.frame, badRect},  // origin at the right edge
-        {1, {0, 48, 0, 0}, yuy2.frame, badRect},  // at the bottom edge
-        {1, {63, 0, 1, 0}, yuy2.frame, badRect},  // one YUY2 pixel is no pair
-        {1, {0, 0, 8, 8}, noPixels, ""},
-        {1, {0, 0, 16, 16}, kivtest::FrameOver(KIV_PIXEL_FORMAT_H264, 640, 480, payload, 64), "VideoCrop unsupported format=6, bypass"},
-        {1, {0, 0, 16, 16}, kivtest::FrameOver(KIV_PIXEL_FORMAT_MJPG, 640, 480, payload, 64), "VideoCrop unsupported format=5, bypass"},
-        {1, {0, 0, 0, 0}, kivtest::FrameOver(KIV_PIXEL_FORMAT_RGB32, 0, 0, payload, 0), ""},
+        {0, {10, 10, 20, 20}, yuy2.frame}, {1, {64, 0, 0, 0}, yuy2.frame},  // origin at the right edge
+        {1, {0, 48, 0, 0}, yuy2.frame},    {1, {63, 0, 1, 0}, yuy2.frame},  // at the bottom edge; one YUY2 pixel is no pair
+        {1, {0, 0, 8, 8}, noPixels},       {1, {0, 0, 0, 0}, kivtest::FrameOver(KIV_PIXEL_FORMAT_RGB32, 0, 0, payload, 0)},
+        {1, {0, 0, 16, 16}, kivtest::FrameOver(KIV_PIXEL_FORMAT_H264, 640, 480, payload, 64)},
+        {1, {0, 0, 16, 16}, kivtest::FrameOver(KIV_PIXEL_FORMAT_MJPG, 640, 480, payload, 64)},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(&c - cases);
         Configure(c.rect, c.enable);
-        auto count = [&] { return c.message.empty() ? 0 : kivtest::CountOf(kivtest::LibraryLog(), c.message); };
-        const size_t before = catcher.frames.size(), messages = count();
-        ASSERT_EQ(port->OnVideoFrame(&c.frame), KIV_OK);
-        ASSERT_EQ(catcher.frames.size(), before + 1);
-        EXPECT_EQ(catcher.frames.back().record, &c.frame);
-        EXPECT_EQ(count(), messages + !c.message.empty());
+        EXPECT_EQ(Run(c.frame).record, &c.frame) << &c - cases;
     }
+    EXPECT_EQ(catcher.frames.size(), std::size(cases));
     EXPECT_EQ(port->OnVideoFrame(nullptr), KIV_ERROR_INVALID_ARG);
-    void* mux = KIV_CreateVideoMux();
-    void* engine = KIV_CreateVideoColorEngine();
-    const KivVideoCropRect rect{1, 2, 3, 4};
-    for (void* wrong : {static_cast<void*>(nullptr), mux, engine})
-        EXPECT_EQ(std::make_pair(KIV_SetVideoCropRect(wrong, &rect), KIV_EnableVideoCrop(wrong, 1)),
-                  std::make_pair(KIV_ERROR_INVALID_ARG, KIV_ERROR_INVALID_ARG));
-    EXPECT_EQ(KIV_SetVideoCropRect(handle, nullptr), KIV_ERROR_INVALID_ARG);
-    KIV_DestroyPort(mux);
-    KIV_DestroyPort(engine);
 }
 
-std::string Lines(int count, const char* line = "0.5 0.5 0.5\n") {
-    std::string text;
-    while (count-- > 0) text += line;
-    return text;
+// Both C-interface families: wrong handles (none, another kind of port) and bad arguments are refused and change nothing.
+TEST(ProcessingApi, BadHandlesAndArgumentsAreRefused) {
+    kivtest::LibraryScope library;
+    void *crop = KIV_CreateVideoCrop(), *engine = KIV_CreateVideoColorEngine(), *mux = KIV_CreateVideoMux();
+    KivVideoColorEngineConfig config{0, 1, 4, 1, 1, 0.5f};
+    const KivVideoCropRect rect{1, 2, 3, 4};
+    const auto path = kivtest::Wide("nothing.cube");
+    const KivWChar empty[] = {0};
+    auto cropCalls = [&](void* h) { return std::vector<int>{KIV_SetVideoCropRect(h, &rect), KIV_EnableVideoCrop(h, 1)}; };
+    auto engineCalls = [&](void* h) {
+        return std::vector<int>{KIV_SetVideoColorEngineConfig(h, &config), KIV_GetVideoColorEngineConfig(h, &config),
+                                KIV_LoadVideoColorEngineCubeFile(h, path.c_str()), KIV_ClearVideoColorEngineLut(h)};
+    };
+    for (void* wrong : {static_cast<void*>(nullptr), mux, engine}) EXPECT_EQ(cropCalls(wrong), std::vector<int>(2, KIV_ERROR_INVALID_ARG));
+    for (void* wrong : {static_cast<void*>(nullptr), mux, crop}) EXPECT_EQ(engineCalls(wrong), std::vector<int>(4, KIV_ERROR_INVALID_ARG));
+    const std::pair<KivVideoColorEngineConfig, KivResult> configs[] = {
+        {{9, 1, 5, 0, 0, 7.0f}, KIV_ERROR_UNSUPPORTED},  {{9, 1, -1, 0, 0, 7.0f}, KIV_ERROR_UNSUPPORTED},  // the format is checked first
+        {{9, 1, 4, 0, 0, 7.0f}, KIV_ERROR_INVALID_ARG},  {{4, 1, 4, 0, 0, 0.5f}, KIV_ERROR_INVALID_ARG},
+        {{-1, 1, 4, 0, 0, 0.5f}, KIV_ERROR_INVALID_ARG}, {{3, 1, 4, 0, 0, 1.5f}, KIV_ERROR_INVALID_ARG},
+        {{3, 1, 4, 0, 0, -0.01f}, KIV_ERROR_INVALID_ARG}};
+    for (const auto& c : configs) EXPECT_EQ(KIV_SetVideoColorEngineConfig(engine, &c.first), c.second) << &c - configs;
+    EXPECT_EQ(std::vector<int>({KIV_SetVideoColorEngineConfig(engine, nullptr), KIV_GetVideoColorEngineConfig(engine, nullptr),
+                                KIV_LoadVideoColorEngineCubeFile(engine, nullptr), KIV_LoadVideoColorEngineCubeFile(engine, empty),
+                                KIV_SetVideoCropRect(crop, nullptr)}),
+              std::vector<int>(5, KIV_ERROR_INVALID_ARG));
+    KivVideoColorEngineConfig after{};
+    ASSERT_EQ(KIV_GetVideoColorEngineConfig(engine, &after), KIV_OK);
+    EXPECT_TRUE(after.processor == 0 && after.enable == 0 && after.outFmt == 0 && after.strength == 1.0f);
+    for (void* port : {crop, engine, mux}) KIV_DestroyPort(port);
 }
+
+std::string Lines(int count) { return count > 0 ? "0.5 0.5 0.5\n" + Lines(count - 1) : ""; }
 
 // Parses with both users: {engine ok, render ok}.
 std::pair<bool, bool> ParseBoth(const std::string& text, Kiv3DLutData* e = nullptr, KivRenderLutData* r = nullptr) {
@@ -196,35 +193,29 @@ TEST(CubeParse, WhichFilesAreAccepted) {
         std::string text;
         std::pair<bool, bool> expected;
     } cases[] = {
-        {"size 2", "LUT_3D_SIZE 2\n" + Lines(8), both},
-        {"size 1", "LUT_3D_SIZE 1\n" + Lines(8), neither},
-        {"size 129", "LUT_3D_SIZE 129\n" + Lines(8), neither},
-        {"size -2", "LUT_3D_SIZE -2\n" + Lines(8), neither},
+        {"size 2", "LUT_3D_SIZE 2\n" + Lines(8), both},          {"size 1", "LUT_3D_SIZE 1\n" + Lines(8), neither},
+        {"size 129", "LUT_3D_SIZE 129\n" + Lines(8), neither}, {"size -2", "LUT_3D_SIZE -2\n" + Lines(8), neither},
         {"a later size line replaces an earlier one", "LUT_3D_SIZE 3\nLUT_3D_SIZE 2\n" + Lines(8), both},
         {"a late size line needing more entries", Lines(8) + "LUT_3D_SIZE 3\n", neither},
         {"a bad size line after the data still fails", Lines(8) + "LUT_3D_SIZE 129\n", neither},
         {"too few entries for the size", "LUT_3D_SIZE 3\n" + Lines(26), neither},
-        {"no size: 999 entries are no cube", Lines(999), neither},
-        {"no size: one entry would be N = 1", Lines(1), neither},
-        {"empty", "", neither},
+        {"no size: 999 entries are no cube", Lines(999), neither}, {"no size: one entry would be N = 1", Lines(1), neither}, {"empty", "", neither},
         {"inverted domain: the engine takes it, the render does not", "DOMAIN_MIN 1 1 1\nDOMAIN_MAX 0 0 0\n" + Lines(8), {true, false}},
         {"empty domain axis", "DOMAIN_MIN 0 0 0\nDOMAIN_MAX 1 0 1\n" + Lines(8), neither},
         {"numbers past the line buffer are lost", "LUT_3D_SIZE 2\n" + longTail + "\n" + Lines(7), neither},
-        {"a title with numbers is no entry", "TITLE 1 2 3\n" + Lines(8), both},
-        {"letters after the numbers", "0.5 0.5 0.5TITLE\n" + Lines(7), both},
+        {"a title with numbers is no entry", "TITLE 1 2 3\n" + Lines(8), both}, {"letters after the numbers", "0.5 0.5 0.5TITLE\n" + Lines(7), both},
         {"out-of-range numbers still make an entry", "LUT_3D_SIZE 2\n1e39 -1e39 1e-50\n" + Lines(7), both},
         {"a sign twice is no number", "LUT_3D_SIZE 2\n--1 0 0\n" + Lines(7), neither},
-        {"entries beyond the size are ignored", "LUT_3D_SIZE 2\n" + Lines(9), both},
-        {"messy", messy, both},
+        {"entries beyond the size are ignored", "LUT_3D_SIZE 2\n" + Lines(9), both}, {"messy", messy, both},
     };
     for (const auto& c : cases) EXPECT_EQ(ParseBoth(c.text), c.expected) << c.what;
     Kiv3DLutData e;
     ASSERT_TRUE(kiv::ParseCubeForColorEngine(messy.c_str(), &e));
     EXPECT_EQ(std::vector<float>(e.values.begin(), e.values.begin() + 9), (std::vector<float>{0.1f, 0.2f, 0.3f, 0.4f, 0.5f, 0.6f, 0.25f, 0.25f, 0.25f}));
-    ASSERT_TRUE(kiv::ParseCubeForColorEngine((Lines(8) + "LUT_3D_SIZE 2\n").c_str(), &e));  // a late size line counts
-    EXPECT_EQ(e.dim, 2);
-    ASSERT_TRUE(kiv::ParseCubeForColorEngine((Lines(500) + "0.1 0.2\n" + Lines(500)).c_str(), &e));  // two numbers are no entry
-    EXPECT_EQ(e.dim, 10);
+    for (auto [text, dim] : {std::make_pair(Lines(8) + "LUT_3D_SIZE 2\n", 2), {Lines(500) + "0.1 0.2\n" + Lines(500), 10}}) {
+        ASSERT_TRUE(kiv::ParseCubeForColorEngine(text.c_str(), &e));  // a late size line counts; two numbers are no entry
+        EXPECT_EQ(e.dim, dim);
+    }
 }
 
 TEST(CubeParse, ValuesAreClampedAndStoredInEachUsersFormat) {
@@ -245,9 +236,7 @@ TEST(CubeParse, ValuesAreClampedAndStoredInEachUsersFormat) {
     Kiv3DLutData fe;  // failures and bad arguments leave the output alone
     KivRenderLutData fr;
     EXPECT_EQ(ParseBoth("LUT_3D_SIZE 3\n" + Lines(8), &fe, &fr), std::make_pair(false, false));
-    EXPECT_EQ(fe.dim, 0);
-    EXPECT_TRUE(fe.values.empty() && fe.bytes.empty() && fr.texels.empty());
-    EXPECT_FLOAT_EQ(fe.domainMax[1], 1.0f);
+    EXPECT_TRUE(fe.dim == 0 && fe.values.empty() && fe.bytes.empty() && fr.texels.empty() && fe.domainMax[1] == 1.0f);
     EXPECT_FALSE(kiv::ParseCubeForColorEngine(nullptr, &fe) || kiv::ParseCubeForColorEngine("", nullptr));
     EXPECT_FALSE(kiv::ParseCubeForRender(nullptr, &fr) || kiv::ParseCubeForRender("", nullptr));
 }
@@ -268,83 +257,36 @@ struct ColorEngineTest : PortTest<CreateEngine> {
     }
 };
 
-TEST_F(ColorEngineTest, WrongHandlesAndBadConfigurationsAreRefusedAndChangeNothing) {
-    void* crop = KIV_CreateVideoCrop();
-    void* mux = KIV_CreateVideoMux();
-    KivVideoColorEngineConfig config{0, 1, 4, 1, 1, 0.5f};
-    const auto path = kivtest::Wide("nothing.cube");
-    for (void* wrong : {static_cast<void*>(nullptr), mux, crop}) {
-        const std::vector<int> results = {KIV_SetVideoColorEngineConfig(wrong, &config), KIV_GetVideoColorEngineConfig(wrong, &config),
-                                          KIV_LoadVideoColorEngineCubeFile(wrong, path.c_str()), KIV_ClearVideoColorEngineLut(wrong)};
-        EXPECT_EQ(results, std::vector<int>(4, KIV_ERROR_INVALID_ARG));
-    }
-    KIV_DestroyPort(mux);
-    KIV_DestroyPort(crop);
-    const struct {
-        KivVideoColorEngineConfig config;
-        KivResult expected;
-    } cases[] = {
-        {{9, 1, 5, 0, 0, 7.0f}, KIV_ERROR_UNSUPPORTED},  // the format is checked first
-        {{9, 1, -1, 0, 0, 7.0f}, KIV_ERROR_UNSUPPORTED}, {{9, 1, 4, 0, 0, 7.0f}, KIV_ERROR_INVALID_ARG},
-        {{4, 1, 4, 0, 0, 0.5f}, KIV_ERROR_INVALID_ARG},  {{-1, 1, 4, 0, 0, 0.5f}, KIV_ERROR_INVALID_ARG},
-        {{3, 1, 4, 0, 0, 1.5f}, KIV_ERROR_INVALID_ARG},  {{3, 1, 4, 0, 0, -0.01f}, KIV_ERROR_INVALID_ARG},
-    };
-    for (const auto& c : cases) EXPECT_EQ(KIV_SetVideoColorEngineConfig(handle, &c.config), c.expected);
-    EXPECT_EQ(KIV_SetVideoColorEngineConfig(handle, nullptr), KIV_ERROR_INVALID_ARG);
-    EXPECT_EQ(KIV_GetVideoColorEngineConfig(handle, nullptr), KIV_ERROR_INVALID_ARG);
-    KivVideoColorEngineConfig after{};
-    ASSERT_EQ(KIV_GetVideoColorEngineConfig(handle, &after), KIV_OK);
-    EXPECT_EQ(std::vector<int>({after.processor, after.enable, after.outFmt}), std::vector<int>({0, 0, 0}));
-    EXPECT_FLOAT_EQ(after.strength, 1.0f);
-    Configure(1, 3, 0.25f, 17, -5, 2);  // colour space and range are resolved per frame: stored as given
-    ASSERT_EQ(KIV_GetVideoColorEngineConfig(handle, &after), KIV_OK);
-    EXPECT_EQ(std::vector<int>({after.processor, after.enable, after.outFmt, after.cs, after.range}), std::vector<int>({2, 1, 3, 17, -5}));
-    EXPECT_NE(kivtest::LibraryLog().find("ColorEngine config processor=2 enable=1 outFmt=3 strength=0.250 cs=17 range=-5"), std::string::npos);
-}
-
 TEST_F(ColorEngineTest, TablesLoadBlendAndFramesPassWhenThereIsNothingToDo) {
-    kivtest::OwnedFrame in(KIV_PIXEL_FORMAT_RGB32, 6, 2, 0);
-    for (size_t i = 0; i < in.bytes.size(); i += 4) in.bytes[i] = 200, in.bytes[i + 1] = 100;
+    kivtest::OwnedFrame in(KIV_PIXEL_FORMAT_RGB32, 6, 2, 0), small(KIV_PIXEL_FORMAT_RGB32, 2, 2, 0);
     Configure(1, 0);  // enabled without a table, same format out
     EXPECT_EQ(Run(in.frame).record, &in.frame);
     ASSERT_EQ(Load(WriteCube("c \xC3\xA4.cube", proctest::CubeText(2, [](float, float, float, float* o) { o[0] = 1, o[1] = 0.5f, o[2] = 0; }))), KIV_OK);
     EXPECT_EQ(Load(dir + "/missing.cube"), KIV_ERROR_FAILED);
     EXPECT_EQ(Load(WriteCube("bad.cube", "LUT_3D_SIZE 1\n")), KIV_ERROR_FAILED);
-    const KivWChar empty[] = {0};
-    EXPECT_EQ(std::make_pair(KIV_LoadVideoColorEngineCubeFile(handle, nullptr), KIV_LoadVideoColorEngineCubeFile(handle, empty)),
-              std::make_pair(KIV_ERROR_INVALID_ARG, KIV_ERROR_INVALID_ARG));
-    for (int gpuProcessor : {1, 3}) {  // tables left to the render port
-        Configure(1, 3, 1.0f, 0, 0, gpuProcessor);
+    for (int gpuProcessor : {1, 3}) {  // tables left to the render port; colour space and range are resolved per frame
+        Configure(1, 3, 1.0f, 17, -5, gpuProcessor);
         EXPECT_EQ(Run(in.frame).record, &in.frame);
     }
-    Configure(1, 0);  // blending at every strength is checked against the reference below
-    const std::vector<uint8_t>& graded = Run(in.frame).plane0;
-    EXPECT_EQ(std::vector<uint8_t>(graded.begin(), graded.begin() + 4), std::vector<uint8_t>({0, 128, 255, 255}));
-    kivtest::OwnedFrame small(KIV_PIXEL_FORMAT_RGB32, 2, 2, 0);  // output buffers are reused
-    const uint8_t* first = Run(in.frame).meta.planes[0];
+    Configure(1, 0);  // grading itself is checked against the reference below
+    const uint8_t* first = Run(in.frame).meta.planes[0];  // output buffers are reused
     EXPECT_EQ(Run(small.frame).meta.planes[0], first);
     Configure(0, 0);  // loading does not switch the table on; clearing switches it off
     EXPECT_EQ(Run(in.frame).record, &in.frame);
     Configure(1, 4);
-    uint8_t payload[16] = {};
-    const KivVideoFrame h264 = kivtest::FrameOver(KIV_PIXEL_FORMAT_H264, 8, 4, payload, sizeof payload);
+    const KivVideoFrame h264 = kivtest::FrameOver(KIV_PIXEL_FORMAT_H264, 8, 4, in.bytes.data(), 16);
     EXPECT_EQ(Run(h264).record, &h264);
     const size_t before = catcher.frames.size();  // empty frames are refused, not passed on
-    for (auto size : {std::make_pair(0, 4), std::make_pair(4, -1)}) {
-        in.frame.width = size.first, in.frame.height = size.second;
-        EXPECT_EQ(port->OnVideoFrame(&in.frame), KIV_ERROR_INVALID_ARG);
-    }
-    EXPECT_EQ(port->OnVideoFrame(nullptr), KIV_ERROR_INVALID_ARG);
+    KivVideoFrame noWidth = in.frame, noHeight = in.frame;
+    noWidth.width = 0, noHeight.height = -1;
+    EXPECT_EQ(std::vector<int>({port->OnVideoFrame(&noWidth), port->OnVideoFrame(&noHeight), port->OnVideoFrame(nullptr)}),
+              std::vector<int>(3, KIV_ERROR_INVALID_ARG));
     EXPECT_EQ(catcher.frames.size(), before);
-    in.frame.width = 6, in.frame.height = 2;
     Configure(1, 0);
     ASSERT_EQ(KIV_ClearVideoColorEngineLut(handle), KIV_OK);
     EXPECT_EQ(Run(in.frame).record, &in.frame);
-    const std::string log = kivtest::LibraryLog();
-    for (const std::string& line : {"ColorEngine cube loaded path=" + dir + "/c \xC3\xA4.cube dim=2",
-                                    "ColorEngine load cube failed: open file failed path=" + dir + "/missing.cube",
-                                    "ColorEngine load cube failed: parse error path=" + dir + "/bad.cube", std::string("ColorEngine LUT cleared")})
-        EXPECT_NE(log.find(line), std::string::npos) << line;
+    for (const char* part : {"\xC3\xA4.cube dim=2", "open file failed path=", "parse error path="})  // the log alone tells which step failed
+        EXPECT_NE(kivtest::LibraryLog().find(part), std::string::npos) << part;
 }
 
 // Ideal Y, Cb, Cr bytes of an RGB colour in [0, 1], from the luma weights alone.
@@ -370,10 +312,8 @@ TEST(ColorMath, ConversionsMatchTheStandards) {
                 const float rgbf[3] = {float(c[0]), float(c[1]), float(c[2])};
                 uint8_t yuv8[3], yuvf[3], back8[3];
                 float backf[3];
-                RgbToYuv8(rgb8, cs, range, yuv8);
-                RgbToYuvFloat(rgbf, cs, range, yuvf);
+                RgbToYuv8(rgb8, cs, range, yuv8), RgbToYuvFloat(rgbf, cs, range, yuvf), YuvToRgbFloat(yuvf[0], yuvf[1], yuvf[2], cs, range, backf);
                 YuvToRgb8(int(std::lround(ideal8[0])), int(std::lround(ideal8[1])), int(std::lround(ideal8[2])), cs, range, back8);
-                YuvToRgbFloat(yuvf[0], yuvf[1], yuvf[2], cs, range, backf);
                 for (int i = 0; i < 3; ++i) {
                     EXPECT_NEAR(yuv8[i], ideal8[i], 1.01) << i;
                     EXPECT_NEAR(yuvf[i], std::floor(ideal[i] + 0.5), 1.01) << i;
@@ -403,19 +343,15 @@ TEST(ColorLut, TablesWithKnownEffects) {
     const double target[3] = {51, 153, 255};
     for (int i = 0; i < 20000; ++i) {
         const uint8_t in[3] = {uint8_t(rng()), uint8_t(rng()), uint8_t(rng())};
-        uint8_t a[3], s[3], k[3], m[3], z[3];
-        for (uint8_t* p : {a, s, k, m, z}) std::memcpy(p, in, 3);
-        ApplyLut8(identity, 256, a);
-        ApplyLut8(swap, 256, s);
-        ApplyLut8(constant, 256, k);
-        ApplyLut8(constant, StrengthWeight(0.6f), m);  // 60% of the way to the table's colour
-        ApplyLut8(constant, 0, z);
+        uint8_t out[5][3];  // identity, swap, the constant at full, 60 % and no strength
+        const std::pair<const Kiv3DLutData*, int> runs[5] = {{&identity, 256}, {&swap, 256}, {&constant, 256}, {&constant, 154}, {&constant, 0}};
+        for (int r = 0; r < 5; ++r) std::memcpy(out[r], in, 3), ApplyLut8(*runs[r].first, runs[r].second, out[r]);
         for (int c = 0; c < 3; ++c) {
-            ASSERT_NEAR(a[c], in[c], 1);
-            ASSERT_NEAR(s[c], in[(c + 2) % 3], 1);
-            ASSERT_EQ(k[c], target[c]);
-            ASSERT_NEAR(m[c], in[c] + (target[c] - in[c]) * 0.6, 1.01);
-            ASSERT_EQ(z[c], in[c]);
+            ASSERT_NEAR(out[0][c], in[c], 1);
+            ASSERT_NEAR(out[1][c], in[(c + 2) % 3], 1);
+            ASSERT_EQ(out[2][c], target[c]);
+            ASSERT_NEAR(out[3][c], in[c] + (target[c] - in[c]) * 0.6, 1.01);
+            ASSERT_EQ(out[4][c], in[c]);
         }
     }
     uint8_t white[3] = {255, 255, 255};  // lattice corners are read directly
@@ -427,16 +363,14 @@ TEST(ColorLut, TablesWithKnownEffects) {
     std::uniform_real_distribution<float> unit(0.0f, 1.0f);
     for (int i = 0; i < 2000; ++i) {
         const float in[3] = {unit(rng), unit(rng), unit(rng)};
-        float id[3] = {in[0], in[1], in[2]}, h[3] = {in[0], in[1], in[2]}, m[3] = {in[0], in[1], in[2]}, b[3] = {in[0], in[1], in[2]};
-        ApplyLutFloat(fine, 1.0f, id);
-        ApplyLutFloat(half, 1.0f, h);
-        ApplyLutFloat(mirror, 1.0f, m);
-        ApplyLutFloat(small, 0.25f, b);
+        float out[4][3];
+        const std::pair<const Kiv3DLutData*, float> runs[4] = {{&fine, 1.0f}, {&half, 1.0f}, {&mirror, 1.0f}, {&small, 0.25f}};
+        for (int r = 0; r < 4; ++r) std::copy(in, in + 3, out[r]), ApplyLutFloat(*runs[r].first, runs[r].second, out[r]);
         for (int c = 0; c < 3; ++c) {
-            ASSERT_NEAR(id[c], in[c], 1e-5);
-            ASSERT_NEAR(h[c], in[c] / 2, 1e-5);
-            ASSERT_NEAR(m[c], 1 - in[c], 1e-5);
-            ASSERT_NEAR(b[c], in[c] + (target[c] / 255 - in[c]) * 0.25f, 1e-5);
+            ASSERT_NEAR(out[0][c], in[c], 1e-5);
+            ASSERT_NEAR(out[1][c], in[c] / 2, 1e-5);
+            ASSERT_NEAR(out[2][c], 1 - in[c], 1e-5);
+            ASSERT_NEAR(out[3][c], in[c] + (target[c] / 255 - in[c]) * 0.25f, 1e-5);
         }
     }
 }
@@ -448,8 +382,7 @@ TEST(ColorLut, RowLookupsAreBitExactWithThePixelRule) {
     for (int n : {2, 3, 17, 33, 65}) {
         Kiv3DLutData lut;
         lut.dim = n;
-        lut.bytes.resize(size_t(n) * n * n * 3);
-        lut.values.resize(lut.bytes.size());
+        lut.bytes.resize(size_t(n) * n * n * 3), lut.values.resize(lut.bytes.size());
         for (uint8_t& b : lut.bytes) b = uint8_t(rng());
         kiv::BuildRedGreenSteps(&lut);
         for (float strength : {1.0f, 0.6f, 0.5f, 0.01f, 0.0f}) {
@@ -459,71 +392,118 @@ TEST(ColorLut, RowLookupsAreBitExactWithThePixelRule) {
             std::vector<uint8_t> expected = row, scalar = row;
             for (size_t i = 0; i < expected.size(); i += 4) ApplyLut8(lut, StrengthWeight(strength), &expected[i]);
             Lut8Fast fast(&lut, strength);
-            fast.ApplyRow(row.data(), 4095);
-            fast.ApplyRowScalar(scalar.data(), 4095);
-            for (size_t i = 0; i < row.size(); i += 1 + (i % 4 == 2)) {  // alpha bytes skipped
+            fast.ApplyRow(row.data(), 4095), fast.ApplyRowScalar(scalar.data(), 4095);
+            for (size_t i = 0; i < row.size(); i += 1 + (i % 4 == 2))  // alpha bytes skipped
                 ASSERT_EQ(std::make_pair(row[i], scalar[i]), std::make_pair(expected[i], expected[i])) << "pixel " << i / 4;
-            }
         }
     }
 }
 
-// Random bytes; padded strides, or zero strides and a single NV12 buffer.
-struct RandomFrame {
-    std::vector<uint8_t> plane0, plane1;
-    KivVideoFrame frame{};
-    RandomFrame(int32_t format, int w, int h, std::mt19937& rng, bool tight) {
-        const int pad = tight ? 0 : 8, chromaStride = tight ? w : ((w + 1) & ~1) + 6;
-        const int stride0 = (format == KIV_PIXEL_FORMAT_YUY2 ? ((w + 1) / 2) * 4 : w * proctest::BytesPerPixel(format)) + pad;
-        const size_t chromaBytes = format == KIV_PIXEL_FORMAT_NV12 ? size_t(chromaStride) * ((h + 1) / 2) + 2 : 0;
-        plane0.resize(size_t(stride0) * h + (tight ? chromaBytes : 0));
-        frame = kivtest::FrameOver(format, w, h, nullptr, tight ? 0 : stride0);
-        frame.timestamp = 777, frame.frameIndex = 9;
-        if (!tight && chromaBytes) plane1.resize(chromaBytes), frame.strides[1] = chromaStride;
-        for (auto* p : {&plane0, &plane1})
-            for (uint8_t& b : *p) b = uint8_t(rng());
-        frame.planes[0] = plane0.data();
-        frame.planes[1] = plane1.empty() ? nullptr : plane1.data();
+// RGB of pixel (x, y), 8-bit (RGB and YUY2 outputs) or float (the float reader).
+template <class T>
+void ReadPixel(const KivVideoFrame& f, int x, int y, int cs, int range, T rgb[3]) {
+    constexpr bool kFloat = sizeof(T) == sizeof(float);
+    const int stride = f.strides[0] >= 1 ? f.strides[0] : f.width * BytesPerPixel(f.format);
+    const uint8_t* row = f.planes[0] + ptrdiff_t(stride) * y;
+    int Y, u, v;
+    if (f.format == KIV_PIXEL_FORMAT_RGB24 || f.format == KIV_PIXEL_FORMAT_RGB32) {
+        const uint8_t* p = row + x * BytesPerPixel(f.format);
+        for (int c = 0; c < 3; ++c) rgb[c] = kFloat ? T(p[2 - c] / 255.0f) : T(p[2 - c]);
+        return;
     }
-};
+    if (f.format == KIV_PIXEL_FORMAT_YUY2) {
+        const uint8_t* g = row + (x / 2) * 4;
+        const bool unpaired = x % 2 == 0 && x + 1 == f.width;  // the last pixel of an odd row
+        Y = x % 2 ? g[2] : g[0], u = g[1], v = unpaired ? (kFloat ? g[1] : 128) : g[3];
+    } else {
+        const int chromaStride = f.strides[1] >= 1 ? f.strides[1] : f.width;
+        const uint8_t* base = f.planes[1] ? f.planes[1] : f.planes[0] + ptrdiff_t(stride) * f.height;
+        const uint8_t* uv = base + ptrdiff_t(chromaStride) * (y / 2) + (x / 2) * 2;
+        Y = row[x], u = uv[0], v = uv[1];
+    }
+    if constexpr (kFloat) YuvToRgbFloat(Y, u, v, cs, range, rgb);
+    else YuvToRgb8(Y, u, v, cs, range, rgb);
+}
 
-class ColorFrameTest : public ::testing::Test {
-protected:
+// The engine's frame rules pixel by pixel, built only on the per-pixel arithmetic; cs and range already resolved.
+// Tight rows (YUY2: even width * 2), then NV12 chroma rows of (width + 1) & ~1.
+std::array<std::vector<uint8_t>, 2> ReferenceConvert(const KivVideoFrame& in, int32_t outFmt, int32_t cs, int32_t range, const Kiv3DLutData* lut,
+                                                     float strength) {
+    std::vector<uint8_t> plane0, plane1;
+    const int w = in.width, h = in.height;
+    auto graded8 = [&](int x, int y, uint8_t rgb[3]) {
+        float f[3];
+        if (in.format == KIV_PIXEL_FORMAT_NV12 && outFmt == KIV_PIXEL_FORMAT_YUY2) ReadPixel(in, x, y, cs, range, f);
+        else ReadPixel(in, x, y, cs, range, rgb);
+        if (in.format == KIV_PIXEL_FORMAT_NV12 && outFmt == KIV_PIXEL_FORMAT_YUY2)
+            for (int c = 0; c < 3; ++c) rgb[c] = FloatToByte(f[c]);
+        if (lut) ApplyLut8(*lut, StrengthWeight(strength), rgb);
+    };
+    auto gradedYuv = [&](int x, int y, uint8_t yuv[3]) {
+        float f[3];
+        ReadPixel(in, x, y, cs, range, f);
+        if (lut) ApplyLutFloat(*lut, strength, f);
+        RgbToYuvFloat(f, cs, range, yuv);
+    };
+    if (outFmt == KIV_PIXEL_FORMAT_RGB24 || outFmt == KIV_PIXEL_FORMAT_RGB32) {
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x) {
+                uint8_t rgb[3];
+                graded8(x, y, rgb);
+                plane0.insert(plane0.end(), {rgb[2], rgb[1], rgb[0]});
+                if (outFmt == KIV_PIXEL_FORMAT_RGB32) plane0.push_back(255);
+            }
+    } else if (outFmt == KIV_PIXEL_FORMAT_YUY2) {
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; x += 2) {
+                uint8_t a[3], b[3], ya[3], yb[3];
+                graded8(x, y, a), graded8(std::min(x + 1, w - 1), y, b);  // an odd row's last pixel pairs with itself
+                RgbToYuv8(a, cs, range, ya), RgbToYuv8(b, cs, range, yb);
+                plane0.insert(plane0.end(), {ya[0], uint8_t((ya[1] + yb[1] + 1) >> 1), yb[0], uint8_t((ya[2] + yb[2] + 1) >> 1)});
+            }
+    } else {
+        uint8_t yuv[3];
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x) gradedYuv(x, y, yuv), plane0.push_back(yuv[0]);
+        const int cw = (w + 1) & ~1;
+        plane1.assign(size_t(cw) * ((h + 1) / 2), 0);
+        for (int by = 0; by < h; by += 2)
+            for (int bx = 0; bx < w; bx += 2) {
+                int su = 0, sv = 0, n = 0;
+                for (int y = by; y < by + 2 && y < h; ++y)
+                    for (int x = bx; x < bx + 2 && x < w; ++x, ++n) gradedYuv(x, y, yuv), su += yuv[1], sv += yuv[2];
+                plane1[size_t(by / 2) * cw + bx] = uint8_t((su + n / 2) / n), plane1[size_t(by / 2) * cw + bx + 1] = uint8_t((sv + n / 2) / n);
+            }
+    }
+    return {plane0, plane1};
+}
+
+struct ColorFrameTest : ColorEngineTest {
     void SetUp() override {
+        ColorEngineTest::SetUp();
         std::mt19937 rng(5);
         std::uniform_real_distribution<float> unit(-0.1f, 1.1f);
         std::string text = "LUT_3D_SIZE 9\nDOMAIN_MIN 0.1 -0.2 0\nDOMAIN_MAX 0.9 1.3 0.5\n";
-        for (int i = 0; i < 9 * 9 * 9; ++i) text += std::to_string(unit(rng)) + " " + std::to_string(unit(rng)) + " " + std::to_string(unit(rng)) + "\n";
+        for (int i = 0; i < 3 * 9 * 9 * 9; ++i) text += std::to_string(unit(rng)) + (i % 3 == 2 ? "\n" : " ");
         ASSERT_TRUE(kiv::ParseCubeForColorEngine(text.c_str(), &lut));
-        const std::string path = kivtest::TempDir("color_frames") + "/random.cube";
-        kivtest::WriteFile(path, text);
-        ASSERT_EQ(KIV_LoadVideoColorEngineCubeFile(handle, kivtest::Wide(path).c_str()), KIV_OK);
+        ASSERT_EQ(Load(WriteCube("random.cube", text)), KIV_OK);
     }
-    void TearDown() override { KIV_DestroyPort(handle); }
-
     // Converts `in` with the given settings and compares with the reference.
     void Check(const KivVideoFrame& in, int32_t outFmt, int cs, int range, int enable = 0, float strength = 1.0f) {
-        const KivVideoColorEngineConfig config{0, enable, outFmt, cs, range, strength};
-        ASSERT_EQ(KIV_SetVideoColorEngineConfig(handle, &config), KIV_OK);
-        ASSERT_EQ(static_cast<KivPortBase*>(handle)->OnVideoFrame(&in), KIV_OK);
-        const auto ref = proctest::ReferenceConvert(in, outFmt, ResolveColorSpace(cs, in.width, in.height), ResolveRange(range),
-                                                    enable ? &lut : nullptr, strength);
-        const kivtest::CaughtFrame& out = catcher.frames.back();
+        SCOPED_TRACE(testing::Message() << "in " << in.format << " " << in.width << "x" << in.height << " strides " << in.strides[0] << " out "
+                                        << outFmt << " cs " << cs << " range " << range << " table " << enable << " strength " << strength);
+        Configure(enable, outFmt, strength, cs, range);
+        const kivtest::CaughtFrame& out = Run(in);
+        const auto ref =
+            ReferenceConvert(in, outFmt, ResolveColorSpace(cs, in.width, in.height), ResolveRange(range), enable ? &lut : nullptr, strength);
         ASSERT_EQ((std::vector<int64_t>{out.meta.format, out.meta.width, out.meta.height, out.meta.timestamp, int64_t(out.meta.frameIndex)}),
                   (std::vector<int64_t>{outFmt, in.width, in.height, in.timestamp, int64_t(in.frameIndex)}));
-        ASSERT_EQ(out.plane0, ref.plane0);
-        if (outFmt == KIV_PIXEL_FORMAT_NV12) {
-            ASSERT_EQ(out.meta.strides[1], (in.width + 1) & ~1);
-            ASSERT_EQ(out.plane1, ref.plane1);
-        } else {
-            EXPECT_EQ(out.meta.planes[1], nullptr);
-        }
+        ASSERT_EQ(out.plane0, ref[0]);
+        if (outFmt == KIV_PIXEL_FORMAT_NV12) EXPECT_EQ(out.meta.strides[1], (in.width + 1) & ~1);
+        else EXPECT_EQ(out.meta.planes[1], nullptr);
+        EXPECT_EQ(out.plane1, ref[1]);
         catcher.frames.clear();
     }
-
-    kivtest::LibraryScope library;
-    void* handle = KIV_CreateVideoColorEngine();
-    kivtest::FrameCatcher catcher{handle};
     Kiv3DLutData lut;
 };
 
@@ -532,21 +512,15 @@ const int32_t kFormats[] = {KIV_PIXEL_FORMAT_YUY2, KIV_PIXEL_FORMAT_NV12, KIV_PI
 TEST_F(ColorFrameTest, EveryFormatPairMatchesTheReference) {
     std::mt19937 rng(1);
     const int sizes[][2] = {{1, 1}, {2, 2}, {7, 5}, {16, 9}, {33, 4}, {322, 3}};  // wide rows: vector paths and tails
-    const struct {
-        int enable;
-        float strength;
-        int cs, range;
-    } settings[] = {{1, 1.0f, 1, 2}, {1, 0.6f, 2, 1}, {0, 1.0f, 3, 2}, {1, 0.35f, 3, 1}, {1, 0.0f, 0, 0}};
+    const float settings[][4] = {{1, 1.0f, 1, 2}, {1, 0.6f, 2, 1}, {0, 1.0f, 3, 2}, {1, 0.35f, 3, 1}, {1, 0.0f, 0, 0}};  // table, strength, cs, range
     for (const auto& s : settings)
         for (int32_t inFmt : kFormats)
             for (int32_t outFmt : kFormats)
                 for (const auto& size : sizes)
                     for (bool tight : {false, true}) {
-                        if ((!s.enable && inFmt == outFmt) || (tight && inFmt == KIV_PIXEL_FORMAT_NV12 && (size[0] & 1))) continue;
-                        SCOPED_TRACE(testing::Message() << "in " << inFmt << " out " << outFmt << " size " << size[0] << "x" << size[1] << " tight "
-                                                        << tight << " strength " << s.strength << " cs " << s.cs << " range " << s.range);
+                        if ((!s[0] && inFmt == outFmt) || (tight && inFmt == KIV_PIXEL_FORMAT_NV12 && (size[0] & 1))) continue;
                         RandomFrame in(inFmt, size[0], size[1], rng, tight);
-                        Check(in.frame, outFmt, s.cs, s.range, s.enable, s.strength);
+                        Check(in.frame, outFmt, int(s[2]), int(s[3]), int(s[0]), s[1]);
                         if (HasFatalFailure()) return;
                     }
 }
@@ -563,26 +537,19 @@ TEST_F(ColorFrameTest, SaturatedColoursAndTheWholeYuvCubeMatchTheReference) {
         for (int32_t outFmt : {KIV_PIXEL_FORMAT_YUY2, KIV_PIXEL_FORMAT_RGB32, KIV_PIXEL_FORMAT_NV12})
             for (int cs : {1, 2})
                 for (int range : {1, 2})
-                    if (inFmt != outFmt) {
-                        SCOPED_TRACE(testing::Message() << "in " << inFmt << " out " << outFmt << " cs " << cs << " range " << range);
-                        Check(in.frame, outFmt, cs, range);
-                    }
+                    if (inFmt != outFmt) Check(in.frame, outFmt, cs, range);
     }
     // NV12 through the float reader: every luma value against a grid of chroma pairs, one pair per two rows.
     const int w = 256, pairs = 52 * 52 + 1, h = pairs * 2;
     std::vector<uint8_t> luma(size_t(w) * h), uv(size_t(w) * h / 2);
     for (size_t i = 0; i < luma.size(); ++i) luma[i] = uint8_t(i % w);
-    for (int row = 0; row < pairs; ++row)
-        for (int x = 0; x < w; x += 2) {
-            uv[size_t(row) * w + x] = uint8_t(row < pairs - 1 ? row / 52 * 5 : 255);
-            uv[size_t(row) * w + x + 1] = uint8_t(row < pairs - 1 ? row % 52 * 5 : 255);
-        }
+    for (size_t i = 0; i < uv.size(); ++i) {
+        const size_t row = i / w;
+        uv[i] = uint8_t(row == pairs - 1 ? 255 : i % 2 ? row % 52 * 5 : row / 52 * 5);
+    }
     const KivVideoFrame in = kivtest::FrameOver(KIV_PIXEL_FORMAT_NV12, w, h, luma.data(), w, uv.data(), w);
     for (int cs : {1, 2, 3})
-        for (int range : {1, 2}) {
-            SCOPED_TRACE(testing::Message() << "cs " << cs << " range " << range);
-            Check(in, KIV_PIXEL_FORMAT_YUY2, cs, range);
-        }
+        for (int range : {1, 2}) Check(in, KIV_PIXEL_FORMAT_YUY2, cs, range);
 }
 
 }  // namespace

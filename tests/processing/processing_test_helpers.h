@@ -1,12 +1,9 @@
-// Shared pieces of the crop and colour engine tests, and a plain pixel-by-pixel rendering of the colour
-// engine's frame rules (color_reference.cpp), built only on the per-pixel arithmetic.
+// Shared pieces of the crop and colour engine tests (the GPU render tests use the cube writer too).
 #pragma once
 #include <cstdint>
 #include <cstdio>
 #include <string>
-#include <vector>
 
-#include "kivcapture.h"
 #include "processing/kiv_cube_lut.h"
 #include "ports/kiv_port_base.h"
 #include "test_support.h"
@@ -32,14 +29,5 @@ std::string CubeText(int n, Fn fn) {
             }
     return text;
 }
-
-struct ReferenceOutput {
-    std::vector<uint8_t> plane0;  // tight rows (YUY2: even width * 2)
-    std::vector<uint8_t> plane1;  // NV12 chroma rows of (width + 1) & ~1
-};
-
-// cs and range already resolved; lut may be null.
-ReferenceOutput ReferenceConvert(const KivVideoFrame& in, int32_t outFmt, int32_t cs, int32_t range, const Kiv3DLutData* lut,
-                                 float strength);
 
 }  // namespace proctest
