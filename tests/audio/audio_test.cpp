@@ -14,8 +14,6 @@
 #include <cmath>
 #include <cstring>
 #include <deque>
-#include <limits>
-#include <mutex>
 #include <thread>
 
 #include "audio/kiv_audio_input.h"
@@ -30,14 +28,8 @@ namespace {
 
 using Strings = std::vector<std::string>;
 
-// Restarts the library log so a test sees only its own lines.
 void FreshLog() { KIV_EnableLog(0), KIV_EnableLog(1); }
-Strings Lines(const std::string& part = "") {  // the log's messages containing `part`
-    Strings found;
-    for (const kivtest::LogMessage& m : kivtest::LogMessages(kivtest::LibraryLog()))
-        if (m.text.find(part) != std::string::npos) found.push_back(m.text);
-    return found;
-}
+size_t Count(const std::string& part) { return kivtest::CountOf(kivtest::LibraryLog(), part); }
 template <class Pred> bool WaitFor(Pred done, int seconds = 10) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
     for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(1)))
@@ -64,14 +56,10 @@ struct Capture {
 
 #ifndef _WIN32
 
-// Each of `parts` in a line of its own, in this order.
-void ExpectInOrder(const Strings& lines, const Strings& parts) {
-    auto at = lines.begin();
-    for (const std::string& part : parts) {
-        at = std::find_if(at, lines.end(), [&](const std::string& line) { return line.find(part) != line.npos; });
-        ASSERT_NE(at, lines.end()) << "missing or out of order: " << part;
-        ++at;
-    }
+void ExpectInOrder(const Strings& parts) {
+    const std::string log = kivtest::LibraryLog();
+    size_t at = 0;
+    for (const std::string& part : parts) ASSERT_NE(at = log.find(part, at), log.npos) << "missing or out of order: " << part;
 }
 
 using kiv::AudioMixFormat;
@@ -97,7 +85,7 @@ TEST(AudioConvert, MixFormatsBecomeInterleaved16Bit) {
     } cases[] = {
         {"float clamps, truncates", Format(F, 1, 32, 3), Bytes<float>({1.5f, -1.5f, 0.5f, -0.5f, 1e-5f, -1}), 1,
          {32767, -32767, 16383, -16383, 0, -32767}, 32767},
-        {"float NaN", Format(F, 1, 32, 3), Bytes<float>({std::numeric_limits<float>::quiet_NaN(), 0.25f}), 1, {0, 8191}, 8191},
+        {"float NaN", Format(F, 1, 32, 3), Bytes<float>({std::nanf(""), 0.25f}), 1, {0, 8191}, 8191},
         {"8-bit", Format(I, 1, 8), {0, 128, 255, 1}, 1, {-32768, 0, 32512, -32512}, 32768},
         {"16-bit", Format(I, 2, 16), Bytes<int16_t>({-32768, 32767, 1, -1}), 2, {-32768, 32767, 1, -1}, 32768},
         {"32-bit", Format(I, 1, 32), Bytes<int32_t>({0x7FFFFFFF, INT32_MIN, 0x0001FFFF, -1}), 1, {32767, -32768, 1, -1}, 32768},
@@ -282,8 +270,8 @@ TEST(AudioRender, WritesWhatFitsAndDropsTheRestOrTheFrameOnFailure) {
         EXPECT_EQ(r.closes, c.step == S::kNone ? 0 : 1);  // an endpoint that did not open is closed at once
         const size_t copied = (r.failAt == "ReleaseBuffer" ? 50 : c.written) * 4;  // a failed release still had the bytes
         EXPECT_EQ(r.written, std::vector<uint8_t>(pcm.bytes.begin(), pcm.bytes.begin() + copied));
-        EXPECT_EQ(Lines("failed").size(), c.failures.size());
-        ExpectInOrder(Lines("failed"), c.failures);
+        EXPECT_EQ(Count("failed"), c.failures.size());
+        ExpectInOrder(c.failures);
         r.renderFailStep = S::kNone, r.failAt = "", r.padding = 0;
         EXPECT_EQ(r.port.OnAudioFrame(&pcm.frame), KIV_OK);
         EXPECT_EQ(r.Counts(), U64s({960, c.written + 480, c.dropped, 0}));
@@ -319,8 +307,8 @@ TEST(AudioRender, OpensLazilyReopensOnAFormatChangeAndRefusesBadFrames) {
     EXPECT_EQ(r.closes, 4);
     EXPECT_EQ(r.port.OnAudioFrame(&a.frame), KIV_OK);  // after Stop: ignored
     EXPECT_EQ(r.Counts(), U64s({46, 34, 12, 12}));
-    EXPECT_EQ(Lines("Audio render stats").size(), 1u);
-    ExpectInOrder(Lines("Audio render stats"), {"receivedFrames=22 writtenFrames=22 droppedFrames=0 silenceFrames=0 peak=32768"});
+    EXPECT_EQ(Count("Audio render stats"), 1u);
+    EXPECT_EQ(Count("stats receivedFrames=22 writtenFrames=22 droppedFrames=0 silenceFrames=0 peak=32768"), 1u);
 }
 
 Script::Packet Packet(std::vector<int16_t> interleaved, bool silent = false) {
@@ -360,9 +348,8 @@ TEST(AudioInput, PacketsBecomeFramesTimedByTheSampleCursor) {
     }
     EXPECT_EQ(in.caught.samples, std::vector<int16_t>({1, 3, 0, 0, 0, -300, 1}));
     EXPECT_EQ(in.port.SampleCursor(), 14u);
-    ExpectInOrder(Lines("Audio input thread exit"),
-                  {"packets=3 frames=6 bytes=24 silentPackets=1 errors=0", "packets=2 frames=8 bytes=32 silentPackets=0"});
-    ExpectInOrder(Lines("Audio capture stats"), {"peak=3 sampleCursor=5", "peak=300 sampleCursor=6", "peak=0 sampleCursor=6"});
+    ExpectInOrder({"exit packets=3 frames=6 bytes=24 silentPackets=1 errors=0", "exit packets=2 frames=8 bytes=32 silentPackets=0"});
+    ExpectInOrder({"peak=3 sampleCursor=5", "peak=300 sampleCursor=6", "peak=0 sampleCursor=6"});
 }
 
 // Which call failed shows only in the log; the opening failures end the thread before any frame.
@@ -397,17 +384,16 @@ TEST(AudioInput, LogsEveryFailingCall) {
         Input in;
         in.open.failedStep = c.openStep, in.failAt = c.failAt, in.bursts.push_back({Packet({7, 7})});
         ASSERT_EQ(in.port.Start(), KIV_OK);
-        ASSERT_TRUE(WaitFor([&] { return !Lines(c.lines.front()).empty(); }));
+        ASSERT_TRUE(WaitFor([&] { return Count(c.lines.front()) > 0; }));
         ASSERT_EQ(in.port.Stop(), KIV_OK);
-        ExpectInOrder(Lines(), c.lines);
-        EXPECT_TRUE(c.opened || in.caught.frames.size() + Lines("Audio input thread exit").size() == 0);
+        ExpectInOrder(c.lines);
+        EXPECT_TRUE(c.opened || in.caught.frames.size() + Count("Audio input thread exit") == 0);
         EXPECT_EQ(in.closes, 1);
     }
 }
 
 TEST(AudioApi, SettersRefuseBadArgumentsAndStartAndStopAreIdempotent) {
-    EXPECT_EQ(KIV_CreateAudioInput(), nullptr);  // the library is not initialised yet
-    EXPECT_EQ(KIV_CreateAudioRender(), nullptr);
+    for (void* p : {KIV_CreateAudioInput(), KIV_CreateAudioRender()}) EXPECT_EQ(p, nullptr);  // not initialised yet
     kivtest::LibraryScope library;
     FreshLog();
     void *input = KIV_CreateAudioInput(), *render = KIV_CreateAudioRender(), *mux = KIV_CreateAudioMux();
@@ -421,10 +407,9 @@ TEST(AudioApi, SettersRefuseBadArgumentsAndStartAndStopAreIdempotent) {
     EXPECT_EQ(std::vector<int>({KIV_SetAudioInputDevice(input, 2), KIV_SetAudioInputPCM(input, 1, 1, 16),
                                 KIV_SetAudioInputPCM(input, 44100, 1, 16), KIV_SetAudioRenderDefaultDevice(render)}),
               std::vector<int>(4, KIV_OK));
-    EXPECT_EQ(KIV_Stop(input), KIV_OK);  // not started: nothing to do
-    for (int i = 0; i < 4; ++i) EXPECT_EQ(i < 2 ? KIV_Start(input) : KIV_Stop(input), KIV_OK);
-    EXPECT_EQ(std::make_pair(Lines("Audio input start device=2 request=44100 Hz 1 ch").size(), Lines("Audio input stop").size()),
-              std::make_pair(1ul, 1ul));
+    for (auto call : {KIV_Stop, KIV_Start, KIV_Start, KIV_Stop, KIV_Stop}) EXPECT_EQ(call(input), KIV_OK);
+    EXPECT_EQ(std::make_pair(Count("Audio input start device=2 request=44100 Hz 1 ch"), Count("Audio input stop")),
+              std::make_pair(size_t{1}, size_t{1}));
     KIV_EnableLog(0);
     for (void* p : {input, render, mux}) EXPECT_EQ(KIV_DestroyPort(p), KIV_OK);
 }
@@ -466,7 +451,7 @@ int32_t IndexOf(const std::string& part) {
     KivDeviceInfo info;
     for (int32_t i = 0; i < KIV_GetAudioInputDeviceCount(); ++i)
         if (KIV_GetAudioInputDeviceInfo(i, &info) == KIV_OK && std::strstr(info.name, part.c_str())) return i;
-    return -1;
+    return ADD_FAILURE() << part << " is not listed", -1;
 }
 
 // Frequency (Goertzel power, 25 Hz steps), level and continuity of the 1 kHz tone in channel `channel` of
@@ -519,26 +504,18 @@ TEST_F(AudioEndpoints, TheListIsWhatCoreAudioEnumerates) {
         EXPECT_EQ(info.name, expected[i].first.empty() ? "Unknown Audio Device" : expected[i].first.substr(0, 255));
         EXPECT_EQ(info.path, expected[i].second.substr(0, 511));
     }
-    for (const char* part : {"kiv_sink_a", "kiv_sink_b"}) EXPECT_GE(IndexOf(part), 0) << part;
+    for (const char* part : {"kiv_sink_a", "kiv_sink_b"}) IndexOf(part);
     // The script adds one whose name is cut inside a two-byte character.
     EXPECT_TRUE(!kRecording || expected.at(IndexOf("kiv_long_")).first.size() > 255);
-}
-
-std::vector<int16_t> ReadPcm(const char* path) {
-    const std::vector<uint8_t> bytes = streamtest::ReadAll(path);
-    const int16_t* s = reinterpret_cast<const int16_t*>(bytes.data());
-    return {s, s + bytes.size() / 2};
 }
 
 // Input from kiv_sink_a's monitor, with a callback and through a mux into the default playback device.
 TEST_F(AudioEndpoints, TheToneIsCapturedWithoutGapsAndPlayedIntoTheDefaultDevice) {
     if (!kRecording) GTEST_SKIP() << "needs run_endpoint_tests.sh";
-    const int32_t index = IndexOf("kiv_sink_a");
-    ASSERT_GE(index, 0);
-    const size_t before = ReadPcm(kRecording).size();
+    const size_t before = kivtest::ReadFile(kRecording).size() / 2;
     void *input = KIV_CreateAudioInput(), *mux = KIV_CreateAudioMux(), *render = KIV_CreateAudioRender();
     Capture capture;
-    ASSERT_EQ(std::vector<int>({KIV_SetAudioInputDevice(input, index), KIV_SetAudioInputPCM(input, 44100, 2, 16),
+    ASSERT_EQ(std::vector<int>({KIV_SetAudioInputDevice(input, IndexOf("kiv_sink_a")), KIV_SetAudioInputPCM(input, 44100, 2, 16),
                                 KIV_SetAudioFrameCallback(input, Capture::On, &capture),
                                 KIV_SetAudioRenderDefaultDevice(render), KIV_Connect(input, mux), KIV_Connect(mux, render),
                                 KIV_Start(render), KIV_Start(input)}),
@@ -563,7 +540,9 @@ TEST_F(AudioEndpoints, TheToneIsCapturedWithoutGapsAndPlayedIntoTheDefaultDevice
     for (int channel : {0, 1}) ExpectTone(capture.samples, channel, mixRate / 2, cursor - mixRate / 10, mixRate, true);
 
     // kiv_sink_b's monitor (48 kHz stereo) since the loop started: the tone is where samples pass half its amplitude.
-    const std::vector<int16_t> all = ReadPcm(kRecording), played(all.begin() + before, all.end());
+    const std::string all = kivtest::ReadFile(kRecording);
+    const int16_t* pcm = reinterpret_cast<const int16_t*>(all.data());
+    const std::vector<int16_t> played(pcm + before, pcm + all.size() / 2);
     size_t first = played.size(), last = 0;
     for (size_t i = 0; i < played.size() / 2; ++i)
         if (std::abs(played[2 * i]) > kAmplitude / 2) first = std::min(first, i), last = i;
@@ -573,14 +552,12 @@ TEST_F(AudioEndpoints, TheToneIsCapturedWithoutGapsAndPlayedIntoTheDefaultDevice
 }
 
 TEST_F(AudioEndpoints, TheRecorderGoesOnWithoutAnAacEncoder) {
-    const int32_t index = IndexOf("kiv_sink_a");
-    ASSERT_GE(index, 0);
     const std::string file = kivtest::TempDir("audio_recorder") + "/with_audio.mp4";
     void *input = KIV_CreateAudioInput(), *source = KIV_CreateVideoFrameSource(), *recorder = KIV_CreateRecorder(nullptr);
     KivRecorderConfig config{};
     streamtest::WidePath(file).copy(config.filePath, std::size(config.filePath) - 1);
     config.width = 320, config.height = 240, config.recordFps = 25, config.audio = 1;
-    ASSERT_EQ(std::vector<int>({KIV_SetAudioInputDevice(input, index), KIV_SetRecorderConfig(recorder, &config),
+    ASSERT_EQ(std::vector<int>({KIV_SetAudioInputDevice(input, IndexOf("kiv_sink_a")), KIV_SetRecorderConfig(recorder, &config),
                                 KIV_Connect(input, recorder), KIV_Connect(source, recorder), KIV_Start(recorder),
                                 KIV_Start(input)}),
               std::vector<int>(6, KIV_OK));
@@ -600,7 +577,7 @@ TEST_F(AudioEndpoints, TheRecorderGoesOnWithoutAnAacEncoder) {
     ASSERT_EQ(KIV_GetRecorderStats(recorder, &stats), KIV_OK);
     EXPECT_GT(stats.encodedFrames, 0);
     for (void* p : {input, source, recorder}) EXPECT_EQ(KIV_DestroyPort(p), KIV_OK);
-    EXPECT_EQ(Lines("AAC encoder init failed sr=").size(), 1u);  // with the input's mix rate, logged
+    EXPECT_EQ(Count("AAC encoder init failed sr="), 1u);  // with the input's mix rate, logged
     const streamtest::Bytes mp4 = streamtest::ReadAll(file);
     streamtest::Box box;
     EXPECT_TRUE(streamtest::FindBox(mp4, "moov/trak", &box, 0));
