@@ -48,8 +48,7 @@ struct Capture {
         std::lock_guard<std::mutex> lock(c->mutex);
         const int16_t* s = reinterpret_cast<const int16_t*>(f->data);
         c->samples.insert(c->samples.end(), s, s + f->bytes / 2);
-        c->frames.push_back(*f);
-        c->frames.back().data = nullptr;
+        c->frames.push_back(*f), c->frames.back().data = nullptr;
         c->arrivals.push_back(std::chrono::steady_clock::now());
     }
 };
@@ -221,7 +220,6 @@ struct Render : Script {
     }
 };
 
-// A frame over numbered bytes.
 struct Pcm {
     std::vector<uint8_t> bytes;
     KivAudioFrame frame{};
@@ -397,7 +395,6 @@ TEST(AudioApi, SettersRefuseBadArgumentsAndStartAndStopAreIdempotent) {
     kivtest::LibraryScope library;
     FreshLog();
     void *input = KIV_CreateAudioInput(), *render = KIV_CreateAudioRender(), *mux = KIV_CreateAudioMux();
-    ASSERT_TRUE(input && render);
     for (KivResult r : {KIV_SetAudioInputDevice(input, -1), KIV_SetAudioInputDevice(render, 0),
                         KIV_SetAudioInputDevice(nullptr, 0), KIV_SetAudioInputPCM(input, 0, 2, 16),
                         KIV_SetAudioInputPCM(input, 48000, 0, 16), KIV_SetAudioInputPCM(input, 48000, 2, 24),
@@ -529,7 +526,6 @@ TEST_F(AudioEndpoints, TheToneIsCapturedWithoutGapsAndPlayedIntoTheDefaultDevice
 
     // Frames at the monitor's mix rate (the pace and the tone's frequency prove it); from the first to the last frame
     // the audio kept pace with the wall clock: no packet went missing.
-    std::lock_guard<std::mutex> lock(capture.mutex);
     ASSERT_GT(capture.frames.size(), 10u);
     const uint32_t mixRate = capture.frames[0].sampleRate;
     const uint64_t cursor = capture.samples.size() / 2;
@@ -586,8 +582,7 @@ TEST_F(AudioEndpoints, TheRecorderGoesOnWithoutAnAacEncoder) {
 
 size_t ThreadCount() {
     HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
-    THREADENTRY32 entry{};
-    entry.dwSize = sizeof entry;
+    THREADENTRY32 entry{sizeof(THREADENTRY32)};
     size_t n = 0;
     for (BOOL ok = Thread32First(snapshot, &entry); ok; ok = Thread32Next(snapshot, &entry))
         n += entry.th32OwnerProcessID == GetCurrentProcessId();
@@ -597,7 +592,7 @@ size_t ThreadCount() {
 
 // The value a new handle gets: the lowest free slot of the handle table, so it climbs only while handles pile up
 // (Wine's handle count reads 0).
-uintptr_t NextHandleSlot() {
+size_t NextHandleSlot() {
     HANDLE probe = CreateEventW(nullptr, FALSE, FALSE, nullptr);
     CloseHandle(probe);
     return reinterpret_cast<uintptr_t>(probe);
@@ -607,8 +602,7 @@ TEST_F(AudioEndpoints, TwoHundredStartsAndStopsLeakNothing) {
     KIV_EnableLog(0);  // 200 runs of lines would only slow it down
     void* input = KIV_CreateAudioInput();
     ASSERT_EQ(KIV_SetAudioInputDevice(input, IndexOf("kiv_sink_a")), KIV_OK);
-    size_t threads = 0;
-    uintptr_t handles = 0;
+    size_t threads = 0, handles = 0;
     for (int i = -1; i < 200; ++i) {
         ASSERT_EQ(KIV_Start(input), KIV_OK);
         // The first, a warm-up, loads the audio driver and its threads; some others reach the capture loop.
