@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <climits>
 #include <cstring>
 #include <filesystem>
 #include <thread>
@@ -13,8 +12,6 @@
 #include "record/video_encoder.h"
 #include "stream_test_util.h"
 #include "test_support.h"
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -109,7 +106,7 @@ struct CountingEncoder : kiv::VideoEncoder {
     bool open = false;
 };
 
-// A recorder fed by its own frame source; Push waits (five seconds at most) until the worker took the frame.
+// A recorder fed by its own frame source; Wait gives the worker five seconds at most to take the frames.
 struct Recording {
     std::atomic<int> writes{0};
     void* source = KIV_CreateVideoFrameSource();
@@ -125,13 +122,6 @@ struct Recording {
     KivRecorderStats Wait(int64_t frames) {
         for (int i = 0; i < 5000 && Stats().inputFrames < frames; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
         return Stats();
-    }
-    void Push(const std::vector<uint8_t>& unit, int64_t timestamp) {  // one H.264 access unit, 16 x 16
-        const int64_t before = Stats().inputFrames;
-        KivVideoFrame f = kivtest::FrameOver(KIV_PIXEL_FORMAT_H264, 16, 16, unit.data(), int32_t(unit.size()));
-        f.timestamp = timestamp;
-        EXPECT_EQ(KIV_PushVideoFrame(source, &f), KIV_OK);
-        Wait(before + 1);
     }
     ~Recording() { for (void* port : {source, recorder}) EXPECT_EQ(KIV_DestroyPort(port), KIV_OK); }
 };
@@ -194,17 +184,17 @@ TEST(BadInput, UnusableFilesShortStridesAndAbsurdSizes) {
         {"NV12 chroma short", KIV_PIXEL_FORMAT_NV12, 16, 6, 16, 15, kShort},
         {"NV12 exact", KIV_PIXEL_FORMAT_NV12, 16, 6, 16, 16, kFits},
         {"RGB32 134M rows", KIV_PIXEL_FORMAT_RGB32, 16, 1 << 27, 64, 0, kAbsurd},
-        {"RGB32 row over 2 GiB", KIV_PIXEL_FORMAT_RGB32, 1 << 29, 2, INT_MAX, 0, kAbsurd},
+        {"RGB32 row over 2 GiB", KIV_PIXEL_FORMAT_RGB32, 1 << 29, 2, INT32_MAX, 0, kAbsurd},
         {"NV12 65536 x 32768", KIV_PIXEL_FORMAT_NV12, 65536, 32768, 65536, 0, kAbsurd},
-        {"YUY2 INT_MAX x INT_MAX", KIV_PIXEL_FORMAT_YUY2, INT_MAX, INT_MAX, INT_MAX, 0, kAbsurd},
-        {"H.264 payload of 2 GiB", KIV_PIXEL_FORMAT_H264, 1920, 1080, INT_MAX, 0, kAbsurd},
+        {"YUY2 INT32_MAX x INT32_MAX", KIV_PIXEL_FORMAT_YUY2, INT32_MAX, INT32_MAX, INT32_MAX, 0, kAbsurd},
+        {"H.264 payload of 2 GiB", KIV_PIXEL_FORMAT_H264, 1920, 1080, INT32_MAX, 0, kAbsurd},
     };
     kivtest::LibraryScope library;
     Chain chain("hardening_bad_input");
     // Files the library cannot use: the colour engine refuses them and keeps its table, the overlay draws nothing.
     const std::string& dir = chain.dir;
     kivtest::WriteFile(dir + "/empty.cube", ""), kivtest::WriteFile(dir + "/huge.cube", "\n");
-    fs::resize_file(dir + "/huge.cube", uintmax_t{300} << 20);  // sparse: 300 MiB claimed, nothing written
+    std::filesystem::resize_file(dir + "/huge.cube", uintmax_t{300} << 20);  // sparse: 300 MiB claimed, nothing written
     std::vector<std::pair<const char*, std::string>> paths = {{"a folder", dir}, {"an empty file", dir + "/empty.cube"},
         {"a file over 256 MiB", dir + "/huge.cube"}, {"a path through a file", dir + "/empty.cube/inner.cube"}};
 #if !defined(_WIN32)
@@ -278,12 +268,18 @@ TEST(Split, EverySegmentIsACompleteFile) {
         config.audio = c.audio, config.split = c.split, config.maxBytesLow = uint32_t(c.maxBytes), config.seconds = c.seconds;
         {
             Recording rec(dir + "/seg.mp4", false, &config);
-            for (int i = 0; i < c.frames; ++i) rec.Push(IdrAccessUnit(i, i == 0, uint8_t(40 + i * 4)), 1000 + i * 333333LL);
+            for (int i = 0; i < c.frames; ++i) {  // one at a time, each taken before the next
+                const streamtest::Bytes unit = IdrAccessUnit(i, i == 0, uint8_t(40 + i * 4));
+                KivVideoFrame f = kivtest::FrameOver(KIV_PIXEL_FORMAT_H264, 16, 16, unit.data(), int32_t(unit.size()));
+                f.timestamp = 1000 + i * 333333LL;
+                ASSERT_EQ(KIV_PushVideoFrame(rec.source, &f), KIV_OK);
+                rec.Wait(i + 1);
+            }
             ASSERT_EQ(KIV_Stop(rec.recorder), KIV_OK);
             EXPECT_EQ(rec.Stats().encodedFrames, c.frames) << c.what;
         }
         int64_t files = 0, framesInFiles = 0;
-        for (const auto& entry : fs::directory_iterator(dir)) {
+        for (const auto& entry : std::filesystem::directory_iterator(dir)) {
             const std::string file = entry.path().string();
             const streamtest::Bytes bytes = streamtest::ReadAll(file);
             ++files;
