@@ -37,15 +37,13 @@ template <class Pred> bool WaitFor(Pred done, int seconds = 10) {
     return true;
 }
 
-// Every frame a port delivers (data pointers cleared), its samples and its arrival time.
+// Every frame a port delivers (data pointers cleared), its samples and its arrival time; read once the port stopped.
 struct Capture {
-    std::mutex mutex;
     std::vector<KivAudioFrame> frames;
     std::vector<int16_t> samples;
     std::vector<std::chrono::steady_clock::time_point> arrivals;
     static void KIV_CALL On(const KivAudioFrame* f, void* user) {
         Capture* c = static_cast<Capture*>(user);
-        std::lock_guard<std::mutex> lock(c->mutex);
         const int16_t* s = reinterpret_cast<const int16_t*>(f->data);
         c->samples.insert(c->samples.end(), s, s + f->bytes / 2);
         c->frames.push_back(*f), c->frames.back().data = nullptr;
@@ -74,14 +72,7 @@ AudioMixFormat Format(kiv::AudioSampleKind kind, uint32_t channels, uint32_t bit
 }
 
 TEST(AudioConvert, MixFormatsBecomeInterleaved16Bit) {
-    const struct {
-        const char* name;
-        AudioMixFormat format;
-        std::vector<uint8_t> source;
-        int32_t outChannels;
-        std::vector<int16_t> expected;
-        int32_t peak;
-    } cases[] = {
+    const std::tuple<const char*, AudioMixFormat, std::vector<uint8_t>, int32_t, std::vector<int16_t>, int32_t> cases[] = {
         {"float clamps, truncates", Format(F, 1, 32, 3), Bytes<float>({1.5f, -1.5f, 0.5f, -0.5f, 1e-5f, -1}), 1,
          {32767, -32767, 16383, -16383, 0, -32767}, 32767},
         {"float NaN", Format(F, 1, 32, 3), Bytes<float>({std::nanf(""), 0.25f}), 1, {0, 8191}, 8191},
@@ -93,13 +84,13 @@ TEST(AudioConvert, MixFormatsBecomeInterleaved16Bit) {
         {"six to two", Format(I, 6, 16), Bytes<int16_t>({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}), 2, {1, 2, 7, 8}, 8},
         {"float stereo to three", Format(F, 2, 32, 0xFFFE), Bytes<float>({0.5f, -0.25f}), 3, {16383, -8191, 16383}, 16383},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, format, source, outChannels, expected, expectedPeak] : cases) {
+        SCOPED_TRACE(name);
         std::vector<uint8_t> out;
         int32_t peak = -1;
-        const uint32_t frames = static_cast<uint32_t>(c.source.size() / c.format.blockAlign);
-        ASSERT_TRUE(kiv::ConvertToPcm16(c.source.data(), frames, c.format, c.outChannels, &out, &peak));
-        EXPECT_EQ(std::make_pair(out, peak), std::make_pair(Bytes(c.expected), c.peak));
+        const uint32_t frames = static_cast<uint32_t>(source.size() / format.blockAlign);
+        ASSERT_TRUE(kiv::ConvertToPcm16(source.data(), frames, format, outChannels, &out, &peak));
+        EXPECT_EQ(std::make_pair(out, peak), std::make_pair(Bytes(expected), expectedPeak));
     }
     // Unconvertible formats leave the buffer alone.
     const uint8_t data[16] = {};
@@ -160,14 +151,12 @@ public:
         if ((*error = Result("Wait"))) return kiv::WaitResult::kFailed;
         std::lock_guard<std::mutex> lock(s_.mutex);
         if (s_.bursts.empty()) return kiv::WaitResult::kTimeout;
-        packets_ = s_.bursts.front(), s_.bursts.pop_front();
-        return kiv::WaitResult::kSignalled;
+        return packets_ = s_.bursts.front(), s_.bursts.pop_front(), kiv::WaitResult::kSignalled;
     }
     uint32_t NextPacketSize(uint32_t* n) override { return *n = packets_.empty() ? 0 : packets_[0].frames, Result("NextPacketSize"); }
     uint32_t GetBuffer(kiv::CapturePacket* packet) override {
         if (Result("GetBuffer")) return packets_.clear(), Result("GetBuffer");
-        *packet = {packets_[0].bytes.empty() ? nullptr : packets_[0].bytes.data(), packets_[0].frames, packets_[0].silent};
-        return 0;
+        return *packet = {packets_[0].bytes.empty() ? nullptr : packets_[0].bytes.data(), packets_[0].frames, packets_[0].silent}, 0;
     }
     uint32_t ReleaseBuffer(uint32_t) override {
         packets_.erase(packets_.begin());
@@ -234,45 +223,38 @@ struct Pcm {
 // next frame, with nothing failing and an empty buffer, is written whole.
 TEST(AudioRender, WritesWhatFitsAndDropsTheRestOrTheFrameOnFailure) {
     using S = kiv::RenderOpenStep;
-    struct Case {
-        S step;
-        std::string failAt;
-        uint32_t padding;
-        int32_t result;
-        uint64_t written, dropped;
-        Strings failures;  // the distinguishing part of each line saying "failed"
-    };
-    std::vector<Case> cases = {
-        {S::kNone, "", 4700, KIV_OK, 100, 380, {}},
-        {S::kNone, "", 4800, KIV_OK, 0, 480, {}},
-        {S::kNone, "", 5000, KIV_OK, 0, 480, {}},
-        {S::kNone, "", 0, KIV_OK, 480, 0, {}},
-        {S::kNone, "GetCurrentPadding", 4790, KIV_OK, 480, 0, {"GetCurrentPadding"}},
-        {S::kNone, "GetBuffer", 4750, KIV_ERROR_FAILED, 0, 480, {"GetBuffer failed hr=0x88890004 writeFrames=50 available=50"}},
-        {S::kNone, "ReleaseBuffer", 4750, KIV_OK, 0, 430, {"ReleaseBuffer failed hr=0x88890004 writeFrames=50"}},
+    // Open step, call failing, result, padding, frames written and dropped, what each line saying "failed" names.
+    std::vector<std::tuple<S, std::string, int32_t, uint32_t, uint32_t, uint32_t, Strings>> cases = {
+        {S::kNone, "", KIV_OK, 4700, 100, 380, {}},
+        {S::kNone, "", KIV_OK, 4800, 0, 480, {}},
+        {S::kNone, "", KIV_OK, 5000, 0, 480, {}},
+        {S::kNone, "", KIV_OK, 0, 480, 0, {}},
+        {S::kNone, "GetCurrentPadding", KIV_OK, 4790, 480, 0, {"GetCurrentPadding"}},
+        {S::kNone, "GetBuffer", KIV_ERROR_FAILED, 4750, 0, 480, {"GetBuffer failed hr=0x88890004 writeFrames=50 available=50"}},
+        {S::kNone, "ReleaseBuffer", KIV_OK, 4750, 0, 430, {"ReleaseBuffer failed hr=0x88890004 writeFrames=50"}},
     };
     // An endpoint that does not open drops the frame.
     for (auto [step, part] : std::initializer_list<std::pair<S, const char*>>{
              {S::kCreateEnumerator, "CoCreateInstance"}, {S::kDefaultEndpoint, "GetDefaultAudioEndpoint"},
              {S::kActivate, "Activate"}, {S::kAllocFormat, "CoTaskMemAlloc"}, {S::kInitialize, "Initialize"},
              {S::kGetBufferSize, "GetBufferSize"}, {S::kGetService, "GetService"}, {S::kStart, "client Start"}})
-        cases.push_back({step, "", 0, KIV_ERROR_FAILED, 0, 480, {part, "EnsureFormat failed input=48000 Hz ch=2 bits=16 frames=480"}});
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << "step " << static_cast<int>(c.step) << " " << c.failAt << " " << c.padding);
+        cases.push_back({step, "", KIV_ERROR_FAILED, 0, 0, 480, {part, "EnsureFormat failed input=48000 Hz ch=2 bits=16 frames=480"}});
+    for (const auto& [step, failAt, result, padding, written, dropped, failures] : cases) {
+        SCOPED_TRACE(testing::Message() << "step " << static_cast<int>(step) << " " << failAt << " " << padding);
         Render r;
-        r.renderFailStep = c.step, r.failAt = c.failAt, r.padding = c.padding;
+        r.renderFailStep = step, r.failAt = failAt, r.padding = padding;
         ASSERT_EQ(r.port.Start(), KIV_OK);
         Pcm pcm(480);
-        EXPECT_EQ(r.port.OnAudioFrame(&pcm.frame), c.result);
-        EXPECT_EQ(r.Counts(), U64s({480, c.written, c.dropped, 0}));
-        EXPECT_EQ(r.closes, c.step == S::kNone ? 0 : 1);  // an endpoint that did not open is closed at once
-        const size_t copied = (r.failAt == "ReleaseBuffer" ? 50 : c.written) * 4;  // a failed release still had the bytes
+        EXPECT_EQ(r.port.OnAudioFrame(&pcm.frame), result);
+        EXPECT_EQ(r.Counts(), U64s({480, written, dropped, 0}));
+        EXPECT_EQ(r.closes, step == S::kNone ? 0 : 1);  // an endpoint that did not open is closed at once
+        const size_t copied = (failAt == "ReleaseBuffer" ? 50 : written) * 4;  // a failed release still had the bytes
         EXPECT_EQ(r.written, std::vector<uint8_t>(pcm.bytes.begin(), pcm.bytes.begin() + copied));
-        EXPECT_EQ(Count("failed"), c.failures.size());
-        ExpectInOrder(c.failures);
+        EXPECT_EQ(Count("failed"), failures.size());
+        ExpectInOrder(failures);
         r.renderFailStep = S::kNone, r.failAt = "", r.padding = 0;
         EXPECT_EQ(r.port.OnAudioFrame(&pcm.frame), KIV_OK);
-        EXPECT_EQ(r.Counts(), U64s({960, c.written + 480, c.dropped, 0}));
+        EXPECT_EQ(r.Counts(), U64s({960, written + 480u, dropped, 0}));
     }
 }
 
@@ -354,12 +336,8 @@ TEST(AudioInput, PacketsBecomeFramesTimedByTheSampleCursor) {
 TEST(AudioInput, LogsEveryFailingCall) {
     using S = kiv::CaptureOpenStep;
     const std::string noPackets = "packets=0 frames=0 bytes=0 silentPackets=0 errors=1";  // the thread's exit line
-    const struct {
-        std::string failAt;
-        S openStep;
-        Strings lines;  // in order, among the thread's lines
-        bool opened;
-    } cases[] = {
+    // Call failing, open step failing, the lines expected in order, whether the client opened.
+    const std::tuple<std::string, S, Strings, bool> cases[] = {
         {"", S::kCreateEnumerator, {"CoCreateInstance(MMDeviceEnumerator) failed"}, false},
         {"", S::kEnumEndpoints, {"EnumAudioEndpoints failed"}, false},
         {"", S::kGetCount, {"GetCount failed"}, false},
@@ -377,15 +355,16 @@ TEST(AudioInput, LogsEveryFailingCall) {
         {"GetBuffer", S::kNone, {"GetBuffer failed hr=0x88890004 packetFrames=1", noPackets}, true},
         {"ReleaseBuffer", S::kNone, {"ReleaseBuffer failed", "packets=1 frames=1 bytes=4 silentPackets=0 errors=1"}, true},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.lines[0]);
+    for (const auto& [failAt, openStep, lines, opened] : cases) {
+        const std::string first = lines[0];  // a lambda cannot capture a structured binding
+        SCOPED_TRACE(first);
         Input in;
-        in.open.failedStep = c.openStep, in.failAt = c.failAt, in.bursts.push_back({Packet({7, 7})});
+        in.open.failedStep = openStep, in.failAt = failAt, in.bursts.push_back({Packet({7, 7})});
         ASSERT_EQ(in.port.Start(), KIV_OK);
-        ASSERT_TRUE(WaitFor([&] { return Count(c.lines.front()) > 0; }));
+        ASSERT_TRUE(WaitFor([&] { return Count(first) > 0; }));
         ASSERT_EQ(in.port.Stop(), KIV_OK);
-        ExpectInOrder(c.lines);
-        EXPECT_TRUE(c.opened || in.caught.frames.size() + Count("Audio input thread exit") == 0);
+        ExpectInOrder(lines);
+        EXPECT_TRUE(opened || in.caught.frames.size() + Count("Audio input thread exit") == 0);
         EXPECT_EQ(in.closes, 1);
     }
 }
@@ -407,7 +386,6 @@ TEST(AudioApi, SettersRefuseBadArgumentsAndStartAndStopAreIdempotent) {
     for (auto call : {KIV_Stop, KIV_Start, KIV_Start, KIV_Stop, KIV_Stop}) EXPECT_EQ(call(input), KIV_OK);
     EXPECT_EQ(std::make_pair(Count("Audio input start device=2 request=44100 Hz 1 ch"), Count("Audio input stop")),
               std::make_pair(size_t{1}, size_t{1}));
-    KIV_EnableLog(0);
     for (void* p : {input, render, mux}) EXPECT_EQ(KIV_DestroyPort(p), KIV_OK);
 }
 
@@ -432,8 +410,7 @@ std::vector<std::pair<std::string, std::string>> CoreAudioCaptureEndpoints() {
     for (UINT i = 0; i < count && SUCCEEDED(all->Item(i, &device)); ++i, device->Release()) {
         auto& [name, path] = out.emplace_back();
         LPWSTR id = nullptr;
-        PROPVARIANT v;
-        PropVariantInit(&v);
+        PROPVARIANT v{};
         if (SUCCEEDED(device->GetId(&id))) path = Utf8(id);
         CoTaskMemFree(id);
         if (FAILED(device->OpenPropertyStore(STGM_READ, &store))) continue;
@@ -451,10 +428,9 @@ int32_t IndexOf(const std::string& part) {
     return ADD_FAILURE() << part << " is not listed", -1;
 }
 
-// Frequency (Goertzel power, 25 Hz steps), level and continuity of the 1 kHz tone in channel `channel` of
-// interleaved stereo from frame `begin` to `end`. A break is where the sine recurrence x[n+1] - 2cos(w)x[n] + x[n-1]
-// misses by more than 5 % of the amplitude: a lost or repeated sample. A capture must have none; playback may run
-// dry between packets on a loaded machine, so its level counts only the 10 ms blocks holding the tone.
+// Frequency (Goertzel, 25 Hz steps), level and continuity of the 1 kHz tone in one channel of interleaved stereo. A break
+// (a lost or repeated sample, none in a capture) misses the sine recurrence x[n+1] - 2cos(w)x[n] + x[n-1] by over 5 %
+// of the amplitude; playback may run dry on a loaded machine, so its level counts only the 10 ms blocks holding the tone.
 void ExpectTone(const std::vector<int16_t>& pcm, int channel, size_t begin, size_t end, double rate, bool continuous) {
     SCOPED_TRACE(testing::Message() << "channel " << channel << (continuous ? " captured" : " played"));
     ASSERT_GT(end, begin + static_cast<size_t>(rate));
@@ -492,9 +468,8 @@ struct AudioEndpoints : ::testing::Test {
 
 TEST_F(AudioEndpoints, TheListIsWhatCoreAudioEnumerates) {
     const auto expected = CoreAudioCaptureEndpoints();
-    const int32_t count = static_cast<int32_t>(expected.size());
-    ASSERT_EQ(KIV_GetAudioInputDeviceCount(), count);
-    for (int32_t i = 0; i < count; ++i) {
+    ASSERT_EQ(KIV_GetAudioInputDeviceCount(), static_cast<int32_t>(expected.size()));
+    for (int32_t i = 0; i < KIV_GetAudioInputDeviceCount(); ++i) {
         KivDeviceInfo info;
         ASSERT_EQ(KIV_GetAudioInputDeviceInfo(i, &info), KIV_OK);
         EXPECT_EQ(info.index, i);
@@ -520,7 +495,6 @@ TEST_F(AudioEndpoints, TheToneIsCapturedWithoutGapsAndPlayedIntoTheDefaultDevice
     std::this_thread::sleep_for(std::chrono::seconds(10));
     ASSERT_EQ(KIV_Stop(input), KIV_OK);
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // the endpoint plays out its buffer
-    ASSERT_EQ(KIV_Stop(render), KIV_OK);
     for (void* p : {input, mux, render}) EXPECT_EQ(KIV_DestroyPort(p), KIV_OK);
     std::this_thread::sleep_for(std::chrono::milliseconds(500));  // parec writes out what it has
 
@@ -575,45 +549,39 @@ TEST_F(AudioEndpoints, TheRecorderGoesOnWithoutAnAacEncoder) {
     for (void* p : {input, source, recorder}) EXPECT_EQ(KIV_DestroyPort(p), KIV_OK);
     EXPECT_EQ(Count("AAC encoder init failed sr="), 1u);  // with the input's mix rate, logged
     const streamtest::Bytes mp4 = streamtest::ReadAll(file);
-    streamtest::Box box;
-    EXPECT_TRUE(streamtest::FindBox(mp4, "moov/trak", &box, 0));
-    EXPECT_FALSE(streamtest::FindBox(mp4, "moov/trak", &box, 1));  // video only
+    streamtest::Box box;  // one track, the video
+    EXPECT_EQ(std::make_pair(streamtest::FindBox(mp4, "moov/trak", &box, 0), streamtest::FindBox(mp4, "moov/trak", &box, 1)),
+              std::make_pair(true, false));
 }
 
-size_t ThreadCount() {
-    HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
-    THREADENTRY32 entry{sizeof(THREADENTRY32)};
+// The process's threads, and the value a new handle gets: the lowest free slot of the handle table, so it climbs only
+// while handles pile up (Wine's handle count reads 0).
+std::pair<size_t, size_t> ThreadsAndNextHandle() {
+    HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0), probe = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    THREADENTRY32 entry{sizeof(THREADENTRY32), 0, 0, 0, 0, 0, 0};
     size_t n = 0;
     for (BOOL ok = Thread32First(snapshot, &entry); ok; ok = Thread32Next(snapshot, &entry))
         n += entry.th32OwnerProcessID == GetCurrentProcessId();
-    CloseHandle(snapshot);
-    return n;
-}
-
-// The value a new handle gets: the lowest free slot of the handle table, so it climbs only while handles pile up
-// (Wine's handle count reads 0).
-size_t NextHandleSlot() {
-    HANDLE probe = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-    CloseHandle(probe);
-    return reinterpret_cast<uintptr_t>(probe);
+    CloseHandle(snapshot), CloseHandle(probe);
+    return {n, reinterpret_cast<uintptr_t>(probe)};
 }
 
 TEST_F(AudioEndpoints, TwoHundredStartsAndStopsLeakNothing) {
     KIV_EnableLog(0);  // 200 runs of lines would only slow it down
     void* input = KIV_CreateAudioInput();
     ASSERT_EQ(KIV_SetAudioInputDevice(input, IndexOf("kiv_sink_a")), KIV_OK);
-    size_t threads = 0, handles = 0;
+    std::pair<size_t, size_t> before;
     for (int i = -1; i < 200; ++i) {
         ASSERT_EQ(KIV_Start(input), KIV_OK);
         // The first, a warm-up, loads the audio driver and its threads; some others reach the capture loop.
         if (i % 10 == 0 || i < 0) std::this_thread::sleep_for(std::chrono::milliseconds(i < 0 ? 200 : 30));
         ASSERT_EQ(KIV_Stop(input), KIV_OK);
-        if (i < 0)
-            std::this_thread::sleep_for(std::chrono::milliseconds(200)), threads = ThreadCount(), handles = NextHandleSlot();
+        if (i < 0) std::this_thread::sleep_for(std::chrono::milliseconds(200)), before = ThreadsAndNextHandle();
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    EXPECT_LE(ThreadCount(), threads + 1);
-    EXPECT_LE(NextHandleSlot(), handles + 10 * 4);  // a few may be the audio driver's own, never one per run
+    const auto [threads, handle] = ThreadsAndNextHandle();
+    EXPECT_LE(threads, before.first + 1);
+    EXPECT_LE(handle, before.second + 10 * 4);  // a few may be the audio driver's own, never one per run
     EXPECT_EQ(KIV_DestroyPort(input), KIV_OK);
 }
 

@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
-# Runs a Wine program (the audio endpoint tests, the audio bench) with a 1 kHz tone at a quarter of full scale playing
-# into the null sink kiv_sink_a, kiv_sink_b as the default playback device with its monitor recorded into
-# KIV_AUDIO_SINK_B_RECORDING, and a sink whose monitor's name (200 two-byte characters) is longer than a record holds.
-#   run_endpoint_tests.sh program.exe [args...]
+# run_endpoint_tests.sh program.exe [args...]: runs a Wine program with a 1 kHz tone (quarter scale) playing into
+# kiv_sink_a, kiv_sink_b the default playback device recorded into KIV_AUDIO_SINK_B_RECORDING, and a sink whose
+# monitor's name (200 two-byte characters) is longer than a device record holds.
 set -uo pipefail
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)"
 source "$ROOT/scripts/wine-env.sh"
@@ -17,11 +16,9 @@ trap 'kill -- "${pids[@]/#/-}" 2>/dev/null; [ -z "$module" ] || pactl unload-mod
 # Each in a session of its own, so the whole pipeline stops with its group.
 ( kiv_close_fds; exec setsid bash -c 'ffmpeg -hide_banner -loglevel error -f lavfi \
     -i "aevalsrc=0.25*sin(2*PI*1000*t)|0.25*sin(2*PI*1000*t):s=48000:d=600" -f s16le - |
-    pacat --device=kiv_sink_a --format=s16le --rate=48000 --channels=2 --raw' </dev/null >/dev/null 2>&1 ) &
-pids+=($!)
+    pacat --device=kiv_sink_a --format=s16le --rate=48000 --channels=2 --raw' </dev/null >/dev/null 2>&1 ) & pids+=($!)
 ( kiv_close_fds; exec setsid parec --device=kiv_sink_b.monitor --format=s16le --rate=48000 --channels=2 --raw \
-    </dev/null >"$work/sink_b.raw" 2>/dev/null ) &
-pids+=($!)
+    </dev/null >"$work/sink_b.raw" 2>/dev/null ) & pids+=($!)
 pactl set-default-sink kiv_sink_b
 module=$(pactl load-module module-null-sink sink_name=kiv_sink_long \
   "sink_properties=device.description='kiv_long_$(printf 'é%.0s' $(seq 200))'")
