@@ -29,20 +29,15 @@ namespace {
 
 // Draws nothing itself: records what it was asked and hands back a solid BGRA colour for the requested region.
 struct FakeRasterizer : kiv::OsdRasterizer {
-    struct Calls {  // outlives the rasteriser, which the port owns
-        int text = 0, picture = 0;
-        kiv::OsdTextJob lastText{};
-        kiv::OsdRect lastRegion{}, lastDest{};
-    };
-    explicit FakeRasterizer(std::shared_ptr<Calls> c, uint32_t colour = 0xFFFF0000u) : calls(std::move(c)), bgra(colour) {}
+    explicit FakeRasterizer(uint32_t colour = 0xFFFF0000u) : bgra(colour) {}
     bool DrawText(const kiv::OsdTextJob& job, int32_t, int32_t, const kiv::OsdRect& region, kiv::OsdBgraView* out) override {
-        calls->text++, calls->lastText = job, calls->lastRegion = region;
+        texts++, lastText = job, lastRegion = region;
         return Fill(region, out);
     }
     std::unique_ptr<kiv::OsdPicture> LoadPicture(const kiv::OsdString&) override { return missingFile ? nullptr : std::make_unique<Picture>(); }
     bool DrawPicture(const kiv::OsdPicture&, int32_t, int32_t, const kiv::OsdRect& dest, const kiv::OsdRect& region,
                      kiv::OsdBgraView* out) override {
-        calls->picture++, calls->lastDest = dest, calls->lastRegion = region;
+        pictures++, lastDest = dest, lastRegion = region;
         return Fill(region, out);
     }
     struct Picture : kiv::OsdPicture {  // 16 x 8
@@ -55,9 +50,11 @@ struct FakeRasterizer : kiv::OsdRasterizer {
         out->stride = region.width * 4;
         return true;
     }
-    std::shared_ptr<Calls> calls;
     uint32_t bgra;
     bool missingFile = false;  // LoadPicture fails as for a missing file
+    int texts = 0, pictures = 0;
+    kiv::OsdTextJob lastText{};
+    kiv::OsdRect lastRegion{}, lastDest{};
     std::vector<uint32_t> pixels;
 };
 
@@ -141,23 +138,21 @@ TEST(OsdCanvasBuild, OddSizesShortStridesMissingChromaAndRefusedFrames) {
                                       KIV_ERROR_UNSUPPORTED}));
 }
 
-// Two identical rows; odd widths cut the last pair, whose Cr is then grey: with a tight YUY2 stride it is not in the row.
 TEST(OsdCanvasBuild, YuvToRgb32MatchesFloatingPointReference) {
     const uint8_t samples[][3] = {{82, 90, 240},  {145, 54, 34},   {16, 128, 128}, {235, 128, 128},
                                   {41, 240, 110}, {120, 100, 180}, {200, 160, 90}, {60, 128, 128}};
     for (int n : {8, 7}) {
-        std::vector<uint8_t> yuy2(size_t(n) * 4 + 2, 0), nvLuma(n * 2), nvChroma((n + 1) & ~1);
+        // Pixel i's Y, Cb, Cr: pairs share the even pixel's chroma; a tight YUY2 row of odd width has no last Cr (grey).
+        auto yuv = [&](int i, int c) { return c == 0 ? samples[i][0] : c == 2 && i == n - 1 && n % 2 ? uint8_t(128) : samples[i & ~1][c]; };
+        std::vector<uint8_t> yuy2(2), luma, chroma;  // two identical rows
         for (int row = 0; row < 2; ++row)
             for (int i = 0; i < n; ++i) {
-                const int pair = i & ~1;
-                uint8_t* p = &yuy2[size_t(row) * n * 2];
-                p[i * 2] = nvLuma[row * n + i] = samples[i][0];
-                p[pair * 2 + 1] = nvChroma[pair] = samples[pair][1];
-                nvChroma[pair + 1] = i + 1 < n || n % 2 == 0 ? samples[pair][2] : 128;
-                if (pair * 2 + 3 < n * 2) p[pair * 2 + 3] = samples[pair][2];
+                yuy2.insert(yuy2.end() - 2, {yuv(i, 0), yuv(i, i % 2 ? 2 : 1)});
+                luma.push_back(yuv(i, 0));
+                if (row == 0 && i % 2 == 0) chroma.insert(chroma.end(), {yuv(i, 1), yuv(i, 2)});
             }
         for (const KivVideoFrame& in : {kivtest::FrameOver(KIV_PIXEL_FORMAT_YUY2, n, 2, yuy2.data(), n * 2),
-                                        kivtest::FrameOver(KIV_PIXEL_FORMAT_NV12, n, 2, nvLuma.data(), n, nvChroma.data(), int32_t(nvChroma.size()))}) {
+                                        kivtest::FrameOver(KIV_PIXEL_FORMAT_NV12, n, 2, luma.data(), n, chroma.data(), int32_t(chroma.size()))}) {
             SCOPED_TRACE(testing::Message() << "format " << in.format << " width " << n);
             OsdCanvas canvas;
             ASSERT_EQ(canvas.BuildRgb32(in), KIV_OK);
@@ -165,8 +160,7 @@ TEST(OsdCanvasBuild, YuvToRgb32MatchesFloatingPointReference) {
             ASSERT_EQ(out.format, KIV_PIXEL_FORMAT_RGB32);
             for (int row = 0; row < 2; ++row)
                 for (int i = 0; i < n; ++i) {
-                    const double y = 1.164383 * (samples[i][0] - 16.0), cb = samples[i & ~1][1] - 128.0,
-                                 cr = (n % 2 && i == n - 1 ? 128 : samples[i & ~1][2]) - 128.0;
+                    const double y = 1.164383 * (yuv(i, 0) - 16.0), cb = yuv(i, 1) - 128.0, cr = yuv(i, 2) - 128.0;
                     const double rgb[3] = {y + 1.596027 * cr, y - 0.391762 * cb - 0.812968 * cr, y + 2.017232 * cb};
                     const uint8_t* px = out.planes[0] + row * out.strides[0] + i * 4;
                     for (int c = 0; c < 3; ++c) EXPECT_NEAR(px[2 - c], std::fmin(255.0, std::fmax(0.0, rgb[c])), 1.5) << "pixel " << i << ", " << c;
@@ -259,10 +253,9 @@ OsdItem WithText(int x, int y, int w, int h, int size, int32_t kind = kiv::kOsdT
 }
 
 TEST(OsdText, BoxFontAndColoursReachTheRasteriserAndWhatCannotBeDrawnIsSkipped) {
-    auto calls = std::make_shared<FakeRasterizer::Calls>();
-    FakeRasterizer raster(calls);
-    const kiv::OsdTextJob& job = calls->lastText;
-    const kiv::OsdRect& region = calls->lastRegion;
+    FakeRasterizer raster;
+    const kiv::OsdTextJob& job = raster.lastText;
+    const kiv::OsdRect& region = raster.lastRegion;
     Rgb32Canvas c(640, 480), small(64, 64);
     OsdItem empty = WithText(0, 0, 10, 10, 10);
     empty.text.clear();
@@ -270,10 +263,10 @@ TEST(OsdText, BoxFontAndColoursReachTheRasteriserAndWhatCannotBeDrawnIsSkipped) 
     kiv::OsdDrawText(c.canvas, &raster, WithText(700, 0, 0, 10, 10));   // automatic width below 1
     kiv::OsdDrawText(c.canvas, &raster, WithText(-30, 0, 20, 10, 10));  // box left of the canvas
     kiv::OsdDrawText(c.canvas, nullptr, WithText(0, 0, 10, 10, 10));    // no rasteriser
-    EXPECT_EQ(std::make_pair(calls->text, c.CountRed()), std::make_pair(0, 0));
+    EXPECT_EQ(std::make_pair(raster.texts, c.CountRed()), std::make_pair(0, 0));
     kiv::OsdDrawText(c.canvas, &raster, WithText(100, 10, 0, 0, 0));  // automatic box from position and size
     // The default colours are for the rasteriser; the fake paints opaque red.
-    EXPECT_EQ(std::vector<int64_t>({calls->text, job.box.width, job.box.height, job.fontPixels, job.textArgb, job.boxArgb, job.fillBox,
+    EXPECT_EQ(std::vector<int64_t>({raster.texts, job.box.width, job.box.height, job.fontPixels, job.textArgb, job.boxArgb, job.fillBox,
                                     c.Red(100, 10), c.Red(639, 81), c.Red(99, 10), c.Red(100, 82), c.CountRed()}),
               std::vector<int64_t>({1, 540, 72, 36, 0xFFFFFFFF, 0x80000000, 1, 255, 255, 0, 0, 540 * 72}));
     OsdItem item = WithText(0, 0, 10, 10, 10);
@@ -286,11 +279,10 @@ TEST(OsdText, BoxFontAndColoursReachTheRasteriserAndWhatCannotBeDrawnIsSkipped) 
 
 // Pictures come at their own size unless given one; a colour key hides pixels; a missing file draws nothing.
 TEST(OsdPicture, OwnSizeColourKeyAndNothingWhenMissing) {
-    auto calls = std::make_shared<FakeRasterizer::Calls>();
-    FakeRasterizer raster(calls), green(calls, 0xFF00FF00u);
+    FakeRasterizer raster, green(0xFF00FF00u);
     Rgb32Canvas c(64, 64);
     kiv::OsdDrawPicture(c.canvas, &raster, WithText(60, 4, 0, 0, 0, kiv::kOsdPicture));  // clipped at the right edge
-    EXPECT_EQ(std::vector<int>({calls->picture, calls->lastDest.width, calls->lastDest.height, calls->lastRegion.width, c.CountRed()}),
+    EXPECT_EQ(std::vector<int>({raster.pictures, raster.lastDest.width, raster.lastDest.height, raster.lastRegion.width, c.CountRed()}),
               std::vector<int>({1, 16, 8, 4, 4 * 8}));
     raster.missingFile = true;
     kiv::OsdDrawPicture(c.canvas, &raster, WithText(0, 20, 10, 10, 0, kiv::kOsdPicture));
@@ -299,7 +291,7 @@ TEST(OsdPicture, OwnSizeColourKeyAndNothingWhenMissing) {
     kiv::OsdDrawPicture(c.canvas, &green, item);
     item.backColor = 0x0000FF00u;  // the key compares red, green and blue only
     kiv::OsdDrawPicture(c.canvas, &green, item);
-    EXPECT_EQ(std::vector<int>({calls->picture, c.CountRed(), c.out.planes[0][1]}), std::vector<int>({3, 4 * 8, 0}));
+    EXPECT_EQ(std::vector<int>({raster.pictures, green.pictures, c.CountRed(), c.out.planes[0][1]}), std::vector<int>({1, 2, 4 * 8, 0}));
     item.transparent = false;
     kiv::OsdDrawPicture(c.canvas, &green, item);
     EXPECT_EQ(c.out.planes[0][1], 255);
@@ -510,19 +502,19 @@ TEST_F(OsdGraphTest, DisconnectWaitsForAFrameInFlightButNotForItsOwn) {
 }
 
 TEST(OsdFramePath, NothingIsDrawnWithoutOverlayOutputs) {
-    auto calls = std::make_shared<FakeRasterizer::Calls>();
-    KivVideoOsd port(std::make_unique<FakeRasterizer>(calls));
+    auto* raster = new FakeRasterizer();  // owned by the port
+    KivVideoOsd port{std::unique_ptr<kiv::OsdRasterizer>(raster)};
     KivVideoOsdItem text = WithId(0);
     ASSERT_EQ(port.AddItem(&text, kiv::kOsdText), KIV_OK);
     OwnedFrame in(KIV_PIXEL_FORMAT_RGB32, 32, 32, 0);
     EXPECT_EQ(port.OnVideoFrame(&in.frame), KIV_OK);
-    EXPECT_EQ(calls->text, 0);
+    EXPECT_EQ(raster->texts, 0);
     KivVideoMux sink;
     FrameCatcher seen;
     sink.SetVideoFrameCallback(FrameCatcher::OnFrame, &seen);
     ASSERT_EQ(port.AddOverlayOutput(&sink), KIV_OK);
     EXPECT_EQ(port.OnVideoFrame(&in.frame), KIV_OK);
-    ASSERT_EQ(std::make_pair(calls->text, seen.Count()), std::make_pair(1, size_t(1)));
+    ASSERT_EQ(std::make_pair(raster->texts, seen.Count()), std::make_pair(1, size_t(1)));
     EXPECT_EQ(seen.frames[0].plane0[2], 255);  // the fake paints opaque red
     EXPECT_EQ(port.OnVideoFrame(nullptr), KIV_ERROR_INVALID_ARG);
     EXPECT_EQ(port.FramesInProgress(), 0);

@@ -5,7 +5,6 @@
 
 #include <array>
 #include <cmath>
-#include <cstring>
 #include <filesystem>
 #include <random>
 
@@ -345,7 +344,7 @@ TEST(ColorLut, TablesWithKnownEffects) {
         const uint8_t in[3] = {uint8_t(rng()), uint8_t(rng()), uint8_t(rng())};
         uint8_t out[5][3];  // identity, swap, the constant at full, 60 % and no strength
         const std::pair<const Kiv3DLutData*, int> runs[5] = {{&identity, 256}, {&swap, 256}, {&constant, 256}, {&constant, 154}, {&constant, 0}};
-        for (int r = 0; r < 5; ++r) std::memcpy(out[r], in, 3), ApplyLut8(*runs[r].first, runs[r].second, out[r]);
+        for (int r = 0; r < 5; ++r) std::copy_n(in, 3, out[r]), ApplyLut8(*runs[r].first, runs[r].second, out[r]);
         for (int c = 0; c < 3; ++c) {
             ASSERT_NEAR(out[0][c], in[c], 1);
             ASSERT_NEAR(out[1][c], in[(c + 2) % 3], 1);
@@ -431,19 +430,11 @@ std::array<std::vector<uint8_t>, 2> ReferenceConvert(const KivVideoFrame& in, in
                                                      float strength) {
     std::vector<uint8_t> plane0, plane1;
     const int w = in.width, h = in.height;
-    auto graded8 = [&](int x, int y, uint8_t rgb[3]) {
+    auto graded8 = [&](int x, int y, uint8_t rgb[3]) {  // NV12 to YUY2 takes the float reader
         float f[3];
-        if (in.format == KIV_PIXEL_FORMAT_NV12 && outFmt == KIV_PIXEL_FORMAT_YUY2) ReadPixel(in, x, y, cs, range, f);
-        else ReadPixel(in, x, y, cs, range, rgb);
-        if (in.format == KIV_PIXEL_FORMAT_NV12 && outFmt == KIV_PIXEL_FORMAT_YUY2)
-            for (int c = 0; c < 3; ++c) rgb[c] = FloatToByte(f[c]);
+        if (in.format != KIV_PIXEL_FORMAT_NV12 || outFmt != KIV_PIXEL_FORMAT_YUY2) ReadPixel(in, x, y, cs, range, rgb);
+        else ReadPixel(in, x, y, cs, range, f), std::transform(f, f + 3, rgb, FloatToByte);
         if (lut) ApplyLut8(*lut, StrengthWeight(strength), rgb);
-    };
-    auto gradedYuv = [&](int x, int y, uint8_t yuv[3]) {
-        float f[3];
-        ReadPixel(in, x, y, cs, range, f);
-        if (lut) ApplyLutFloat(*lut, strength, f);
-        RgbToYuvFloat(f, cs, range, yuv);
     };
     if (outFmt == KIV_PIXEL_FORMAT_RGB24 || outFmt == KIV_PIXEL_FORMAT_RGB32) {
         for (int y = 0; y < h; ++y)
@@ -462,17 +453,20 @@ std::array<std::vector<uint8_t>, 2> ReferenceConvert(const KivVideoFrame& in, in
                 plane0.insert(plane0.end(), {ya[0], uint8_t((ya[1] + yb[1] + 1) >> 1), yb[0], uint8_t((ya[2] + yb[2] + 1) >> 1)});
             }
     } else {
-        uint8_t yuv[3];
-        for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x) gradedYuv(x, y, yuv), plane0.push_back(yuv[0]);
-        const int cw = (w + 1) & ~1;
-        plane1.assign(size_t(cw) * ((h + 1) / 2), 0);
+        std::vector<std::array<uint8_t, 3>> yuv(size_t(w) * h);  // through the float reader
+        for (int i = 0; i < w * h; ++i) {
+            float f[3];
+            ReadPixel(in, i % w, i / w, cs, range, f);
+            if (lut) ApplyLutFloat(*lut, strength, f);
+            RgbToYuvFloat(f, cs, range, yuv[i].data());
+            plane0.push_back(yuv[i][0]);
+        }
         for (int by = 0; by < h; by += 2)
             for (int bx = 0; bx < w; bx += 2) {
                 int su = 0, sv = 0, n = 0;
                 for (int y = by; y < by + 2 && y < h; ++y)
-                    for (int x = bx; x < bx + 2 && x < w; ++x, ++n) gradedYuv(x, y, yuv), su += yuv[1], sv += yuv[2];
-                plane1[size_t(by / 2) * cw + bx] = uint8_t((su + n / 2) / n), plane1[size_t(by / 2) * cw + bx + 1] = uint8_t((sv + n / 2) / n);
+                    for (int x = bx; x < bx + 2 && x < w; ++x, ++n) su += yuv[y * w + x][1], sv += yuv[y * w + x][2];
+                plane1.insert(plane1.end(), {uint8_t((su + n / 2) / n), uint8_t((sv + n / 2) / n)});
             }
     }
     return {plane0, plane1};
@@ -481,10 +475,9 @@ std::array<std::vector<uint8_t>, 2> ReferenceConvert(const KivVideoFrame& in, in
 struct ColorFrameTest : ColorEngineTest {
     void SetUp() override {
         ColorEngineTest::SetUp();
-        std::mt19937 rng(5);
-        std::uniform_real_distribution<float> unit(-0.1f, 1.1f);
+        std::mt19937 rng(5);  // entries from -0.1 to 1.1
         std::string text = "LUT_3D_SIZE 9\nDOMAIN_MIN 0.1 -0.2 0\nDOMAIN_MAX 0.9 1.3 0.5\n";
-        for (int i = 0; i < 3 * 9 * 9 * 9; ++i) text += std::to_string(unit(rng)) + (i % 3 == 2 ? "\n" : " ");
+        for (int i = 0; i < 3 * 9 * 9 * 9; ++i) text += std::to_string(int(rng() % 1201) / 1000.0 - 0.1) + (i % 3 == 2 ? "\n" : " ");
         ASSERT_TRUE(kiv::ParseCubeForColorEngine(text.c_str(), &lut));
         ASSERT_EQ(Load(WriteCube("random.cube", text)), KIV_OK);
     }
