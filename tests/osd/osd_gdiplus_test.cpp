@@ -5,7 +5,6 @@
 #include <tuple>
 
 #include "osd_test_util.h"
-#include "test_support.h"
 
 namespace {
 
