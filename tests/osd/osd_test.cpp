@@ -320,8 +320,8 @@ TEST_F(OsdPortTest, BadInputIsRejectedAndChangesNothing) {
     EXPECT_EQ(results, std::vector<KivResult>(results.size(), KIV_ERROR_INVALID_ARG));
     EXPECT_EQ(KIV_Connect(osd, mux), KIV_ERROR_UNSUPPORTED);  // the overlay feeds other ports only through its output function
     EXPECT_EQ(static_cast<KivPortBase*>(osd)->DownstreamCount(), 0u);
-    ASSERT_EQ(Port(osd)->Items().size(), 1u);
-    EXPECT_EQ(Port(osd)->Items()[0].text, Wide("t"));
+    const std::vector<kiv::OsdItem> items = Port(osd)->Items();
+    EXPECT_TRUE(items.size() == 1 && items[0].text == Wide("t"));
     KIV_DestroyPort(mux);
 }
 
@@ -436,8 +436,7 @@ TEST_F(OsdGraphTest, OutputsFormatsLayersAndCompressedFrames) {
     EXPECT_EQ(std::vector<uint8_t>(overlay.frames[2].plane0.begin(), overlay.frames[2].plane0.begin() + 4), (std::vector<uint8_t>{0, 255, 0, 255}));
 }
 
-// Holds the overlay output's callback until 20 ms after the test starts disconnecting it; when `osd` is set, the
-// output disconnects itself instead.
+// Holds the overlay output's callback until 20 ms into the test's disconnect; with `osd` set, it disconnects itself.
 struct Gate {
     std::atomic<bool> entered{false}, disconnecting{false}, finished{false};
     std::atomic<int> frames{0};
