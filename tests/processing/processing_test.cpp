@@ -12,10 +12,13 @@
 #include "processing/kiv_lut8_fast.h"
 #include "processing_test_helpers.h"
 
-using proctest::BytesPerPixel;
 using namespace kiv::color;
 
 namespace {
+
+int BytesPerPixel(int32_t format) {
+    return format == KIV_PIXEL_FORMAT_YUY2 ? 2 : format == KIV_PIXEL_FORMAT_RGB24 ? 3 : format == KIV_PIXEL_FORMAT_RGB32 ? 4 : 1;
+}
 
 // Random bytes; padded strides, or zero strides and a single NV12 buffer.
 struct RandomFrame {
@@ -36,15 +39,11 @@ struct RandomFrame {
     }
 };
 
-// A port of the given kind with its frames caught, and the library log on.
+// A port of the given kind with its frames caught.
 template <void* (*Create)()>
 class PortTest : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_EQ(KIV_EnableLog(1), KIV_OK); }
-    void TearDown() override {
-        KIV_DestroyPort(handle);
-        KIV_EnableLog(0);
-    }
+    void TearDown() override { KIV_DestroyPort(handle); }
     const kivtest::CaughtFrame& Run(const KivVideoFrame& in) {  // the frame passed on
         static const kivtest::CaughtFrame none;
         EXPECT_EQ(port->OnVideoFrame(&in), KIV_OK);
@@ -257,6 +256,7 @@ struct ColorEngineTest : PortTest<CreateEngine> {
 };
 
 TEST_F(ColorEngineTest, TablesLoadBlendAndFramesPassWhenThereIsNothingToDo) {
+    ASSERT_EQ(KIV_EnableLog(1), KIV_OK);
     kivtest::OwnedFrame in(KIV_PIXEL_FORMAT_RGB32, 6, 2, 0), small(KIV_PIXEL_FORMAT_RGB32, 2, 2, 0);
     Configure(1, 0);  // enabled without a table, same format out
     EXPECT_EQ(Run(in.frame).record, &in.frame);
@@ -286,6 +286,7 @@ TEST_F(ColorEngineTest, TablesLoadBlendAndFramesPassWhenThereIsNothingToDo) {
     EXPECT_EQ(Run(in.frame).record, &in.frame);
     for (const char* part : {"\xC3\xA4.cube dim=2", "open file failed path=", "parse error path="})  // the log alone tells which step failed
         EXPECT_NE(kivtest::LibraryLog().find(part), std::string::npos) << part;
+    KIV_EnableLog(0);
 }
 
 // Ideal Y, Cb, Cr bytes of an RGB colour in [0, 1], from the luma weights alone.
@@ -405,9 +406,8 @@ void ReadPixel(const KivVideoFrame& f, int x, int y, int cs, int range, T rgb[3]
     const int stride = f.strides[0] >= 1 ? f.strides[0] : f.width * BytesPerPixel(f.format);
     const uint8_t* row = f.planes[0] + ptrdiff_t(stride) * y;
     int Y, u, v;
-    if (f.format == KIV_PIXEL_FORMAT_RGB24 || f.format == KIV_PIXEL_FORMAT_RGB32) {
-        const uint8_t* p = row + x * BytesPerPixel(f.format);
-        for (int c = 0; c < 3; ++c) rgb[c] = kFloat ? T(p[2 - c] / 255.0f) : T(p[2 - c]);
+    if (const int bpp = BytesPerPixel(f.format); bpp >= 3) {
+        for (int c = 0; c < 3; ++c) rgb[c] = kFloat ? T(row[x * bpp + 2 - c] / 255.0f) : T(row[x * bpp + 2 - c]);
         return;
     }
     if (f.format == KIV_PIXEL_FORMAT_YUY2) {
