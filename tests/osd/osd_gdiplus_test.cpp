@@ -5,7 +5,6 @@
 #include <tuple>
 
 #include "osd_test_util.h"
-#include "test_support.h"
 
 namespace {
 
@@ -37,8 +36,7 @@ TEST(OsdGdiplus, TextAndPicturesChangeOnlyTheirBoxes) {
     std::copy(path.begin(), path.end(), item.imagePath);
     item.transparent = 1, item.backColor = 0xFF00FF00u;
     ASSERT_EQ(KIV_SetVideoOsdImage(osd, &item), KIV_OK);
-    item = osdtest::Item(120, 60, 32, 16);
-    std::copy(path.begin(), path.end(), item.imagePath);
+    item.x = 120, item.y = 60, item.width = 32, item.height = 16, item.transparent = 0;  // the same picture, scaled
     ASSERT_EQ(KIV_AddVideoOsdImage(osd, &item), KIV_OK);
     item = osdtest::Item(0, 0, 0, 0);
     osdtest::SetText(item.imagePath, "C:\\no\\such\\picture.png");

@@ -6,14 +6,11 @@
 #include <thread>
 
 #include "osd_test_util.h"
-#include "processing/kiv_video_osd.h"
-#include "test_support.h"
 
 namespace {
 
 void KIV_CALL CountFrame(const KivVideoFrame* frame, void* count) {
-    volatile uint8_t pixel = frame->planes[0][0];  // touched, so a canvas overwritten under our feet would show
-    (void)pixel;
+    static_cast<void>(*static_cast<const volatile uint8_t*>(frame->planes[0]));  // touched: a canvas overwritten under our feet would show
     ++*static_cast<std::atomic<int>*>(count);
 }
 
@@ -47,7 +44,6 @@ TEST(OsdStress, CommandsRaceFrames) {
     ASSERT_EQ(KIV_PushVideoFrame(source, &frame.frame), KIV_OK);
     EXPECT_EQ(frames, before + 1);
     KIV_Disconnect(source, osd), KIV_Disconnect(osd, out);
-    EXPECT_EQ(static_cast<KivVideoOsd*>(static_cast<KivPortBase*>(osd))->FramesInProgress(), 0);
     for (void* port : {source, osd, out}) EXPECT_EQ(KIV_DestroyPort(port), KIV_OK);
 }
 

@@ -1,12 +1,9 @@
 // Shared helpers of the overlay tests (the GDI+ timing program writes its picture with WriteBmp24).
 #pragma once
-#include <cstdint>
 #include <fstream>
 #include <iterator>
-#include <string>
-#include <vector>
 
-#include "kivcapture.h"
+#include "test_support.h"
 
 namespace osdtest {
 

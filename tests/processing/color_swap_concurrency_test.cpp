@@ -23,10 +23,9 @@ struct Tally {
 };
 
 TEST(ColorEngineConcurrency, TablesSwapWhileFramesFlow) {
-    const std::string dir = kivtest::TempDir("color_swap");
     std::basic_string<KivWChar> paths[2];
     for (int i = 0; i < 2; ++i) {
-        const std::string path = dir + "/" + char('a' + i) + ".cube";
+        const std::string path = kivtest::TempDir(std::string("color_swap_") + char('a' + i)) + "/t.cube";
         kivtest::WriteFile(path, proctest::CubeText(2, [i](float, float, float, float* o) { o[0] = o[1] = o[2] = i ? 0.8f : 0.2f; }));
         paths[i] = kivtest::Wide(path);
     }
@@ -45,8 +44,7 @@ TEST(ColorEngineConcurrency, TablesSwapWhileFramesFlow) {
     for (int i = 0; i < 60; ++i, std::this_thread::yield()) {
         ASSERT_EQ(KIV_LoadVideoColorEngineCubeFile(engine, paths[(i + 1) % 2].c_str()), KIV_OK);
         ASSERT_EQ(i % 10 == 9 ? KIV_ClearVideoColorEngineLut(engine) : KIV_OK, KIV_OK);
-        KivVideoColorEngineConfig changed = config;
-        changed.strength = i % 3 ? 1.0f : 0.999f;  // weight stays 256
+        const KivVideoColorEngineConfig changed{0, 1, KIV_PIXEL_FORMAT_RGB32, 0, 0, i % 3 ? 1.0f : 0.999f};  // weight stays 256
         ASSERT_EQ(KIV_SetVideoColorEngineConfig(engine, &changed), KIV_OK);
     }
     for (const int seen = tally.delivered; tally.delivered < seen + 3;) std::this_thread::yield();  // some frames after the last swap

@@ -1,11 +1,9 @@
-// The crop against the source bytes of random frames; the cube reader through both users; the colour engine port as
-// an application drives it; per-pixel colour arithmetic against the standards' formulas, table lookups against known
-// tables; engine frames against a pixel-by-pixel reference for every format pair.
+// Crop against the source bytes; the cube reader through both users; the colour engine port; colour arithmetic
+// against the standards' formulas and known tables; engine frames against a pixel-by-pixel reference.
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cmath>
-#include <cstring>
 #include <filesystem>
 #include <random>
 
@@ -13,10 +11,13 @@
 #include "processing/kiv_lut8_fast.h"
 #include "processing_test_helpers.h"
 
-using proctest::BytesPerPixel;
 using namespace kiv::color;
 
 namespace {
+
+int BytesPerPixel(int32_t format) {
+    return format == KIV_PIXEL_FORMAT_YUY2 ? 2 : format == KIV_PIXEL_FORMAT_RGB24 ? 3 : format == KIV_PIXEL_FORMAT_RGB32 ? 4 : 1;
+}
 
 // Random bytes; padded strides, or zero strides and a single NV12 buffer.
 struct RandomFrame {
@@ -37,15 +38,10 @@ struct RandomFrame {
     }
 };
 
-// A port of the given kind with its frames caught, and the library log on.
 template <void* (*Create)()>
 class PortTest : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_EQ(KIV_EnableLog(1), KIV_OK); }
-    void TearDown() override {
-        KIV_DestroyPort(handle);
-        KIV_EnableLog(0);
-    }
+    void TearDown() override { KIV_DestroyPort(handle); }
     const kivtest::CaughtFrame& Run(const KivVideoFrame& in) {  // the frame passed on
         static const kivtest::CaughtFrame none;
         EXPECT_EQ(port->OnVideoFrame(&in), KIV_OK);
@@ -117,8 +113,7 @@ TEST_F(CropTest, RectanglesAreClampedExtendedAndAligned) {
 // Frames the crop cannot or need not cut go on as they came, never dropped.
 TEST_F(CropTest, FramesItCannotCropPassUnchanged) {
     uint8_t payload[64] = {1, 2, 3};
-    std::mt19937 rng(3);
-    RandomFrame yuy2(KIV_PIXEL_FORMAT_YUY2, 64, 48, rng, false);
+    kivtest::OwnedFrame yuy2(KIV_PIXEL_FORMAT_YUY2, 64, 48);
     KivVideoFrame noPixels = yuy2.frame;
     noPixels.planes[0] = nullptr;
     const struct {
@@ -165,9 +160,8 @@ TEST(ProcessingApi, BadHandlesAndArgumentsAreRefused) {
                                 KIV_LoadVideoColorEngineCubeFile(engine, nullptr), KIV_LoadVideoColorEngineCubeFile(engine, empty),
                                 KIV_SetVideoCropRect(crop, nullptr)}),
               std::vector<int>(5, KIV_ERROR_INVALID_ARG));
-    KivVideoColorEngineConfig after{};
-    ASSERT_EQ(KIV_GetVideoColorEngineConfig(engine, &after), KIV_OK);
-    EXPECT_TRUE(after.processor == 0 && after.enable == 0 && after.outFmt == 0 && after.strength == 1.0f);
+    ASSERT_EQ(KIV_GetVideoColorEngineConfig(engine, &config), KIV_OK);
+    EXPECT_TRUE(config.processor == 0 && config.enable == 0 && config.outFmt == 0 && config.strength == 1.0f);
     for (void* port : {crop, engine, mux}) KIV_DestroyPort(port);
 }
 
@@ -180,7 +174,7 @@ std::pair<bool, bool> ParseBoth(const std::string& text, Kiv3DLutData* e = nullp
     return {kiv::ParseCubeForColorEngine(text.c_str(), e ? e : &e2), kiv::ParseCubeForRender(text.c_str(), r ? r : &r2)};
 }
 
-TEST(CubeParse, WhichFilesAreAccepted) {
+TEST(CubeParse, WhichFilesAreAcceptedAndHowValuesAreStored) {
     const std::pair<bool, bool> both(true, true), neither(false, false);
     std::string longTail(1100, ' ');  // 1023 characters survive; numbers beyond them are lost
     longTail.replace(1050, 11, "0.9 0.9 0.9");
@@ -216,12 +210,9 @@ TEST(CubeParse, WhichFilesAreAccepted) {
         ASSERT_TRUE(kiv::ParseCubeForColorEngine(text.c_str(), &e));  // a late size line counts; two numbers are no entry
         EXPECT_EQ(e.dim, dim);
     }
-}
-
-TEST(CubeParse, ValuesAreClampedAndStoredInEachUsersFormat) {
+    // Values are clamped and stored in each user's format.
     const std::string text = "DOMAIN_MIN -0.5 0 0.25\nDOMAIN_MAX 2 1e0 0.75\nLUT_3D_SIZE 2\n1.7 -0.2 0.5\n0.25 1 0\n" + Lines(4) +
                              "1e39 -1e39 1e-50\nnan 1e-1 2.5E-1\n";
-    Kiv3DLutData e;
     KivRenderLutData r;
     ASSERT_EQ(ParseBoth(text, &e, &r), std::make_pair(true, true));
     EXPECT_EQ(std::vector<float>(e.domainMin, e.domainMin + 3), (std::vector<float>{-0.5f, 0, 0.25f}));
@@ -258,6 +249,7 @@ struct ColorEngineTest : PortTest<CreateEngine> {
 };
 
 TEST_F(ColorEngineTest, TablesLoadBlendAndFramesPassWhenThereIsNothingToDo) {
+    ASSERT_EQ(KIV_EnableLog(1), KIV_OK);
     kivtest::OwnedFrame in(KIV_PIXEL_FORMAT_RGB32, 6, 2, 0), small(KIV_PIXEL_FORMAT_RGB32, 2, 2, 0);
     Configure(1, 0);  // enabled without a table, same format out
     EXPECT_EQ(Run(in.frame).record, &in.frame);
@@ -287,6 +279,7 @@ TEST_F(ColorEngineTest, TablesLoadBlendAndFramesPassWhenThereIsNothingToDo) {
     EXPECT_EQ(Run(in.frame).record, &in.frame);
     for (const char* part : {"\xC3\xA4.cube dim=2", "open file failed path=", "parse error path="})  // the log alone tells which step failed
         EXPECT_NE(kivtest::LibraryLog().find(part), std::string::npos) << part;
+    KIV_EnableLog(0);
 }
 
 // Ideal Y, Cb, Cr bytes of an RGB colour in [0, 1], from the luma weights alone.
@@ -337,7 +330,7 @@ void Identity(float r, float g, float b, float* o) { o[0] = r, o[1] = g, o[2] = 
 void Swap(float r, float g, float b, float* o) { o[0] = b, o[1] = r, o[2] = g; }
 void Constant(float, float, float, float* o) { o[0] = 0.2f, o[1] = 0.6f, o[2] = 1.0f; }
 
-TEST(ColorLut, TablesWithKnownEffects) {
+TEST(ColorLut, TablesWithKnownEffectsAndRowLookupsBitExactWithThePixelRule) {
     const Kiv3DLutData identity = Table(33, Identity), swap = Table(17, Swap), constant = Table(5, Constant);
     std::mt19937 rng(7);
     const double target[3] = {51, 153, 255};
@@ -345,7 +338,7 @@ TEST(ColorLut, TablesWithKnownEffects) {
         const uint8_t in[3] = {uint8_t(rng()), uint8_t(rng()), uint8_t(rng())};
         uint8_t out[5][3];  // identity, swap, the constant at full, 60 % and no strength
         const std::pair<const Kiv3DLutData*, int> runs[5] = {{&identity, 256}, {&swap, 256}, {&constant, 256}, {&constant, 154}, {&constant, 0}};
-        for (int r = 0; r < 5; ++r) std::memcpy(out[r], in, 3), ApplyLut8(*runs[r].first, runs[r].second, out[r]);
+        for (int r = 0; r < 5; ++r) std::copy_n(in, 3, out[r]), ApplyLut8(*runs[r].first, runs[r].second, out[r]);
         for (int c = 0; c < 3; ++c) {
             ASSERT_NEAR(out[0][c], in[c], 1);
             ASSERT_NEAR(out[1][c], in[(c + 2) % 3], 1);
@@ -373,12 +366,8 @@ TEST(ColorLut, TablesWithKnownEffects) {
             ASSERT_NEAR(out[3][c], in[c] + (target[c] / 255 - in[c]) * 0.25f, 1e-5);
         }
     }
-}
-
-// The 8-bit row lookups must give the per-pixel rule's results for every table size and strength, bit for bit;
-// random tables make every corner count. The float rows are checked through the NV12 frames below.
-TEST(ColorLut, RowLookupsAreBitExactWithThePixelRule) {
-    std::mt19937 rng(11);
+    // The 8-bit row lookups must give the per-pixel rule's results for every table size and strength, bit for bit;
+    // random tables make every corner count. The float rows are checked through the NV12 frames below.
     for (int n : {2, 3, 17, 33, 65}) {
         Kiv3DLutData lut;
         lut.dim = n;
@@ -406,9 +395,8 @@ void ReadPixel(const KivVideoFrame& f, int x, int y, int cs, int range, T rgb[3]
     const int stride = f.strides[0] >= 1 ? f.strides[0] : f.width * BytesPerPixel(f.format);
     const uint8_t* row = f.planes[0] + ptrdiff_t(stride) * y;
     int Y, u, v;
-    if (f.format == KIV_PIXEL_FORMAT_RGB24 || f.format == KIV_PIXEL_FORMAT_RGB32) {
-        const uint8_t* p = row + x * BytesPerPixel(f.format);
-        for (int c = 0; c < 3; ++c) rgb[c] = kFloat ? T(p[2 - c] / 255.0f) : T(p[2 - c]);
+    if (const int bpp = BytesPerPixel(f.format); bpp >= 3) {
+        for (int c = 0; c < 3; ++c) rgb[c] = kFloat ? T(row[x * bpp + 2 - c] / 255.0f) : T(row[x * bpp + 2 - c]);
         return;
     }
     if (f.format == KIV_PIXEL_FORMAT_YUY2) {
@@ -431,19 +419,11 @@ std::array<std::vector<uint8_t>, 2> ReferenceConvert(const KivVideoFrame& in, in
                                                      float strength) {
     std::vector<uint8_t> plane0, plane1;
     const int w = in.width, h = in.height;
-    auto graded8 = [&](int x, int y, uint8_t rgb[3]) {
+    auto graded8 = [&](int x, int y, uint8_t rgb[3]) {  // NV12 to YUY2 takes the float reader
         float f[3];
-        if (in.format == KIV_PIXEL_FORMAT_NV12 && outFmt == KIV_PIXEL_FORMAT_YUY2) ReadPixel(in, x, y, cs, range, f);
-        else ReadPixel(in, x, y, cs, range, rgb);
-        if (in.format == KIV_PIXEL_FORMAT_NV12 && outFmt == KIV_PIXEL_FORMAT_YUY2)
-            for (int c = 0; c < 3; ++c) rgb[c] = FloatToByte(f[c]);
+        if (in.format != KIV_PIXEL_FORMAT_NV12 || outFmt != KIV_PIXEL_FORMAT_YUY2) ReadPixel(in, x, y, cs, range, rgb);
+        else ReadPixel(in, x, y, cs, range, f), std::transform(f, f + 3, rgb, FloatToByte);
         if (lut) ApplyLut8(*lut, StrengthWeight(strength), rgb);
-    };
-    auto gradedYuv = [&](int x, int y, uint8_t yuv[3]) {
-        float f[3];
-        ReadPixel(in, x, y, cs, range, f);
-        if (lut) ApplyLutFloat(*lut, strength, f);
-        RgbToYuvFloat(f, cs, range, yuv);
     };
     if (outFmt == KIV_PIXEL_FORMAT_RGB24 || outFmt == KIV_PIXEL_FORMAT_RGB32) {
         for (int y = 0; y < h; ++y)
@@ -462,17 +442,20 @@ std::array<std::vector<uint8_t>, 2> ReferenceConvert(const KivVideoFrame& in, in
                 plane0.insert(plane0.end(), {ya[0], uint8_t((ya[1] + yb[1] + 1) >> 1), yb[0], uint8_t((ya[2] + yb[2] + 1) >> 1)});
             }
     } else {
-        uint8_t yuv[3];
-        for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x) gradedYuv(x, y, yuv), plane0.push_back(yuv[0]);
-        const int cw = (w + 1) & ~1;
-        plane1.assign(size_t(cw) * ((h + 1) / 2), 0);
+        std::vector<std::array<uint8_t, 3>> yuv(size_t(w) * h);  // through the float reader
+        for (int i = 0; i < w * h; ++i) {
+            float f[3];
+            ReadPixel(in, i % w, i / w, cs, range, f);
+            if (lut) ApplyLutFloat(*lut, strength, f);
+            RgbToYuvFloat(f, cs, range, yuv[i].data());
+            plane0.push_back(yuv[i][0]);
+        }
         for (int by = 0; by < h; by += 2)
             for (int bx = 0; bx < w; bx += 2) {
                 int su = 0, sv = 0, n = 0;
                 for (int y = by; y < by + 2 && y < h; ++y)
-                    for (int x = bx; x < bx + 2 && x < w; ++x, ++n) gradedYuv(x, y, yuv), su += yuv[1], sv += yuv[2];
-                plane1[size_t(by / 2) * cw + bx] = uint8_t((su + n / 2) / n), plane1[size_t(by / 2) * cw + bx + 1] = uint8_t((sv + n / 2) / n);
+                    for (int x = bx; x < bx + 2 && x < w; ++x, ++n) su += yuv[y * w + x][1], sv += yuv[y * w + x][2];
+                plane1.insert(plane1.end(), {uint8_t((su + n / 2) / n), uint8_t((sv + n / 2) / n)});
             }
     }
     return {plane0, plane1};
@@ -480,11 +463,9 @@ std::array<std::vector<uint8_t>, 2> ReferenceConvert(const KivVideoFrame& in, in
 
 struct ColorFrameTest : ColorEngineTest {
     void SetUp() override {
-        ColorEngineTest::SetUp();
-        std::mt19937 rng(5);
-        std::uniform_real_distribution<float> unit(-0.1f, 1.1f);
+        std::mt19937 rng(5);  // entries from -0.1 to 1.1
         std::string text = "LUT_3D_SIZE 9\nDOMAIN_MIN 0.1 -0.2 0\nDOMAIN_MAX 0.9 1.3 0.5\n";
-        for (int i = 0; i < 3 * 9 * 9 * 9; ++i) text += std::to_string(unit(rng)) + (i % 3 == 2 ? "\n" : " ");
+        for (int i = 0; i < 3 * 9 * 9 * 9; ++i) text += std::to_string(int(rng() % 1201) / 1000.0 - 0.1) + (i % 3 == 2 ? "\n" : " ");
         ASSERT_TRUE(kiv::ParseCubeForColorEngine(text.c_str(), &lut));
         ASSERT_EQ(Load(WriteCube("random.cube", text)), KIV_OK);
     }
@@ -499,8 +480,7 @@ struct ColorFrameTest : ColorEngineTest {
         ASSERT_EQ((std::vector<int64_t>{out.meta.format, out.meta.width, out.meta.height, out.meta.timestamp, int64_t(out.meta.frameIndex)}),
                   (std::vector<int64_t>{outFmt, in.width, in.height, in.timestamp, int64_t(in.frameIndex)}));
         ASSERT_EQ(out.plane0, ref[0]);
-        if (outFmt == KIV_PIXEL_FORMAT_NV12) EXPECT_EQ(out.meta.strides[1], (in.width + 1) & ~1);
-        else EXPECT_EQ(out.meta.planes[1], nullptr);
+        EXPECT_EQ(out.meta.planes[1] != nullptr, outFmt == KIV_PIXEL_FORMAT_NV12);
         EXPECT_EQ(out.plane1, ref[1]);
         catcher.frames.clear();
     }

@@ -1,6 +1,5 @@
-// Shared pieces of the crop and colour engine tests (the GPU render tests use the cube writer too).
+// The cube writer of the colour engine tests (the GPU render tests use it too).
 #pragma once
-#include <cstdint>
 #include <cstdio>
 #include <string>
 
@@ -9,10 +8,6 @@
 #include "test_support.h"
 
 namespace proctest {
-
-inline int BytesPerPixel(int32_t format) {
-    return format == KIV_PIXEL_FORMAT_YUY2 ? 2 : format == KIV_PIXEL_FORMAT_RGB24 ? 3 : format == KIV_PIXEL_FORMAT_RGB32 ? 4 : 1;
-}
 
 // A cube file of edge n whose entry for lattice point (r, g, b) is fn(r / (n - 1), ...).
 template <class Fn>
