@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <vector>
 
 #include "aac_encoder.h"
 #include "test_support.h"
@@ -31,8 +30,7 @@ Values Read(IMFMediaType* type) {
     return v;
 }
 
-// Streams 3 and 5 (the encoder must ask); an access unit of 100 + n bytes,
-// starting with byte n, for every 1024 sample frames it was given.
+// Streams 3 and 5 (the encoder must ask); an access unit of 100 + n bytes, starting with byte n, per 1024 frames.
 class FakeAacTransform : public IMFTransform {
 public:
     bool providesSamples = false, streamChangeOnce = false;
@@ -162,8 +160,7 @@ TEST_P(AacTransformPump, ConfiguresPumpsDrainsAndReleases) {
         const std::vector<uint8_t> pcm(960 * 4, 0x11);
         for (int i = 0; i < 10; ++i) ASSERT_EQ(encoder.Encode(pcm.data(), pcm.size(), int64_t(i) * 200000, &sink), 0u) << i;
         EXPECT_EQ(sink.units.size(), 9u);
-        // PCM in; AAC out at 128 kbit/s, AAC-LC level 2, raw access units; the
-        // output type confirmed again after a stream change.
+        // PCM in; AAC-LC level 2 out at 128 kbit/s, raw; the output type set again after a stream change.
         EXPECT_EQ(fake.types,
                   (std::vector<Values>{{1, 48000, 2, 192000, -1, -1}, {0x1610, 48000, 2, 16000, 0x29, -1}, {0x1610, -1, -1, -1, -1, -1}}));
         ASSERT_EQ(fake.inputs.size(), 10u);

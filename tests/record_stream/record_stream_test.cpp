@@ -1,12 +1,9 @@
-// The H.264 stream reader, the MP4 writer, the buffered file writer and the
-// AAC configuration: hand-built input, and libx264 streams written to MP4 and
-// read back by ffprobe and ffmpeg, also when a full disk cuts a file short.
+// The H.264 reader, MP4 writer, buffered file writer and AAC configuration: hand-built input, and libx264
+// streams written to MP4 and read back by ffprobe and ffmpeg, also when a full disk cuts a file short.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
-#include <tuple>
 
 #ifndef _WIN32
 #include <signal.h>
@@ -19,7 +16,6 @@
 #include "h264_stream.h"
 #include "mp4_writer.h"
 #include "stream_test_util.h"
-#include "test_support.h"
 
 using namespace streamtest;
 
@@ -30,11 +26,8 @@ namespace {
 
 struct SpsFields {
     uint32_t profile = 77, constraints = 0x40, level = 31, chroma = 1;
-    bool separatePlanes = false;  // 4:4:4 coded as three monochrome pictures
-    uint32_t lumaMinus8 = 0, chromaMinus8 = 0;
-    bool scalingLists = false;
-    uint32_t pocType = 0, widthMbsMinus1 = 19, heightUnitsMinus1 = 14;
-    bool frameMbsOnly = true;
+    bool separatePlanes = false, scalingLists = false, frameMbsOnly = true;  // separate planes: 4:4:4 as three pictures
+    uint32_t lumaMinus8 = 0, chromaMinus8 = 0, pocType = 0, widthMbsMinus1 = 19, heightUnitsMinus1 = 14;
     uint32_t crop[4] = {0, 0, 0, 0};  // left, right, top, bottom
 };
 
@@ -78,19 +71,16 @@ const Bytes kIdr = {0x65, 0x88, 0x84, 0x00, 0x33, 0x21};
 const Bytes kSlice = {0x41, 0x9A, 0x02, 0x04};
 
 TEST(H264Framing, EachFramingIsRecognisedAndRewrittenAsAnnexB) {
-    const Bytes idr = {0x65, 0x11, 0x22, 0x33, 0x44};
     Bytes longSlice(300, 0x5A);  // its length reads 00 00 01 2C: still AVCC
     longSlice[0] = 0x41;
-    // 00 00 01 41 also reads as a length of 321, and 321 bytes follow; but
-    // that "unit" would start with 9A, whose forbidden bit is set.
+    // 00 00 01 41 also reads as a length of 321 with 321 bytes behind, but that unit's 9A has the forbidden bit.
     Bytes lookalike = {0, 0, 1, 0x41, 0x9A};
     lookalike.resize(4 + 0x141, 0x55);
     const Bytes tooLong = {0, 0, 0, 6, 0x65, 0x11, 0x22, 0x33, 0x44};  // one byte past the end
-    // The sample has every unit behind 00 00 00 01.
     const struct { const char* name; Bytes input; int source, nalCount, firstNalType; bool key; Bytes sample; } cases[] = {
         {"mixed start codes", Concat({AnnexB({kSps, kPps}), {0, 0, 1}, kIdr}), kiv::kH264SourceAnnexB, 3, 7, true, AnnexB({kSps, kPps, kIdr})},
         {"junk around", Concat({{0x12, 0x34}, AnnexB({kSlice, kSlice}), {0, 0, 0}}), kiv::kH264SourceAnnexB, 2, 1, false, AnnexB({kSlice, kSlice})},
-        {"length prefixed", LengthPrefixed({idr}), kiv::kH264SourceAvcc, 1, 5, true, AnnexB({idr})},
+        {"length prefixed", LengthPrefixed({kIdr}), kiv::kH264SourceAvcc, 1, 5, true, AnnexB({kIdr})},
         {"300-byte unit", LengthPrefixed({kSps, kPps, longSlice}), kiv::kH264SourceAvcc, 3, 7, false, AnnexB({kSps, kPps, longSlice})},
         {"start code reading as a length", lookalike, kiv::kH264SourceAnnexB, 1, 1, false, AnnexB({Bytes(lookalike.begin() + 3, lookalike.end())})},
         {"length past the end: one bare unit", tooLong, kiv::kH264SourceSingleNal, 1, 0, false, AnnexB({tooLong})},
@@ -129,8 +119,7 @@ TEST(H264Framing, ParameterSetsAreKeptReplacedAndReset) {
     EXPECT_TRUE(out.empty());
 }
 
-// Encoder output is also compared with ffprobe's reading in the round trips;
-// these cover what x264 does not write.
+// The round trips compare x264 output with ffprobe's reading; these cover what x264 does not write.
 TEST(H264Sps, FieldsOfHandBuiltParameterSets) {
     using F = SpsFields&;
     // Expected: parsed, profile, constraints, level, chroma, depths, size parsed, width, height.
@@ -182,16 +171,10 @@ TEST(H264Sps, MalformedInputIsRejected) {
 
 std::string TempFile(const std::string& name) { return kivtest::TempDir("record_stream_mp4") + "/" + name; }
 
-const kiv::H264SpsInfo kMainInfo = [] {
-    kiv::H264SpsInfo info;
-    return kiv::ParseH264Sps(kSps.data(), kSps.size(), &info), info;
-}();
+const kiv::H264SpsInfo kMainInfo{};  // the writer reads it for High profiles only
 
 struct Writer : kiv::Mp4Writer {
     explicit Writer(const std::string& path) { EXPECT_EQ(Open(WidePath(path).c_str(), 320, 240, kSps, kPps, kMainInfo), kiv::Mp4OpenResult::kOk); }
-    bool Video(const Bytes& sample, int64_t time, int64_t duration, bool key) {
-        return WriteVideoSample(sample.data(), sample.size(), time, uint32_t(duration), key);
-    }
 };
 
 // A "pts,duration,size,pos,flags" line for each packet of `stream` (v or a) as ffprobe reads them.
@@ -201,9 +184,8 @@ std::string Packets(const std::string& file, const std::string& stream) {
     return out;
 }
 
-// Sizes, offsets behind a 64-bit mdat header, sync samples, time scales and
-// the recorded durations (a gap included); then reopening and destroying the
-// writer finalise the open file.
+// Sizes, offsets behind a 64-bit mdat header, sync samples, time scales and the recorded durations (a gap
+// included); then reopening and destroying the writer finalise the open file.
 TEST(Mp4Layout, SampleTablesOfBothTracksAsFfprobeReadsThem) {
     if (!HaveFfmpegTools()) GTEST_SKIP() << "ffprobe not found (native build only)";
     const std::string path = TempFile("layout.mp4");
@@ -222,7 +204,7 @@ TEST(Mp4Layout, SampleTablesOfBothTracksAsFfprobeReadsThem) {
     for (size_t i = 0; i < 8; ++i) {
         const Bytes& frame = frames[i < 6 ? i % 3 : 1];
         const uint64_t size = LengthPrefixed(NalUnits(frame)).size();
-        ASSERT_TRUE(writer.Video(frame, times[i], 333333, i % 3 == 0 && i < 6));
+        ASSERT_TRUE(writer.WriteVideoSample(frame.data(), frame.size(), times[i], 333333, i % 3 == 0 && i < 6));
         video += std::to_string(times[i]) + "," + std::to_string(i < 7 ? times[i + 1] - times[i] : 333333) + "," + std::to_string(size) +
                  "," + std::to_string(pos) + (i % 3 == 0 && i < 6 ? ",K_\n" : ",__\n");
         pos += size;
@@ -240,11 +222,12 @@ TEST(Mp4Layout, SampleTablesOfBothTracksAsFfprobeReadsThem) {
     const std::string first = TempFile("segment1.mp4"), second = TempFile("segment2.mp4");
     {
         Writer segments(first);
-        ASSERT_TRUE(segments.Video(AnnexB({kIdr}), 0, 333333, true));
+        const Bytes idr = AnnexB({kIdr});
+        ASSERT_TRUE(segments.WriteVideoSample(idr.data(), idr.size(), 0, 333333, true));
         ASSERT_EQ(segments.Open(WidePath(second).c_str(), 320, 240, kSps, kPps, kMainInfo), kiv::Mp4OpenResult::kOk);
         EXPECT_EQ(segments.VideoSampleCount(), 0u);
-        ASSERT_TRUE(segments.Video(AnnexB({kIdr}), 5000000, 333333, true));
-        ASSERT_TRUE(segments.Video(AnnexB({kIdr}), 5333333, 333333, true));
+        ASSERT_TRUE(segments.WriteVideoSample(idr.data(), idr.size(), 5000000, 333333, true));
+        ASSERT_TRUE(segments.WriteVideoSample(idr.data(), idr.size(), 5333333, 333333, true));
     }
     EXPECT_EQ(std::make_pair(kivtest::CountOf(Packets(first, "v"), "\n"), kivtest::CountOf(Packets(second, "v"), "\n")),
               std::make_pair(size_t(1), size_t(2)));
@@ -295,41 +278,35 @@ TEST(Mp4Layout, OpenRefusesBadParametersAndEmptyFilesStayValid) {
     EXPECT_EQ(std::make_pair(U32(file, 36), U64(file, 44)), std::make_pair(1u, uint64_t(0)));
 }
 
-// The MP4 round trips cover writing and patching; here the edges they do not reach.
-TEST(FileWriterTest, PatchesStayInsideTheFileAndCloseOnce) {
-    const std::string path = TempFile("buffered.bin");
-    kiv::FileWriter writer(16);
-    const uint8_t patch[3] = {0xAA, 0xBB, 0xCC};
-    ASSERT_TRUE(writer.Open(WidePath(path).c_str()) && writer.WriteU64BE(0x0102030405060708ull) && writer.WriteU16BE(0x090A));
-    EXPECT_FALSE(writer.Patch(8, patch, 3));
-    ASSERT_TRUE(writer.Patch(7, patch, 3));
-    EXPECT_EQ(writer.Position(), 10u);
-    EXPECT_TRUE(writer.Close());
-    EXPECT_FALSE(writer.Close());
-    EXPECT_EQ(ReadAll(path), (Bytes{1, 2, 3, 4, 5, 6, 7, 0xAA, 0xBB, 0xCC}));
-}
-
-TEST(FileWriterTest, Utf16PathsIncludingSurrogatePairs) {
+// A file with a UTF-16 name (a surrogate pair included): patches stay inside it, and it closes once.
+TEST(FileWriterTest, Utf16PathsPatchesAndClose) {
     const std::vector<KivWChar> name = {'a', 0x00E9, 0x4E2D, 0xD83D, 0xDE00, 0xD800, 'z', 0};
     EXPECT_EQ(std::string(kiv::Utf16PathToUtf8(name.data()).data()), "a\xC3\xA9\xE4\xB8\xAD\xF0\x9F\x98\x80\xEF\xBF\xBDz");
     const std::string dir = kivtest::TempDir("record_stream_utf");
     std::basic_string<KivWChar> wide = WidePath(dir + "/");
     wide += {0x00E9, 0x4E2D, '.', 'b', 'i', 'n'};
-    kiv::FileWriter writer;
-    ASSERT_TRUE(writer.Open(wide.c_str()) && writer.WriteU8(42) && writer.Close());
+    kiv::FileWriter writer(16);
+    const uint8_t patch[3] = {0xAA, 0xBB, 0xCC};
+    ASSERT_TRUE(writer.Open(wide.c_str()) && writer.WriteU64BE(0x0102030405060708ull) && writer.WriteU16BE(0x090A));
+    EXPECT_FALSE(writer.Patch(8, patch, 3));
+    ASSERT_TRUE(writer.Patch(7, patch, 3));
+    EXPECT_EQ(writer.Position(), 10u);
+    EXPECT_TRUE(writer.Close());
+    EXPECT_FALSE(writer.Close());
+    const Bytes expected = {1, 2, 3, 4, 5, 6, 7, 0xAA, 0xBB, 0xCC};
 #ifdef _WIN32
     FILE* f = _wfopen(reinterpret_cast<const wchar_t*>(wide.c_str()), L"rb");
     ASSERT_NE(f, nullptr) << "the file has the wide-character name";
-    const int first = fgetc(f);
-    EXPECT_EQ(std::make_pair(first, fgetc(f)), std::make_pair(42, EOF));
+    Bytes read;
+    for (int c; (c = fgetc(f)) != EOF;) read.push_back(uint8_t(c));
     fclose(f);
+    EXPECT_EQ(read, expected);
 #else
-    EXPECT_EQ(ReadAll(dir + "/\xC3\xA9\xE4\xB8\xAD.bin"), Bytes{42});
+    EXPECT_EQ(ReadAll(dir + "/\xC3\xA9\xE4\xB8\xAD.bin"), expected);
 #endif
 }
 
-// The writer asks the real system how much room is left: a reserve larger
-// than any disk stops a write, a tiny one does not.
+// The real system's free space: a reserve larger than any disk stops a write, a tiny one does not.
 TEST(FileWriterTest, RealFreeSpaceDecidesWhetherAWriteGoesAhead) {
     const std::vector<uint8_t> block(1000, 0x5A);
     kiv::FileWriter writer;
@@ -342,7 +319,6 @@ TEST(FileWriterTest, RealFreeSpaceDecidesWhetherAWriteGoesAhead) {
     EXPECT_FALSE(writer.Flush());
     EXPECT_TRUE(writer.Failed());
     EXPECT_EQ(writer.BytesOnDisk(), block.size()) << "nothing of the refused block was written";
-    writer.Close();
 }
 
 TEST(PassThroughPath, WarmFramesAllocateNothing) {
@@ -388,9 +364,8 @@ TEST(AacConfig, RatesChannelsAndBufferSizes) {
     EXPECT_EQ(buffers, std::vector<size_t>({16384, 16384, 65536})) << "never smaller than 16K";
 }
 
-// Bad formats are refused before any search; without a platform AAC encoder
-// (native builds, Wine) the search fails cleanly and leaves an encoder that
-// refuses work. A platform encoder must take the same work.
+// Bad formats are refused before any search; without a platform AAC encoder (native, Wine) the search fails
+// cleanly and leaves an encoder that refuses work. A platform encoder must take the same work.
 TEST(AacEncoderTest, EncodesOrReportsThatNoEncoderExists) {
     kivtest::LibraryScope library;
     kiv::AacEncoder encoder;
@@ -406,9 +381,8 @@ TEST(AacEncoderTest, EncodesOrReportsThatNoEncoderExists) {
     EXPECT_FALSE(encoder.Ready());
 }
 
-// libx264 streams at 25 frames a second, fed through the analyser into the
-// writer as the pass-through path does; ffmpeg decodes of the files must
-// match the decodes of the streams.
+// libx264 streams at 25 frames a second, fed through the analyser into the writer as the pass-through path
+// does; ffmpeg decodes of the files must match the decodes of the streams.
 class FfmpegRoundTrip : public ::testing::Test {
 protected:
     struct Clip { std::string path; std::vector<Bytes> units; std::vector<std::string> hashes; };
@@ -426,9 +400,8 @@ protected:
         EXPECT_EQ(std::make_pair(c.units.size(), c.hashes.size()), std::make_pair(size_t(frames), size_t(frames)));
         return c;
     }
-    // Frames of one NAL unit go in `bare` without any framing, the others in
-    // Annex B form. The file opens at the first frame that brings both
-    // parameter sets; the audio due before the next video frame follows each one.
+    // Frames of one NAL unit go in `bare` without framing, the others in Annex B form. The file opens at the
+    // first frame with both parameter sets; the audio due before the next video frame follows each one.
     void Write(kiv::Mp4Writer* writer, const Clip& clip, const std::string& path, int width, int height, bool bare = false,
                const std::vector<AdtsFrame>* audio = nullptr) {
         kiv::H264StreamAnalyzer analyzer;
@@ -463,10 +436,8 @@ protected:
     kiv::H264SpsInfo sps;
 };
 
-// The recorder tests cover Baseline and B-frames in both framings; this adds
-// bare single-NAL frames, cropping and an AAC track, and compares our SPS
-// reading with ffprobe's. The audio frames written must decode exactly like
-// the same frames read from ADTS.
+// The recorder tests cover Baseline and B-frames in both framings; this adds bare single-NAL frames, cropping,
+// our SPS reading against ffprobe's, and an AAC track that must decode exactly like the same ADTS frames.
 TEST_F(FfmpegRoundTrip, VideoAndAudioDecodeToTheSameFrames) {
     const Clip clip = MakeClip("high_cropped", 320, 180, 50, "-profile:v high -bf 2");
     const std::string adts = dir + "/tone.aac", output = dir + "/out.mp4";
@@ -502,9 +473,8 @@ TEST_F(FfmpegRoundTrip, VideoAndAudioDecodeToTheSameFrames) {
 #ifndef _WIN32
 uint64_t g_capacity = 0;
 
-// 40 frames of 640x480 without B-frames (the frames that survive are a prefix
-// in display order too), a key frame every 10. Each file must play up to the
-// failure and end with its moov: nothing of the failed write is left behind.
+// 40 frames of 640x480 without B-frames (survivors are a prefix in display order too), a key frame every 10.
+// Each file must play up to the failure and end with its moov: nothing of the failed write is left behind.
 TEST_F(FfmpegRoundTrip, FilesCutShortByAFullDiskPlayUpToTheFailure) {
     const Clip clip = MakeClip("cut", 640, 480, 40, "-bf 0 -g 10");
     auto expectPlayablePrefix = [&](const std::string& file, int frames) {
@@ -516,10 +486,9 @@ TEST_F(FfmpegRoundTrip, FilesCutShortByAFullDiskPlayUpToTheFailure) {
         ASSERT_TRUE(FindBox(bytes, "moov", &moov));
         EXPECT_EQ(moov.offset + moov.size, bytes.size());
     };
-    // Everything waits in the write buffer, so a failure comes when the file is
-    // finalised, as at the end of a short recording: a file size limit strikes
-    // half-way through key frame 20, leaving room for the moov of 20 frames but
-    // not for frame 20. The free-space check sees a roomy disk and lets it happen.
+    // Everything waits in the write buffer, so the failure comes at finalising, as for a short recording: a
+    // file size limit strikes half-way through key frame 20, leaving room for the moov of 20 frames but not
+    // for frame 20. The free-space check sees a roomy disk and lets it happen.
     kiv::Mp4Writer cut;
     Write(&cut, clip, dir + "/cut.mp4", 640, 480);
     uint64_t end = cut.FileBytes(), total = 0;

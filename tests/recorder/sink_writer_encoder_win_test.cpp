@@ -9,8 +9,6 @@
 #include <mferror.h>
 
 #include <cstdio>
-#include <string>
-#include <vector>
 
 #include "record/mf_sink_writer_hook_win.h"
 #include "record/video_encoder.h"
@@ -106,10 +104,6 @@ protected:
         kiv::SetSinkWriterFactory(CreateFake);
     }
     void TearDown() override { kiv::SetSinkWriterFactory(nullptr); }
-    void Refuse(FakeSinkWriter::Refuse what) {
-        fake_ = FakeSinkWriter();
-        fake_.refuse = what;
-    }
 
     kivtest::LibraryScope library_;
     FakeSinkWriter fake_;
@@ -138,11 +132,9 @@ TEST_F(SinkWriterEncoderTest, AsksForH264AndAacAndHandsOverTimedSamples) {
     EXPECT_EQ(encoder_->WriteVideo(picture.data(), picture.size(), 0, 400000), 0u);
     EXPECT_EQ(encoder_->WriteAudio(pcm.data(), pcm.size(), 0, 100000), 0u);
     EXPECT_EQ(encoder_->WriteVideo(picture.data(), picture.size(), 400000, 400000), 0u);
-    std::vector<Values> expected = {{0, 0, 400000}, {1, 0, 100000}, {0, 400000, 400000}};
-    expected[0].insert(expected[0].end(), picture.begin(), picture.end());
-    expected[1].insert(expected[1].end(), pcm.begin(), pcm.end());
-    expected[2].insert(expected[2].end(), picture.begin(), picture.end());
-    EXPECT_EQ(fake_.samples, expected);
+    auto sample = [](Values v, const std::vector<uint8_t>& bytes) { return v.insert(v.end(), bytes.begin(), bytes.end()), v; };
+    EXPECT_EQ(fake_.samples, (std::vector<Values>{sample({0, 0, 400000}, picture), sample({1, 0, 100000}, pcm),
+                                                  sample({0, 400000, 400000}, picture)}));
 
     const kiv::EncoderFinalizeReport done = encoder_->Finalize();
     EXPECT_EQ(std::make_pair(done.hr, done.fileBytes), std::make_pair(0u, uint64_t(8)));
@@ -162,7 +154,8 @@ TEST_F(SinkWriterEncoderTest, RefusalsReportTheirStepAndLeaveNothingOpen) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(static_cast<int>(c.first));
-        Refuse(c.first);
+        fake_ = FakeSinkWriter();
+        fake_.refuse = c.first;
         const kiv::EncoderOpenReport report = encoder_->Open(settings_);
         EXPECT_EQ(std::make_pair(report.failedStep, report.hr), std::make_pair(c.second, static_cast<uint32_t>(kRefused)));
         EXPECT_FALSE(encoder_->IsOpen());
@@ -173,7 +166,8 @@ TEST_F(SinkWriterEncoderTest, RefusalsReportTheirStepAndLeaveNothingOpen) {
         EXPECT_EQ(fake_.refs, 0);
     }
     // A refused audio stream leaves a video-only file; a refused sample is reported.
-    Refuse(FakeSinkWriter::kAudioStream);
+    fake_ = FakeSinkWriter();
+    fake_.refuse = FakeSinkWriter::kAudioStream;
     const kiv::EncoderOpenReport report = encoder_->Open(settings_);
     EXPECT_EQ(std::make_tuple(report.failedStep, report.audioReady, report.audioHr, fake_.begun),
               std::make_tuple(kiv::EncoderOpenStep::kNone, false, static_cast<uint32_t>(kRefused), 1));
