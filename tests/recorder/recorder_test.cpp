@@ -627,7 +627,7 @@ TEST_F(RecorderFfmpeg, EveryProfileAndFramingRecordsTheSamePictures) {
         ASSERT_EQ(packets.packets.size(), size_t(kFrames));
         EXPECT_EQ(packets.statsCalls, kFrames);
         EXPECT_EQ(std::count_if(packets.packets.begin(), packets.packets.end(), [](const KivEncodedVideoPacket& p) { return p.key; }), 3);
-        ASSERT_TRUE(WriteAll(dir_ + "/callback.h264", packets.bytes));
+        ASSERT_TRUE(kivtest::WriteFile(dir_ + "/callback.h264", std::string(packets.bytes.begin(), packets.bytes.end())));
         EXPECT_EQ(DecodedFrameHashes(dir_ + "/callback.h264"), s.hashes);
     }
     EXPECT_EQ(kivtest::CountOf(kivtest::LibraryLog(), "AAC encoder init failed sr=48000 ch=2\r\n"), 1u);

@@ -33,9 +33,7 @@ struct PatternFrame {
 
 inline int FloorDiv256(int v) { return static_cast<int>(std::floor(v / 256.0)); }
 
-struct Bgr {
-    int b, g, r;
-};
+struct Bgr { int b, g, r; };
 // Source pixel (x, y) by the integer BT.601 limited-range rules, with floating floor division instead of shifts.
 inline Bgr ReferencePixel(const KivVideoFrame& f, int x, int y) {
     auto stride = [&](int i, int tight) { return f.strides[i] < 1 ? tight : f.strides[i]; };
@@ -60,10 +58,7 @@ inline Bgr ReferencePixel(const KivVideoFrame& f, int x, int y) {
 }
 
 // The converted frame's tight planes (YUY2 rows and NV12 chroma rows of whole pairs).
-struct ReferencePlanes {
-    std::vector<uint8_t> plane0, plane1;
-    int stride0 = 0, stride1 = 0;
-};
+struct ReferencePlanes { std::vector<uint8_t> plane0, plane1; int stride0 = 0, stride1 = 0; };
 inline ReferencePlanes ReferenceConvert(const KivVideoFrame& f, int w, int h, int format) {
     ReferencePlanes out;
     const int pairs = (w + 1) / 2;
@@ -79,13 +74,12 @@ inline ReferencePlanes ReferenceConvert(const KivVideoFrame& f, int w, int h, in
     if (format == KIV_PIXEL_FORMAT_RGB32 || format == KIV_PIXEL_FORMAT_RGB24) {
         const bool alpha = format == KIV_PIXEL_FORMAT_RGB32;
         out.stride0 = w * (alpha ? 4 : 3);
-        for (int y = 0; y < h; ++y) {
+        for (int y = 0; y < h; ++y)
             for (int x = 0; x < w; ++x) {
                 const Bgr p = src(x, y);
                 out.plane0.insert(out.plane0.end(), {uint8_t(p.b), uint8_t(p.g), uint8_t(p.r)});
                 if (alpha) out.plane0.push_back(255);
             }
-        }
     } else if (format == KIV_PIXEL_FORMAT_YUY2) {
         out.stride0 = pairs * 4;
         for (int y = 0; y < h; ++y)
@@ -100,9 +94,7 @@ inline ReferencePlanes ReferenceConvert(const KivVideoFrame& f, int w, int h, in
     return out;
 }
 
-struct ColourCase {
-    int32_t colorSpace, colorRange;  // 1 BT.601, 2 BT.709, 3 BT.2020; 1 full, 2 limited
-};
+struct ColourCase { int32_t colorSpace, colorRange; };  // 1 BT.601, 2 BT.709, 3 BT.2020; 1 full, 2 limited
 // Tight BGR of a window showing the frame as the pixel shader does (floating-point YUV), nearest sampling at pixel
 // centres nudged by `nudge` texture units: a centre on a texel edge may land on either side.
 inline std::vector<uint8_t> ExpectedWindow(const KivVideoFrame& f, int ww, int wh, const ColourCase& colour, double nudge) {

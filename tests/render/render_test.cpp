@@ -1,5 +1,5 @@
-// The render port without a real window: conversion against the independent reference, per-draw rules, the
-// stored copy, frame steps over a stand-in for Direct3D, the exported setters, two sources racing.
+// The render port: conversion against the reference, per-draw rules, the stored copy, frame steps over a stand-in
+// for Direct3D, the exported setters, two sources racing; under Windows real windows read back.
 #include <gtest/gtest.h>
 
 #include <condition_variable>
@@ -38,7 +38,6 @@ struct Shared {
     }
 };
 
-// Both the Direct3D seam and the stages, over one Shared record.
 struct Fake : KivRenderGpu, KivRenderStages {
     explicit Fake(Shared* shared) : s(shared) {}
     bool WindowAlive() override { return s->windowAlive; }
@@ -74,24 +73,19 @@ void ExpectPlane(const uint8_t* got, int gotStride, const std::vector<uint8_t>& 
     EXPECT_EQ(std::vector<uint8_t>(got, got + want.size()), want);
 }
 
-// The BGRA expansion used by snapshots: RGB32 as it is (alpha kept), the rest as converted to RGB32.
-void ExpectExpanded(const KivVideoFrame& f) {
-    std::vector<uint8_t> out;
-    ASSERT_EQ(KivRenderExpandToBgra(f, &out), KIV_OK);
-    EXPECT_EQ(out, f.format == KIV_PIXEL_FORMAT_RGB32 ? std::vector<uint8_t>(f.planes[0], f.planes[0] + f.width * f.height * 4)
-                                                      : rendertest::ReferenceConvert(f, f.width, f.height, KIV_PIXEL_FORMAT_RGB32).plane0);
-}
-
 TEST(RenderConvertTest, EveryFormatPairMatchesTheReferenceBitForBit) {
     // Shrinking, enlarging, odd sizes, one axis changed; last: strides of 0, NV12 chroma after the luma plane.
     const int sizes[][5] = {{64, 48, 37, 21, 0}, {20, 10, 33, 17, 0}, {63, 47, 64, 48, 0}, {31, 9, 31, 5, 0}, {2, 2, 1, 1, 0}, {16, 6, 8, 3, 1}};
     KivRenderConverter converter;  // one converter throughout: buffers are reused
+    std::vector<uint8_t> bgra;
     for (const auto& s : sizes) {
         for (int32_t from : kFormats) {
             PatternFrame src(from, s[0], s[1], !s[4]);
             src.frame.timestamp = 1234567, src.frame.frameIndex = 42;
             if (s[4]) src.frame.strides[0] = src.frame.strides[1] = 0;
-            ExpectExpanded(src.frame);
+            // The snapshots' BGRA expansion: RGB32 as it is (alpha kept), the rest as converted to RGB32.
+            ASSERT_EQ(KivRenderExpandToBgra(src.frame, &bgra), KIV_OK);
+            EXPECT_EQ(bgra, from == KIV_PIXEL_FORMAT_RGB32 ? src.bytes : rendertest::ReferenceConvert(src.frame, s[0], s[1], KIV_PIXEL_FORMAT_RGB32).plane0);
             for (int32_t to : kFormats) {
                 SCOPED_TRACE(testing::Message() << from << "->" << to << " " << s[0] << "x" << s[1] << "->" << s[2] << "x" << s[3]);
                 KivVideoFrame out{};
@@ -103,7 +97,6 @@ TEST(RenderConvertTest, EveryFormatPairMatchesTheReferenceBitForBit) {
             }
         }
     }
-    std::vector<uint8_t> bgra;
     PatternFrame row(KIV_PIXEL_FORMAT_RGB24, 3, 1);  // a single row is a frame; MJPG is not expanded
     KivVideoFrame mjpg = row.frame, empty = row.frame;
     mjpg.format = KIV_PIXEL_FORMAT_MJPG, empty.planes[0] = nullptr;
@@ -281,10 +274,7 @@ TEST(RenderDropTest, FramesArrivingWhileDrawingAreDroppedAndLoggedSparingly) {
     EXPECT_EQ(kivtest::CountOf(kivtest::LibraryLog(), "Snapshot save failed hr=0x80004001"), 1u);
 #endif
     KIV_EnableLog(0);
-    for (void* source : sources) {
-        KIV_Disconnect(source, render);
-        KIV_DestroyPort(source);
-    }
+    for (void* source : sources) KIV_Disconnect(source, render), KIV_DestroyPort(source);
     KIV_DestroyPort(render);
 }
 
@@ -296,7 +286,6 @@ struct FixedColour : KivRenderStages {
     rendertest::ColourCase colour{1, 2};
 };
 
-// A render port on a window, fed through a frame source as an application would.
 struct Harness {
     rendertest::TestWindow window;
     FixedColour* colour = new FixedColour();
@@ -306,11 +295,7 @@ struct Harness {
         : window(width, height, x, 0), render(new KivVideoRender(window.Handle(), nullptr, std::unique_ptr<KivRenderStages>(colour))) {
         EXPECT_EQ(KIV_Connect(source, render), KIV_OK);
     }
-    ~Harness() {
-        KIV_Disconnect(source, render);
-        KIV_DestroyPort(source);
-        KIV_DestroyPort(render);
-    }
+    ~Harness() { KIV_Disconnect(source, render), KIV_DestroyPort(source), KIV_DestroyPort(render); }
     // The reference sampled just before and after each pixel centre, within 2/255 (rasterisation rounds in float).
     void ExpectShown(const KivVideoFrame& f, int w, int h) {
         std::string where;

@@ -22,10 +22,7 @@ class TestWindow {
 public:
     TestWindow(int width, int height, int x = 0, int y = 0) {
         static const wchar_t* name = [] {
-            WNDCLASSW wc{};
-            wc.lpfnWndProc = Proc;
-            wc.hInstance = GetModuleHandleW(nullptr);
-            wc.lpszClassName = L"KivRenderTestWindow";
+            WNDCLASSW wc{0, Proc, 0, 0, GetModuleHandleW(nullptr), nullptr, nullptr, nullptr, nullptr, L"KivRenderTestWindow"};
             RegisterClassW(&wc);
             return wc.lpszClassName;
         }();
@@ -54,10 +51,7 @@ public:
         BitBlt(memDc, 0, 0, width, height, windowDc, 0, 0, SRCCOPY);
         GdiFlush();
         if (bits) std::copy_n(static_cast<const uint8_t*>(bits), pixels.size(), pixels.begin());
-        SelectObject(memDc, old);
-        DeleteObject(dib);
-        DeleteDC(memDc);
-        ReleaseDC(hwnd_, windowDc);
+        SelectObject(memDc, old), DeleteObject(dib), DeleteDC(memDc), ReleaseDC(hwnd_, windowDc);
         return pixels;
     }
     int width = 0, height = 0;

@@ -164,8 +164,6 @@ public:
     int texts = 0;
 };
 
-Bytes Pixel(const GpuOsdBitmap& c, int x, int y) { return Bytes(&c.pixels[(y * c.width + x) * 4], &c.pixels[(y * c.width + x) * 4 + 4]); }
-
 TEST(GpuOsd, RecordDefaultsAndCommandsInOrderWithSharedIds) {
     const std::pair<float, uint32_t> coverage[] = {{0.0f, 255}, {-1.0f, 255}, {std::nanf(""), 255}, {2.0f, 255}, {0.5f, 128}, {0.2f, 51}};
     for (const auto& c : coverage) {
@@ -193,8 +191,7 @@ TEST(GpuOsd, RecordDefaultsAndCommandsInOrderWithSharedIds) {
     // Nothing to change: no update of a picture's id, no removal of an unknown id.
     EXPECT_FALSE(kiv::ApplyGpuOsdCommands({{kiv::kGpuOsdUpdateText, 9, item(0, 0, 0, "x")}, {kiv::kGpuOsdRemove, 3, {}}}, &items));
     EXPECT_TRUE(kiv::ApplyGpuOsdCommands({{kiv::kGpuOsdRemove, 7, {}}}, &items));
-    ASSERT_EQ(items.size(), 1u);
-    EXPECT_EQ(items[0].id, 9);
+    ASSERT_TRUE(items.size() == 1 && items[0].id == 9);
     EXPECT_TRUE(kiv::ApplyGpuOsdCommands({{kiv::kGpuOsdClear, 0, {}}}, &items));
     EXPECT_FALSE(kiv::ApplyGpuOsdCommands({{kiv::kGpuOsdClear, 0, {}}}, &items));
     kiv::GpuOsdCommandQueue queue;  // hands each command over once; a clear drops what waits
@@ -229,9 +226,6 @@ TEST(GpuOsd, RectanglesMatchABarByBarReference) {
                                   kiv::GpuOsdCoverage(it.opacity));
     }
     EXPECT_EQ(canvas.pixels, want);
-    // Hand-worked: an opaque green bar pixel, a half-red corner covered twice over nothing.
-    EXPECT_EQ(Pixel(canvas, 0, 0), (Bytes{0, 255, 0, 255}));
-    EXPECT_EQ(Pixel(canvas, 8, 2), (Bytes{0, 0, 192, 192}));
 }
 
 TEST(GpuOsd, TextBlendsItsBrightnessAndPicturesScaleWithTheirAlpha) {
@@ -274,7 +268,6 @@ TEST(GpuOsd, TextBlendsItsBrightnessAndPicturesScaleWithTheirAlpha) {
     for (int i = 0; i < 4; ++i) put(4 + i % 2, 3 + i / 2, i % 2, i / 2, 1.0f);
     put(0, 3, 0, 0, 1.0f);
     EXPECT_EQ(canvas.pixels, want);
-    EXPECT_EQ(Pixel(canvas, 1, 0)[3], 128);  // the key colour pixel (source alpha 255) was drawn, half covered
 }
 
 std::string Span(int64_t time, int64_t duration) { return std::to_string(time) + "+" + std::to_string(duration); }
@@ -302,14 +295,10 @@ struct FakeSink : kiv::GpuRecordSink {
     }
     int32_t Convert(void* texture) override { return texture == &texture_ ? KIV_OK : KIV_ERROR_FAILED; }  // the final texture
     uint32_t WriteVideoZeroCopy(int64_t time, int64_t duration) override {
-        if (s->zeroCopyFailsFrom >= 0 && s->videoSamples >= s->zeroCopyFailsFrom) return 0x887A0001u;
-        return Video("v ", time, duration);
+        return s->zeroCopyFailsFrom >= 0 && s->videoSamples >= s->zeroCopyFailsFrom ? 0x887A0001u : Video("v ", time, duration);
     }
     int32_t WriteVideoCopied(int64_t time, int64_t duration) override { return Video("copy ", time, duration); }
-    int32_t Video(const char* kind, int64_t time, int64_t duration) {
-        s->Event(kind + Span(time, duration));
-        return ++s->videoSamples, 0;
-    }
+    int32_t Video(const char* kind, int64_t time, int64_t duration) { return s->Event(kind + Span(time, duration)), ++s->videoSamples, 0; }
     uint32_t WriteAudio(const uint8_t*, uint32_t bytes, int64_t time, int64_t duration) override {
         if (s->audioResult == 0) s->Event("a " + Span(time, duration) + " " + std::to_string(bytes));
         return s->audioResult;
@@ -509,9 +498,7 @@ protected:
             pattern[i * 4] = uint8_t(i % kW * 4), pattern[i * 4 + 1] = uint8_t(i / kW * 5), pattern[i * 4 + 2] = uint8_t((i % kW + i / kW) * 2);
     }
     void TearDown() override {
-        KIV_Disconnect(source, render);
-        KIV_DestroyPort(source);
-        KIV_DestroyPort(render);
+        KIV_Disconnect(source, render), KIV_DestroyPort(source), KIV_DestroyPort(render);
         GpuTest::TearDown();
     }
     // Pushes the BGRA frame until the window shows `want` (tight, bpp bytes a pixel) within the tolerance.
@@ -538,12 +525,9 @@ TEST_F(GpuWindowTest, SnapshotsLutAgainstTheColourEngineAndTheRecorder) {
     ASSERT_EQ(Show(pattern, pattern, 4, 0), 0) << where;
     ASSERT_EQ(Snapshot("cpu.bmp", 1), KIV_OK);
     int32_t result = -99;
-    std::thread sta([&] {  // the JPEG from a single-threaded apartment
-        CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-        result = Snapshot("cpu.jpg", 2);
-        CoUninitialize();
-    });
-    sta.join();
+    std::thread([&] {  // the JPEG from a single-threaded apartment
+        CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED), result = Snapshot("cpu.jpg", 2), CoUninitialize();
+    }).join();
     EXPECT_EQ(result, KIV_OK);
     EXPECT_EQ(KIV_SaveVideoRenderSnapshot(render, kivtest::Wide(dir + "/no/such/folder/x.bmp").c_str(), 1), KIV_ERROR_FAILED);
     // The CPU colour engine's result for the same cube and strength is the reference of the GPU LUT.
@@ -557,16 +541,12 @@ TEST_F(GpuWindowTest, SnapshotsLutAgainstTheColourEngineAndTheRecorder) {
     ASSERT_EQ(KIV_LoadVideoColorEngineCubeFile(engine, cube.c_str()), KIV_OK);
     ASSERT_EQ(KIV_PushVideoFrame(engineSource, &f), KIV_OK);
     ASSERT_EQ(caught.Count(), 1u);
-    KIV_Disconnect(engineSource, engine);
-    KIV_DestroyPort(engineSource);
-    KIV_DestroyPort(engine);
+    KIV_Disconnect(engineSource, engine), KIV_DestroyPort(engineSource), KIV_DestroyPort(engine);
     const KivVideoRenderLutConfig config{1, 1, 0, 1, 1, 0.75f};
     ASSERT_EQ(KIV_LoadVideoRenderCubeFile(render, cube.c_str()), KIV_OK);
     ASSERT_EQ(KIV_SetVideoRenderLutConfig(render, &config), KIV_OK);
     // The GPU samples the LUT in float, the colour engine looks up in 8-bit integers: three steps of 1/255 cover it.
-    const int worst = Show(pattern, caught.frames[0].plane0, 4, 3);
-    EXPECT_LE(worst, 3) << where;
-    std::printf("GPU LUT against the colour engine: largest difference %d (%s)\n", worst, where.c_str());
+    EXPECT_LE(Show(pattern, caught.frames[0].plane0, 4, 3), 3) << where;
     // With the LUT on, the snapshot comes from the final texture (the ungraded CPU copy would not match the window).
     ASSERT_EQ(Snapshot("gpu.bmp", 1), KIV_OK);
     // Wine has no sink writer: every final frame tries to set up and fails; elsewhere the file gets written.
@@ -576,11 +556,8 @@ TEST_F(GpuWindowTest, SnapshotsLutAgainstTheColourEngineAndTheRecorder) {
     EXPECT_EQ(KIV_IsVideoRenderGpuRecording(render), 1);
     EXPECT_EQ(KIV_StopVideoRenderGpuRecord(render) + KIV_IsVideoRenderGpuRecording(render), 0);
     const std::string log = kivtest::LibraryLog();
-    if (log.find("GPU recorder initialized") == std::string::npos) {
-        EXPECT_EQ(kivtest::CountOf(log, "create sink writer failed"), 3u) << log;
-    } else {
-        EXPECT_GT(kivtest::ReadFile(dir + "/final.mp4").size(), 0u);
-    }
+    EXPECT_TRUE(log.find("GPU recorder initialized") == std::string::npos ? kivtest::CountOf(log, "create sink writer failed") == 3
+                                                                          : !kivtest::ReadFile(dir + "/final.mp4").empty()) << log;
 }
 
 TEST_F(GpuWindowTest, OverlayItemsAppearWhereAndHowTheySay) {

@@ -52,11 +52,10 @@ inline Bytes Nal(uint8_t header, const Bytes& rbsp) {
     return out;
 }
 
-inline Bytes AnnexB(const std::vector<Bytes>& nals, bool fourByteCodes = true) {
+inline Bytes AnnexB(const std::vector<Bytes>& nals) {
     Bytes out;
     for (const Bytes& n : nals) {
-        if (fourByteCodes) out.push_back(0);
-        out.insert(out.end(), {0, 0, 1});
+        out.insert(out.end(), {0, 0, 0, 1});
         out.insert(out.end(), n.begin(), n.end());
     }
     return out;
@@ -126,21 +125,6 @@ inline uint64_t U64(const Bytes& b, uint64_t at) { return (uint64_t(U32(b, at)) 
 
 // An MP4 box: type, offset, full size and where its payload starts.
 struct Box { std::string type; uint64_t offset, size, payload; };
-// Top-level boxes of a file, or the children of a box (payload range).
-inline std::vector<Box> Boxes(const Bytes& file, uint64_t begin, uint64_t end) {
-    std::vector<Box> boxes;
-    for (uint64_t pos = begin; pos + 8 <= end;) {
-        uint64_t size = U32(file, pos), header = 8;
-        if (size == 1 && pos + 16 > end) break;
-        if (size == 1) size = U64(file, pos + 8), header = 16;
-        else if (size == 0) size = end - pos;
-        if (size < header || pos + size > end) break;
-        boxes.push_back({std::string(file.begin() + long(pos + 4), file.begin() + long(pos + 8)), pos, size, pos + header});
-        pos += size;
-    }
-    return boxes;
-}
-
 // Finds a box by path ("moov/trak/mdia"); the n-th match of the last step.
 inline bool FindBox(const Bytes& file, const std::string& path, Box* out, int index = 0) {
     uint64_t begin = 0, end = file.size();
@@ -150,11 +134,16 @@ inline bool FindBox(const Bytes& file, const std::string& path, Box* out, int in
         const std::string step = path.substr(from, last ? std::string::npos : slash - from);
         int seen = 0;
         bool found = false;
-        for (const Box& box : Boxes(file, begin, end))
-            if (box.type == step && (!last || seen++ == index)) {
-                *out = box, found = true;
-                break;
-            }
+        for (uint64_t pos = begin; !found && pos + 8 <= end;) {  // the boxes of the range
+            uint64_t size = U32(file, pos), header = 8;
+            if (size == 1 && pos + 16 > end) break;
+            if (size == 1) size = U64(file, pos + 8), header = 16;
+            else if (size == 0) size = end - pos;
+            if (size < header || pos + size > end) break;
+            const Box box{std::string(file.begin() + long(pos + 4), file.begin() + long(pos + 8)), pos, size, pos + header};
+            if (box.type == step && (!last || seen++ == index)) *out = box, found = true;
+            pos += size;
+        }
         if (!found || last) return found;
         begin = out->payload, end = out->offset + out->size, from = slash + 1;
     }
@@ -164,13 +153,7 @@ inline Bytes ReadAll(const std::string& path) {
     const std::string bytes = kivtest::ReadFile(path);
     return {bytes.begin(), bytes.end()};
 }
-inline bool WriteAll(const std::string& path, const Bytes& data) {
-    return kivtest::WriteFile(path, std::string(data.begin(), data.end()));
-}
-inline std::basic_string<KivWChar> WidePath(const std::string& path) {
-    return std::basic_string<KivWChar>(reinterpret_cast<const unsigned char*>(path.data()),
-                                       reinterpret_cast<const unsigned char*>(path.data()) + path.size());
-}
+inline std::basic_string<KivWChar> WidePath(const std::string& path) { return kivtest::Wide(path); }
 
 // Runs a shell command: exit status and standard output (fails outside the native build: no ffmpeg tools).
 inline int Run(const std::string& command, std::string* output = nullptr) {

@@ -8,14 +8,7 @@
 #include <fstream>
 #include <sstream>
 
-#if defined(_WIN32)
-#include <process.h>
-#define KIVTEST_PID _getpid()
-#else
-#include <unistd.h>
-#define KIVTEST_PID getpid()
-#endif
-
+#include "../../src/core/kiv_platform.h"
 #include "../../src/core/kiv_state.h"
 #include "../../src/ports/kiv_frame.h"
 
@@ -146,7 +139,7 @@ private:
 }  // namespace
 
 std::string TempDir(const std::string& name) {
-    const auto dir = std::filesystem::temp_directory_path() / ("kivtest_" + name + "_" + std::to_string(KIVTEST_PID));
+    const auto dir = std::filesystem::temp_directory_path() / ("kivtest_" + name + "_" + std::to_string(kiv::platform::CurrentProcessId()));
     std::error_code ec;
     std::filesystem::remove_all(dir, ec);
     std::filesystem::create_directories(dir, ec);
